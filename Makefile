@@ -1,0 +1,69 @@
+# Entry points for people: `make` builds, `make test` builds and runs every
+# test, `make demo` runs qorhost on the example CAP files. Run as root, the
+# targets first install the Debian packages the build needs.
+
+BUILD_DIR     ?= build
+SANITIZE_DIR  ?= build-sanitize
+BUILD_TYPE    ?= RelWithDebInfo
+JOBS          ?= $(shell nproc 2>/dev/null || echo 2)
+GENERATOR     := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
+DEMO_DIR      ?= $(CURDIR)/build/demo
+
+DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libicu-dev \
+                 googletest libgtest-dev libgmock-dev libxml2-utils clang
+
+.PHONY: all build deps test test-sanitize demo clean help
+
+all: build
+
+help:
+	@echo "make               build libqor and the programs into $(BUILD_DIR)/"
+	@echo "make test          build and run the whole test suite"
+	@echo "make test-sanitize the suite under AddressSanitizer and UBSan ($(SANITIZE_DIR)/)"
+	@echo "make demo          run qorhost on examples/cap (Ctrl-C stops it)"
+	@echo "make deps          install the Debian packages the build needs (as root)"
+	@echo "make clean         remove the build folders"
+
+deps:
+	@missing=""; \
+	for p in $(DEB_PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -z "$$missing" ]; then exit 0; fi; \
+	if [ "$$(id -u)" = "0" ]; then \
+	  echo "Installing:$$missing"; \
+	  apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -y -q $$missing; \
+	else \
+	  echo "Missing Debian packages:$$missing"; \
+	  echo "Run 'sudo make deps' (or install them yourself) and try again."; \
+	  exit 1; \
+	fi
+
+$(BUILD_DIR)/build.ninja $(BUILD_DIR)/Makefile: | deps
+	cmake -S . -B $(BUILD_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+
+build: deps $(BUILD_DIR)/$(if $(GENERATOR),build.ninja,Makefile)
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	cd $(BUILD_DIR) && ctest -j $(JOBS) --output-on-failure --timeout 300
+
+test-sanitize: deps
+	cmake -S . -B $(SANITIZE_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DQOR_SANITIZE=ON
+	cmake --build $(SANITIZE_DIR) -j $(JOBS)
+	cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	  ctest -j $(JOBS) --output-on-failure --timeout 600
+
+# The demo works on a copy of examples/cap, so that the state file and any
+# CAP file you add or remove stay out of the source tree.
+demo: build
+	@mkdir -p $(DEMO_DIR)/cap $(DEMO_DIR)/ip
+	@cp examples/cap/*.xml $(DEMO_DIR)/cap/ 2>/dev/null || true
+	@echo "qorhost on $(DEMO_DIR)/cap (a copy of examples/cap): add or remove CAP files there."
+	@echo "Error traces go to standard error; set QOR_TRACE_LEVEL=146 for the whole story."
+	@echo "Press Ctrl-C to stop."
+	$(BUILD_DIR)/tools/qorhost --cap-dir $(DEMO_DIR)/cap --ip-dir $(DEMO_DIR)/ip \
+	  --trace-level $${QOR_TRACE_LEVEL:-128}
+
+clean:
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR)

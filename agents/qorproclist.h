@@ -1,0 +1,49 @@
+// The Controller's agent lists: a list of Agent pointers with a lock that knows
+// its holder, and the check schedule of the availability cycle. The list does
+// not own its agents. Iteration and changes need the list lock held; the lock
+// is not recursive.
+#ifndef QOR_AGENTS_QORPROCLIST_H
+#define QOR_AGENTS_QORPROCLIST_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <bitset>
+#include <list>
+
+class Agent;
+
+class ManagedProcessList : public std::list<Agent*> {
+ public:
+  ManagedProcessList();
+  ~ManagedProcessList();
+  ManagedProcessList(const ManagedProcessList&) = delete;
+  ManagedProcessList& operator=(const ManagedProcessList&) = delete;
+
+  void push_back(Agent* agent);
+  iterator erase(iterator position);
+  // True if this very pointer is in the list (compared by address).
+  bool inList(Agent* agent);
+
+  bool lockList();
+  // Refuses, with false and a trace, a thread that does not hold the lock, and
+  // a second unlock by the holder: a command run gives the lock up only when
+  // its caller really holds it.
+  bool unlockList();
+
+  bool isDirty() const { return dirty.load(std::memory_order_acquire); }
+  void setDirty() { dirty.store(true, std::memory_order_release); }
+  int getCycleCount() const { return cycleCount.load(std::memory_order_acquire); }
+  int getInterval() const { return interval; }
+
+ private:
+  std::bitset<721> masterMask;
+  std::atomic<int> cycleCount;
+  int interval;
+  std::atomic<bool> dirty;
+  pthread_mutex_t listMutex;
+  std::atomic<pthread_t> lockOwner;
+  std::atomic<bool> locked;
+};
+
+#endif  // QOR_AGENTS_QORPROCLIST_H

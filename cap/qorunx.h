@@ -1,0 +1,24 @@
+// The CAP directory watcher: a thread that polls the CAP directories and raises
+// one CAPFileEvent for each file that appears or goes. Also the listing of one
+// directory's CAP files, which the initial scan uses too.
+#ifndef QOR_CAP_QORUNX_H
+#define QOR_CAP_QORUNX_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+// 1 tells the watcher thread to end.
+extern std::atomic<int> g_bShutdown;
+
+bool RegisterFileChangeHandlers(pthread_t* thread);
+void StopFileChangeHandlers();
+void* HandleDirectoryChanges(void* unused);
+
+// The sorted names of the CAP files ("*.xml", no leading dot) of a directory;
+// empty when it cannot be read.
+std::vector<std::wstring> GetCAPDirFiles(const std::wstring& directory);
+
+#endif  // QOR_CAP_QORUNX_H

@@ -1,0 +1,352 @@
+#include "core/qorctrl.h"
+
+#include <cerrno>
+
+#include "agents/qoragt.h"
+#include "core/qorcmdhand.h"
+#include "core/qormsghand.h"
+#include "core/qorutil.h"
+#include "platform/log1.h"
+
+QOR_TRACE_UNIT();
+
+Controller* Controller::pCtrlrInstance = nullptr;
+bool Controller::isWatchDog = false;
+std::atomic<bool> Controller::bRecycleOS{false};
+
+// Declared by the units that own these threads.
+void* messageHandlerThreadEntry(void* handler);
+void* commandHandlerThreadEntry(void* handler);
+bool RegisterFileChangeHandlers(pthread_t* thread);
+void StopFileChangeHandlers();
+void* TEOSocketSrvThreadEntry(void* unused);
+void* WatchdogSocketSrvThreadEntry(void* unused);
+
+namespace {
+
+void initRendezvous(Rendezvous& rendezvous) {
+  pthread_mutex_init(&rendezvous.mutex, nullptr);
+  pthread_cond_init(&rendezvous.condition, nullptr);
+  rendezvous.flag = false;
+}
+
+void destroyRendezvous(Rendezvous& rendezvous) {
+  pthread_cond_destroy(&rendezvous.condition);
+  pthread_mutex_destroy(&rendezvous.mutex);
+}
+
+void setRendezvous(Rendezvous& rendezvous) {
+  pthread_mutex_lock(&rendezvous.mutex);
+  rendezvous.flag = true;
+  pthread_cond_signal(&rendezvous.condition);
+  pthread_mutex_unlock(&rendezvous.mutex);
+}
+
+void clearRendezvous(Rendezvous& rendezvous) {
+  pthread_mutex_lock(&rendezvous.mutex);
+  rendezvous.flag = false;
+  pthread_mutex_unlock(&rendezvous.mutex);
+}
+
+// The usual wait: an interruption ends the wait unless the story level is on,
+// in which case it is traced and the wait goes on; any other result waits again.
+void waitStandard(pthread_mutex_t* mutex, pthread_cond_t* condition, const bool* flag, bool traceRc) {
+  QOR_TRACE_FUNCTION();
+  while (!*flag) {
+    int rc = pthread_cond_wait(condition, mutex);
+    if (traceRc) QOR_TRACE_STORY("rc from wait %d\n", rc);
+    if (rc == EINTR) {
+      if (!QOR_TRACE_ON(QOR_TL_STORY)) break;
+      QOR_TRACE_STORY("system interrupt received while waiting...retrying\n");
+    }
+  }
+}
+
+void waitStandard(Rendezvous& rendezvous, bool traceRc) {
+  pthread_mutex_lock(&rendezvous.mutex);
+  waitStandard(&rendezvous.mutex, &rendezvous.condition, &rendezvous.flag, traceRc);
+  pthread_mutex_unlock(&rendezvous.mutex);
+}
+
+// The discovery wait of shutdown differs on purpose: an interruption waits
+// again, and any other result, success included, ends the wait at once.
+void waitOnceUnlessInterrupted(Rendezvous& rendezvous) {
+  QOR_TRACE_FUNCTION();
+  pthread_mutex_lock(&rendezvous.mutex);
+  while (!rendezvous.flag) {
+    int rc = pthread_cond_wait(&rendezvous.condition, &rendezvous.mutex);
+    if (rc != EINTR) break;
+    QOR_TRACE_STORY("system interrupt received while waiting...retrying\n");
+  }
+  pthread_mutex_unlock(&rendezvous.mutex);
+}
+
+}  // namespace
+
+Controller::Controller()
+    : xmlProcessor(nullptr),
+      watchdogListChecked(time(nullptr)),
+      watchdogDataValid(false),
+      wdCache(nullptr),
+      teoThread(),
+      threadRequest(0),
+      shuttingDown(false),
+      messageHandler(new MessageHandler()),
+      messageHandlerThread(),
+      commandHandler(new CommandHandler()),
+      commandHandlerThread(),
+      fileChangeThread(),
+      availabilityThread(),
+      discoveryThread(),
+      socketServerThread(),
+      avSleeping(false),
+      diSleeping(false),
+      disarmed(false),
+      startup(0),
+      discoveryInterval(0),
+      zelDiscoveryInterval(600) {
+  QOR_TRACE_FUNCTION();
+  initRendezvous(startupRendezvous);
+  pthread_mutex_init(&requestMutex, nullptr);
+  pthread_cond_init(&requestCondition, nullptr);
+  initRendezvous(shutdownRendezvous);
+  initRendezvous(avRendezvous);
+  initRendezvous(diRendezvous);
+  initRendezvous(initialDiscoveryRendezvous);
+  pthread_mutex_init(&discoveryMutex, nullptr);
+
+  // The discovery thread runs only when asked for; the instance discovery can
+  // never be set to run more often than it.
+  int value = 0;
+  if (QOR_GetEnvironmentAsInt("QOR_DISCOVERY_INTERVAL", value) && value > discoveryInterval) {
+    discoveryInterval = value;
+  }
+  if (QOR_GetEnvironmentAsInt("QOR_ZEL_DISCOVERY_INTERVAL", value) && value >= discoveryInterval) {
+    zelDiscoveryInterval = value;
+  }
+}
+
+Controller::~Controller() {
+  destroyRendezvous(startupRendezvous);
+  pthread_cond_destroy(&requestCondition);
+  pthread_mutex_destroy(&requestMutex);
+  destroyRendezvous(shutdownRendezvous);
+  destroyRendezvous(avRendezvous);
+  destroyRendezvous(diRendezvous);
+  destroyRendezvous(initialDiscoveryRendezvous);
+  pthread_mutex_destroy(&discoveryMutex);
+  // The lists never own their agents.
+  managedEndpointProcesses.clear();
+  watchdogList.clear();
+  delete commandHandler;
+  delete messageHandler;
+}
+
+Controller* Controller::getController() {
+  if (pCtrlrInstance == nullptr) pCtrlrInstance = new Controller();
+  return pCtrlrInstance;
+}
+
+bool Controller::startDetachedThread(pthread_t* thread, void* (*entry)(void*), void* argument) {
+  QOR_TRACE_FUNCTION();
+  int rc = pthread_create(thread, nullptr, entry, argument);
+  if (rc != 0) {
+    QOR_TRACE_ERROR("ERROR: pthread_create() failed (rc %i)", rc);
+    return false;
+  }
+  pthread_detach(*thread);
+  return true;
+}
+
+bool Controller::startMessageHandler() {
+  return startDetachedThread(&messageHandlerThread, messageHandlerThreadEntry, messageHandler);
+}
+
+bool Controller::startCommandHandler() {
+  return startDetachedThread(&commandHandlerThread, commandHandlerThreadEntry, commandHandler);
+}
+
+bool Controller::startAvailabilityChecker() {
+  return startDetachedThread(&availabilityThread, AVThreadEntry, nullptr);
+}
+
+bool Controller::startDiscoveryThread() { return startDetachedThread(&discoveryThread, DIThreadEntry, nullptr); }
+
+bool Controller::startSocketServer() {
+  return startDetachedThread(&socketServerThread,
+                             isWatchDog ? WatchdogSocketSrvThreadEntry : TEOSocketSrvThreadEntry, nullptr);
+}
+
+bool Controller::startFileChangeHandler() { return RegisterFileChangeHandlers(&fileChangeThread); }
+
+void Controller::signalInitialDiscoveryComplete() {
+  setRendezvous(initialDiscoveryRendezvous);
+  // The process table of the initial scan is of no use once every CAP file
+  // has been handled; later events read the table for themselves.
+  for (QorProcess* process : runningProcesses) delete process;
+  runningProcesses.clear();
+}
+
+void Controller::signalStartupComplete() { setRendezvous(startupRendezvous); }
+void Controller::signalAVShutdownComplete() { setRendezvous(avRendezvous); }
+void Controller::signalDIShutdownComplete() { setRendezvous(diRendezvous); }
+
+bool Controller::lockDiscovery() {
+  QOR_TRACE_FUNCTION();
+  int rc = pthread_mutex_lock(&discoveryMutex);
+  if (rc != 0) {
+    QOR_TRACE_ERROR("Error: pthread_mutex_lock failed, rc=%d \n", rc);
+    return false;
+  }
+  return true;
+}
+
+bool Controller::unlockDiscovery() {
+  QOR_TRACE_FUNCTION();
+  int rc = pthread_mutex_unlock(&discoveryMutex);
+  if (rc != 0) {
+    QOR_TRACE_ERROR("Error: pthread_mutex_unlock failed, rc=%d \n", rc);
+    return false;
+  }
+  return true;
+}
+
+bool Controller::tryLockDiscovery() { return pthread_mutex_trylock(&discoveryMutex) == 0; }
+
+void Controller::startTEOThread() {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_STORY("starting TEO thread.\n");
+  startup = time(nullptr);
+  clearRendezvous(startupRendezvous);
+  startDetachedThread(&teoThread, TEOThreadEntry, nullptr);
+
+  QOR_TRACE_STORY("Enter wait for TEO startup complete.\n");
+  waitStandard(startupRendezvous, true);
+  QOR_TRACE_STORY("startup complete message received.\n");
+  // Embedded mode collects here what the watchdog process cached while this
+  // service was down; that cache joins with the watchdog process.
+}
+
+void* TEOThreadEntry(void* /*unused*/) {
+  Controller::getController()->TEOThreadExecution();
+  return nullptr;
+}
+
+void Controller::TEOThreadExecution() {
+  QOR_TRACE_FUNCTION();
+  startMessageHandler();
+  startCommandHandler();
+
+  clearRendezvous(initialDiscoveryRendezvous);
+  initialDiscovery();
+  waitStandard(initialDiscoveryRendezvous, true);
+
+  // The order matters: the watcher starts with the scan's files already in
+  // its list, and the cycle starts after every policy is known.
+  startFileChangeHandler();
+  startSocketServer();
+  startAvailabilityChecker();
+  if (!isWatchDog && discoveryInterval != 0) startDiscoveryThread();
+
+  signalStartupComplete();
+
+  shuttingDown.store(false, std::memory_order_release);
+  QOR_TRACE_STORY("Enter loop for waiting for thread requests\n");
+  requestLoop();
+  QOR_TRACE_STORY("Exiting TEO execution thread\n");
+}
+
+void Controller::requestLoop() {
+  QOR_TRACE_FUNCTION();
+  while (!isShuttingDown()) {
+    pthread_mutex_lock(&requestMutex);
+    while (threadRequest == 0) {
+      int rc = pthread_cond_wait(&requestCondition, &requestMutex);
+      if (rc == EINTR) {
+        if (!QOR_TRACE_ON(QOR_TL_STORY)) break;
+        QOR_TRACE_STORY("system interrupt received while waiting...retrying\n");
+      }
+    }
+    QOR_TRACE_STORY("Request received: %d \n", threadRequest);
+    if (threadRequest == 1) {
+      QOR_TRACE_STORY("Shutdown request received \n");
+      shuttingDown.store(true, std::memory_order_release);
+    }
+    threadRequest = 0;
+    pthread_mutex_unlock(&requestMutex);
+
+    if (isShuttingDown()) {
+      QOR_TRACE_STORY("Processing shutdown request\n");
+      shutdownTEO();
+      pthread_mutex_lock(&shutdownRendezvous.mutex);
+      shutdownRendezvous.flag = true;
+      QOR_TRACE_STORY("Signalling shutdown complete\n");
+      pthread_cond_signal(&shutdownRendezvous.condition);
+      pthread_mutex_unlock(&shutdownRendezvous.mutex);
+    }
+  }
+}
+
+void Controller::requestShutdown() {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_STORY("Signalling shutdown request. \n");
+  pthread_mutex_lock(&requestMutex);
+  threadRequest = 1;
+  pthread_cond_signal(&requestCondition);
+  pthread_mutex_unlock(&requestMutex);
+
+  QOR_TRACE_STORY("Enter wait for shutdown complete.\n");
+  waitStandard(shutdownRendezvous, true);
+  QOR_TRACE_STORY("Shutdown complete message received.\n");
+}
+
+void Controller::shutdownTEO() {
+  QOR_TRACE_FUNCTION();
+  // Producers of events stop first, the queues last.
+  QOR_TRACE_STORY("TEO Shutdown request.\n");
+  QOR_TRACE_STORY("Shutdown filechange thread.\n");
+  StopFileChangeHandlers();
+
+  if (!workerThreads.isVectorEmpty()) {
+    workerThreads.cancelThreads();
+  } else {
+    QOR_TRACE_STORY("No worker threads to shutdown.\n");
+  }
+
+  waitForAVShutdown();
+  if (!isWatchDog && discoveryInterval != 0) waitForDIShutdown();
+
+  // Watchdog mode drops its event cache here; the cache joins with the
+  // watchdog process.
+
+  QOR_TRACE_STORY("Shutdown command handler thread.\n");
+  commandHandler->requestShutdown();
+  QOR_TRACE_STORY("Shutdown message handler thread.\n");
+  messageHandler->requestShutdown();
+}
+
+void Controller::waitForAVShutdown() {
+  QOR_TRACE_FUNCTION();
+  // A thread inside its sleep holds no lock and may be cancelled there; one
+  // inside a cycle is waited for until it sees shuttingDown.
+  if (avSleeping.load(std::memory_order_acquire)) {
+    pthread_cancel(availabilityThread);
+    QOR_TRACE_STORY("AV thread cancelled.\n");
+    return;
+  }
+  QOR_TRACE_STORY("Enter wait for AV shutdown complete.\n");
+  waitStandard(avRendezvous, true);
+  QOR_TRACE_STORY("Shutdown AV complete message received.\n");
+}
+
+void Controller::waitForDIShutdown() {
+  QOR_TRACE_FUNCTION();
+  if (diSleeping.load(std::memory_order_acquire)) {
+    pthread_cancel(discoveryThread);
+    QOR_TRACE_STORY("discovery thread cancelled.\n");
+    return;
+  }
+  QOR_TRACE_STORY("Enter wait for discovery shutdown complete.\n");
+  waitOnceUnlessInterrupted(diRendezvous);
+  QOR_TRACE_STORY("Shutdown discovery complete message received.\n");
+}

@@ -1,0 +1,161 @@
+// The Controller: the one object that owns the running service, its agent
+// lists, policies, both event queues, every long-lived thread and the
+// rendezvous on which those threads start and stop. Reached from every unit
+// through Controller::getController(); created once and never destroyed.
+#ifndef QOR_CORE_QORCTRL_H
+#define QOR_CORE_QORCTRL_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "agents/qorproclist.h"
+#include "core/qorworkers.h"
+
+class XMLprocessor;
+class Message_Cache;
+class MessageHandler;
+class CommandHandler;
+class Policy;
+class QorProcess;
+
+// A flag set under a mutex and announced with one signal.
+struct Rendezvous {
+  pthread_mutex_t mutex;
+  pthread_cond_t condition;
+  bool flag = false;
+};
+
+// Thread entries.
+void* TEOThreadEntry(void* unused);
+void* AVThreadEntry(void* unused);
+void* DIThreadEntry(void* unused);
+
+class Controller {
+ public:
+  virtual ~Controller();
+
+  // The singleton, created on the first call; that call must come before any
+  // thread of the service starts.
+  static Controller* getController();
+  static bool isWatchDogMode() { return isWatchDog; }
+  // Chooses watchdog mode for good; before InitializeTEO.
+  static void setWatchDogMode() { isWatchDog = true; }
+  static bool isRecycleOS() { return bRecycleOS.load(); }
+  static void setRecycleOS(bool recycling) { bRecycleOS.store(recycling); }
+
+  // Startup and shutdown of the whole service. Each blocks until done.
+  void startTEOThread();
+  void requestShutdown();
+  bool isShuttingDown() const { return shuttingDown.load(std::memory_order_acquire); }
+
+  // The body of the TEO thread.
+  void TEOThreadExecution();
+
+  bool startDetachedThread(pthread_t* thread, void* (*entry)(void*), void* argument);
+  bool startMessageHandler();
+  bool startCommandHandler();
+  bool startAvailabilityChecker();
+  bool startDiscoveryThread();
+  bool startSocketServer();
+  bool startFileChangeHandler();
+
+  void signalInitialDiscoveryComplete();
+  void signalStartupComplete();
+  void signalAVShutdownComplete();
+  void signalDIShutdownComplete();
+
+  bool lockDiscovery();
+  bool unlockDiscovery();
+  // The discovery thread never waits for the mutex: false when it is taken.
+  bool tryLockDiscovery();
+
+  // Queues the initial scan of the CAP directories, last of all the event that
+  // releases the TEO thread.
+  void initialDiscovery();
+
+  // The availability and discovery loops.
+  void AvailChecking();
+  void runDiscovery();
+
+  ManagedProcessList* getManagedEndpointProcesses() { return &managedEndpointProcesses; }
+  ManagedProcessList* getWatchdogList() { return &watchdogList; }
+  MessageHandler* getMessageHandler() { return messageHandler; }
+  CommandHandler* getCommandHandler() { return commandHandler; }
+  WorkerThreadVector* getWorkerThreads() { return &workerThreads; }
+  XMLprocessor* getXMLProcessor() { return xmlProcessor; }
+  Message_Cache* getWDCache() { return wdCache; }
+  std::vector<Policy*>& getPolicies() { return policies; }
+  std::vector<QorProcess*>& getRunningProcesses() { return runningProcesses; }
+
+  std::vector<std::wstring> getCAPDirPaths() const { return capDirPaths; }
+  void setCAPDirPaths(const std::vector<std::wstring>& paths) { capDirPaths = paths; }
+  std::wstring getTEODirPath() const { return teoDirPath; }
+  void setTEODirPath(const std::wstring& path) { teoDirPath = path; }
+
+  bool isDisarmed() const { return disarmed.load(std::memory_order_acquire); }
+  time_t getStartup() const { return startup; }
+  int getDiscoveryInterval() const { return discoveryInterval; }
+  int getZelDiscoveryInterval() const { return zelDiscoveryInterval; }
+  bool isAVSleeping() const { return avSleeping.load(std::memory_order_acquire); }
+  bool isDISleeping() const { return diSleeping.load(std::memory_order_acquire); }
+
+ private:
+  Controller();
+  Controller(const Controller&) = delete;
+  Controller& operator=(const Controller&) = delete;
+
+  void shutdownTEO();
+  void requestLoop();
+  void waitForAVShutdown();
+  void waitForDIShutdown();
+
+  static Controller* pCtrlrInstance;
+  static bool isWatchDog;
+  static std::atomic<bool> bRecycleOS;
+
+  XMLprocessor* xmlProcessor;
+  ManagedProcessList managedEndpointProcesses;
+  ManagedProcessList watchdogList;
+  time_t watchdogListChecked;
+  bool watchdogDataValid;
+  Message_Cache* wdCache;
+  pthread_t teoThread;
+  Rendezvous startupRendezvous;  // startupComplete
+  pthread_mutex_t requestMutex;
+  pthread_cond_t requestCondition;
+  int threadRequest;  // 1, the only code: shutdown
+  std::atomic<bool> shuttingDown;
+  Rendezvous shutdownRendezvous;           // shutdownComplete
+  Rendezvous avRendezvous;                 // avShutdownComplete
+  Rendezvous diRendezvous;                 // diShutdownComplete
+  Rendezvous initialDiscoveryRendezvous;  // initialDiscoveryComplete
+  WorkerThreadVector workerThreads;
+  MessageHandler* messageHandler;
+  pthread_t messageHandlerThread;
+  CommandHandler* commandHandler;
+  pthread_t commandHandlerThread;
+  pthread_t fileChangeThread;
+  pthread_t availabilityThread;
+  pthread_t discoveryThread;
+  pthread_t socketServerThread;
+  // Read by shutdown without a lock to decide between cancel and wait.
+  std::atomic<bool> avSleeping;
+  std::atomic<bool> diSleeping;
+  std::vector<std::wstring> capDirPaths;
+  std::wstring teoDirPath;
+  std::atomic<bool> disarmed;
+  time_t startup;
+  int discoveryInterval;
+  int zelDiscoveryInterval;
+  pthread_mutex_t discoveryMutex;
+  std::vector<Policy*> policies;
+  std::vector<QorProcess*> runningProcesses;
+
+  friend class ControllerTestAccess;
+};
+
+#endif  // QOR_CORE_QORCTRL_H

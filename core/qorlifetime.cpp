@@ -1,0 +1,177 @@
+#include "core/qorlifetime.h"
+
+#include <string>
+#include <vector>
+
+#include "agents/qorfst.h"
+#include "core/qorctrl.h"
+#include "core/qormsghand.h"
+#include "core/qorutil.h"
+#include "include/qorapi.h"
+#include "platform/log1.h"
+#include "watchdog/qorunx.h"
+
+QOR_TRACE_UNIT();
+
+void InitializeWatchdog();
+
+QOR_QueryService* QOR_QueryService::m_pQSInstance = nullptr;
+int QOR_QueryService::m_referenceCount = 0;
+bool QOR_QueryService::m_bIsStarted = false;
+bool QOR_QueryService::m_bIsInitialized = false;
+
+namespace {
+
+// Splits at each ":" and appends "/" to each piece; an empty piece gives "/".
+std::vector<std::wstring> splitCapDirs(const std::wstring& value) {
+  std::vector<std::wstring> entries;
+  size_t start = 0;
+  for (;;) {
+    size_t colon = value.find(L':', start);
+    std::wstring piece = value.substr(start, colon == std::wstring::npos ? std::wstring::npos : colon - start);
+    entries.push_back(piece + L"/");
+    if (colon == std::wstring::npos) break;
+    start = colon + 1;
+  }
+  return entries;
+}
+
+// The directory of an entry: the text before its last "/".
+std::wstring directoryOf(const std::wstring& entry) {
+  size_t slash = entry.rfind(L'/');
+  return slash == std::wstring::npos ? entry : entry.substr(0, slash);
+}
+
+}  // namespace
+
+void InitializeTEO() {
+  QOR_TRACE_FUNCTION();
+  Controller* controller = Controller::getController();
+  if (Controller::isWatchDogMode()) InitializeWatchdog();
+
+  std::wstring raw = QOR_GetEnvironment(L"QOR_CAP_DIR");
+  std::wstring expanded = ReplaceEnvVariables(raw);
+  std::vector<std::wstring> entries;
+
+  if (raw.empty()) {
+    // No directory named: the state file then lies at "/teo.dat", since the
+    // TEO directory stays empty on this path.
+    QOR_TRACE_STORY("No QOR_CAP_DIR. Using .%sCAP\n", "/");
+    entries.push_back(L"./CAP");
+  } else {
+    QOR_TRACE_STORY("QOR_CAP_DIR = %s.\n", QOR_N(expanded));
+    entries = splitCapDirs(expanded);
+    bool found = false;
+    for (const std::wstring& entry : entries) {
+      if (FileExists(directoryOf(entry))) {
+        controller->setTEODirPath(entry);
+        QOR_TRACE_STORY("TEO directory = %s.\n", QOR_N(entry));
+        found = true;
+        break;
+      }
+    }
+    if (!found) {
+      QOR_TRACE_STORY("None of the paths defined in QOR_CAP_DIR exist on the system. Using .%sCAP\n", "/");
+      entries.push_back(L"./CAP");
+      controller->setTEODirPath(L"./CAP");
+    }
+  }
+  controller->setCAPDirPaths(entries);
+}
+
+void StartTEO() { Controller::getController()->startTEOThread(); }
+
+void PersistTEO() {
+  QOR_TRACE_FUNCTION();
+  if (Controller::isWatchDogMode()) return;  // the watchdog process never writes the state file
+  Controller* controller = Controller::getController();
+  ManagedProcessList* managed = controller->getManagedEndpointProcesses();
+  ManagedProcessList* watched = controller->getWatchdogList();
+  if (!managed->lockList()) return;
+  if (!watched->lockList()) {
+    managed->unlockList();
+    return;
+  }
+  QorOFStream out;
+  out << (managed->size() + watched->size()) << std::endl;
+  if (!managed->empty()) {
+    QOR_TRACE_STORY("Agent state being persisted to disk.\n");
+    // The records of each agent join with the agent records.
+  }
+  managed->unlockList();
+  if (!watched->empty()) {
+    QOR_TRACE_STORY("os agent being persisted to disk.\n");
+  }
+  watched->unlockList();
+  out.close();
+}
+
+void TerminateTEO() {
+  QOR_TRACE_FUNCTION();
+  Controller::getController()->requestShutdown();
+  PersistTEO();
+}
+
+QOR_QueryService::QOR_QueryService() {
+  pthread_mutex_init(&alertListMutex, nullptr);
+  pthread_mutex_init(&logListMutex, nullptr);
+  Controller::getController()->getMessageHandler()->registerListener(ProcessEvent);
+}
+
+QOR_QueryService::~QOR_QueryService() {
+  Controller::getController()->getMessageHandler()->deregisterListener(ProcessEvent);
+  if (lockLogListenerList()) {
+    logListeners.clear();
+    unlockLogListenerList();
+  }
+  if (lockAlertListenerList()) {
+    alertListeners.clear();
+    unlockAlertListenerList();
+  }
+  pthread_mutex_destroy(&alertListMutex);
+  pthread_mutex_destroy(&logListMutex);
+}
+
+QOR_QueryService* QOR_QueryService::initQueryService() {
+  if (m_referenceCount == 0) {
+    m_pQSInstance = new QOR_QueryService();
+    InitializeTEO();
+    m_bIsStarted = false;
+    m_bIsInitialized = true;
+  }
+  ++m_referenceCount;
+  return m_pQSInstance;
+}
+
+QOR_QueryService* QOR_QueryService::initWatchdogService() {
+  Controller::setWatchDogMode();
+  return initQueryService();
+}
+
+bool QOR_QueryService::isStarted() { return m_bIsStarted; }
+bool QOR_QueryService::isInitialized() { return m_bIsInitialized; }
+
+void QOR_QueryService::startQueryService() {
+  if (!m_bIsStarted && m_bIsInitialized) {
+    StartTEO();
+    m_bIsStarted = true;
+  }
+}
+
+bool QOR_QueryService::releaseQueryService(bool persistOnly) {
+  if (m_referenceCount == 1) {
+    // Cleared first, so that the wrappers answer -1 from here on.
+    m_bIsStarted = false;
+    m_bIsInitialized = false;
+    if (persistOnly) {
+      PersistTEO();
+    } else {
+      TerminateTEO();
+    }
+    delete m_pQSInstance;
+    m_pQSInstance = nullptr;
+  }
+  if (m_referenceCount == 0) return false;
+  --m_referenceCount;
+  return true;
+}

@@ -1,0 +1,159 @@
+#include "support/qortest.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/log1.h"
+
+extern char** environ;
+
+namespace qortest {
+
+TempDir::TempDir() {
+  const char* base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base && *base ? base : "/tmp") + "/qortest.XXXXXX";
+  std::vector<char> buffer(pattern.begin(), pattern.end());
+  buffer.push_back('\0');
+  if (mkdtemp(buffer.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = buffer.data();
+}
+
+TempDir::~TempDir() {
+  std::string command = "rm -rf '" + path_ + "'";
+  if (std::system(command.c_str()) != 0) {
+    // Nothing more to do: a leftover directory under /tmp harms no later test.
+  }
+}
+
+bool waitFor(const std::function<bool()>& condition, int timeoutMs) {
+  long long deadline = nowMs() + timeoutMs;
+  while (!condition()) {
+    if (nowMs() >= deadline) return condition();
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+void makeExecutable(const std::string& path) { chmod(path.c_str(), 0755); }
+
+bool fileExists(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0;
+}
+
+void traceTo(const std::string& path, unsigned mask) {
+  setenv("QOR_TRACE_FILE", path.c_str(), 1);
+  setenv("QOR_TRACE_LEVEL", std::to_string(mask).c_str(), 1);
+  LOG1_Reconfigure();
+}
+
+int countOccurrences(const std::string& text, const std::string& needle) {
+  if (needle.empty()) return 0;
+  int count = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + needle.size())) {
+    ++count;
+  }
+  return count;
+}
+
+std::vector<std::string> linesWith(const std::string& text, const std::string& needle) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.find(needle) != std::string::npos) lines.push_back(line);
+  }
+  return lines;
+}
+
+std::string sourceDir() {
+  const char* dir = std::getenv("QOR_TEST_SOURCE_DIR");
+  return dir ? dir : ".";
+}
+
+std::string binaryDir() {
+  const char* dir = std::getenv("QOR_TEST_BINARY_DIR");
+  return dir ? dir : ".";
+}
+
+RunResult runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv) {
+  RunResult result;
+  int outPipe[2];
+  int errPipe[2];
+  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) return result;
+
+  std::vector<std::string> envStrings;
+  for (char** entry = environ; *entry; ++entry) envStrings.push_back(*entry);
+  for (const std::string& extra : extraEnv) envStrings.push_back(extra);
+  std::vector<char*> envp;
+  for (std::string& entry : envStrings) envp.push_back(&entry[0]);
+  envp.push_back(nullptr);
+  std::vector<std::string> args(argv);
+  std::vector<char*> argp;
+  for (std::string& arg : args) argp.push_back(&arg[0]);
+  argp.push_back(nullptr);
+
+  pid_t child = fork();
+  if (child == 0) {
+    dup2(outPipe[1], STDOUT_FILENO);
+    dup2(errPipe[1], STDERR_FILENO);
+    execve(argp[0], argp.data(), envp.data());
+    _exit(127);
+  }
+  close(outPipe[1]);
+  close(errPipe[1]);
+  struct pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+  std::string* sinks[2] = {&result.out, &result.err};
+  int open = 2;
+  char buffer[4096];
+  while (open > 0) {
+    if (poll(fds, 2, -1) < 0 && errno != EINTR) break;
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      ssize_t count = read(fds[i].fd, buffer, sizeof buffer);
+      if (count > 0) {
+        sinks[i]->append(buffer, static_cast<size_t>(count));
+      } else {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+        --open;
+      }
+    }
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return result;
+}
+
+long long nowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace qortest

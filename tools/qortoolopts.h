@@ -1,0 +1,68 @@
+// Options shared by the programs that run the service (qorhost, qorwd): each
+// sets an environment variable before the service reads it, so options win
+// over variables. Header-only; used on the main thread before anything starts.
+#ifndef QOR_TOOLS_QORTOOLOPTS_H
+#define QOR_TOOLS_QORTOOLOPTS_H
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace qortool {
+
+struct EnvOption {
+  const char* flag;
+  const char* variable;
+};
+
+constexpr EnvOption kEnvOptions[] = {
+    {"--cap-dir", "QOR_CAP_DIR"},
+    {"--ip-dir", "QOR_IP_DIR"},
+    {"--trace-level", "QOR_TRACE_LEVEL"},
+    {"--trace-file", "QOR_TRACE_FILE"},
+};
+
+enum class ParseResult { Run, Help, Error };
+
+// Accepts "--flag VALUE" and "--flag=VALUE" for each option, and -h/--help.
+inline ParseResult parseEnvOptions(int argc, char** argv, const char* program) {
+  for (int i = 1; i < argc; ++i) {
+    const char* arg = argv[i];
+    if (std::strcmp(arg, "-h") == 0 || std::strcmp(arg, "--help") == 0) return ParseResult::Help;
+    bool known = false;
+    for (const EnvOption& option : kEnvOptions) {
+      size_t length = std::strlen(option.flag);
+      if (std::strncmp(arg, option.flag, length) != 0) continue;
+      const char* value = nullptr;
+      if (arg[length] == '=') {
+        value = arg + length + 1;
+      } else if (arg[length] == '\0' && i + 1 < argc) {
+        value = argv[++i];
+      } else if (arg[length] != '\0') {
+        continue;
+      }
+      if (value == nullptr) {
+        std::fprintf(stderr, "%s: option %s needs a value (try --help)\n", program, option.flag);
+        return ParseResult::Error;
+      }
+      setenv(option.variable, value, 1);
+      known = true;
+      break;
+    }
+    if (!known) {
+      std::fprintf(stderr, "%s: unknown argument '%s' (try --help)\n", program, arg);
+      return ParseResult::Error;
+    }
+  }
+  return ParseResult::Run;
+}
+
+inline const char* envOr(const char* name, const char* fallback) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : fallback;
+}
+
+}  // namespace qortool
+
+#endif  // QOR_TOOLS_QORTOOLOPTS_H

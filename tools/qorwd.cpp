@@ -1,0 +1,42 @@
+// qorwd: the stand-alone watchdog process that keeps the OS monitoring agent
+// alive. It runs the service in watchdog mode until SIGINT, SIGTERM or SIGILL.
+#include <cstdio>
+
+#include "qorapi.h"
+#include "qortoolopts.h"
+
+namespace {
+
+const char kUsage[] =
+    "Usage: qorwd [--cap-dir DIRS] [--ip-dir DIR] [--trace-level N] [--trace-file PATH]\n"
+    "\n"
+    "Runs the qor service in watchdog mode: it supervises only the OS monitoring\n"
+    "agent described among the CAP files, and answers the embedded service on\n"
+    "$QOR_IP_DIR/.teo_wd_sock. Runs until SIGINT, SIGTERM or SIGILL.\n"
+    "\n"
+    "Options (each sets the variable named, and wins over it):\n"
+    "  --cap-dir DIRS      QOR_CAP_DIR: colon-separated CAP directories\n"
+    "  --ip-dir DIR        QOR_IP_DIR: directory of the local sockets\n"
+    "  --trace-level N     QOR_TRACE_LEVEL: decimal trace bit mask (default 128)\n"
+    "  --trace-file PATH   QOR_TRACE_FILE: trace destination (default stderr)\n"
+    "  -h, --help          this text\n";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  switch (qortool::parseEnvOptions(argc, argv, "qorwd")) {
+    case qortool::ParseResult::Help:
+      std::fputs(kUsage, stdout);
+      return 0;
+    case qortool::ParseResult::Error:
+      return 2;
+    case qortool::ParseResult::Run:
+      break;
+  }
+  QOR_QueryService* service = QOR_QueryService::initWatchdogService();
+  service->startQueryService();
+  WatchdogMain();
+  service->releaseQueryService(false);
+  stop_exit();
+  return 0;
+}

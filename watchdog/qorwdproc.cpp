@@ -1,0 +1,82 @@
+#include "watchdog/qorwdproc.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "core/qorctrl.h"
+#include "include/qorapi.h"
+#include "platform/int1.h"
+#include "platform/log1.h"
+
+QOR_TRACE_UNIT();
+
+namespace {
+
+// Written by the signal handler, read by the main loop.
+volatile sig_atomic_t watchdogShutdown = 0;
+volatile sig_atomic_t capturedSignal = 0;
+
+}  // namespace
+
+void InitializeWatchdog() {
+  watchdogShutdown = 0;
+  RegisterSignalHandlers();
+}
+
+void RegisterSignalHandlers() {
+  QOR_TRACE_FUNCTION();
+  INT1_Record record;
+  std::memset(&record, 0, sizeof record);
+  record.handler = SignalQOR;
+  if (INT1_Action(INT1_SIGINT, &record, 0) != 0) {
+    QOR_TRACE_ERROR("INT1_Action for SIGINT failed, errno = %d", errno);
+  }
+  if (INT1_Action(INT1_SIGTERM, &record, 0) != 0) {
+    QOR_TRACE_ERROR("INT1_Action for SIGTERM failed, errno = %d", errno);
+  }
+  if (INT1_Action(INT1_SIGILL, &record, 0) != 0) {
+    QOR_TRACE_ERROR("INT1_Action for SIGILL failed, errno = %d", errno);
+  }
+}
+
+// Only async-signal-safe work here: the main loop writes the traces of the
+// signal once it sees the flag, since tracing takes locks and allocates.
+void SignalQOR(int signalNumber) {
+  capturedSignal = signalNumber;
+  watchdogShutdown = 1;
+}
+
+void UnblockSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGILL);
+  sigaddset(&set, SIGTERM);
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+void WatchdogMain() {
+  QOR_TRACE_FUNCTION();
+  const int interval = Controller::getController()->getDiscoveryInterval();
+  int ticks = 0;
+  while (!watchdogShutdown) {
+    sleep(1);
+    // The test uses the count before the increment, so the cleaning comes
+    // once in interval + 2 seconds. Reaping the children left behind joins
+    // with command execution.
+    if (ticks > interval) {
+      ticks = 0;
+    } else {
+      ++ticks;
+    }
+  }
+  int signalNumber = capturedSignal;
+  QOR_TRACE_STORY("Signal captured: %d (%s)", signalNumber, INT1_SignalName(signalNumber));
+  QOR_TRACE_STORY("Shutting down qorwd...");
+}
+
+void stop_exit() { fprintf(stderr, "\t**** qorwd terminated ****\n"); }

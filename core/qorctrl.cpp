@@ -170,7 +170,9 @@ bool Controller::startAvailabilityChecker() {
   return startDetachedThread(&availabilityThread, AVThreadEntry, nullptr);
 }
 
-bool Controller::startDiscoveryThread() { return startDetachedThread(&discoveryThread, DIThreadEntry, nullptr); }
+bool Controller::startDiscoveryThread() {
+  return startDetachedThread(&discoveryThread, DIThreadEntry, nullptr);
+}
 
 bool Controller::startSocketServer() {
   return startDetachedThread(&socketServerThread,

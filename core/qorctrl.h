@@ -129,9 +129,9 @@ class Controller {
   pthread_cond_t requestCondition;
   int threadRequest;  // 1, the only code: shutdown
   std::atomic<bool> shuttingDown;
-  Rendezvous shutdownRendezvous;           // shutdownComplete
-  Rendezvous avRendezvous;                 // avShutdownComplete
-  Rendezvous diRendezvous;                 // diShutdownComplete
+  Rendezvous shutdownRendezvous;          // shutdownComplete
+  Rendezvous avRendezvous;                // avShutdownComplete
+  Rendezvous diRendezvous;                // diShutdownComplete
   Rendezvous initialDiscoveryRendezvous;  // initialDiscoveryComplete
   WorkerThreadVector workerThreads;
   MessageHandler* messageHandler;

@@ -8,34 +8,34 @@ QOR_TRACE_UNIT();
 
 // Row 9 is never raised; it keeps the numbering, spelling and all.
 const std::wstring TEOMessages[TEO_MESSAGE_COUNT] = {
-    L"Agent added to system - CAP file found.",          // 0
-    L"Agent removed from system - CAP file removed.",    // 1
-    L"Agent now managed.",                               // 2
-    L"Agent now unmanaged.",                             // 3
-    L"Agent stop command received.",                     // 4
-    L"Agent start command received.",                    // 5
-    L"Agent restart failed - ",                          // 6
-    L"Agent started successfully.",                      // 7
-    L"Agent stopped abnormally.",                        // 8
-    L"Agent maintanance??",                              // 9
-    L"Agent stopped successfully.",                      // 10
-    L"Agent manual stop failed.",                        // 11
-    L"Agent exceeded restart tries.",                    // 12
-    L"Agent manual start failed - ",                     // 13
-    L"Agent not found",                                  // 14
-    L"Agent CAP file initialization completed",          // 15
-    L"Agent exceeded policy defined memory threshold",   // 16
-    L"Agent exceeded policy defined CPU threshold",      // 17
-    L"Disarm completed successfully",                    // 18
-    L"Rearm completed successfully",                     // 19
-    L"Agent health check",                               // 20
-    L"Agent restart disabled - disarm mode active",      // 21
-    L"Agent initial start",                              // 22
-    L"Agent not configured",                             // 23
-    L"Agent start after failure",                        // 24
-    L"Agent recycle command received",                   // 25
-    L"Agent daily restart count reset",                  // 26
-    L"Teo Services watchdog not reliable",               // 27
+    L"Agent added to system - CAP file found.",         // 0
+    L"Agent removed from system - CAP file removed.",   // 1
+    L"Agent now managed.",                              // 2
+    L"Agent now unmanaged.",                            // 3
+    L"Agent stop command received.",                    // 4
+    L"Agent start command received.",                   // 5
+    L"Agent restart failed - ",                         // 6
+    L"Agent started successfully.",                     // 7
+    L"Agent stopped abnormally.",                       // 8
+    L"Agent maintanance??",                             // 9
+    L"Agent stopped successfully.",                     // 10
+    L"Agent manual stop failed.",                       // 11
+    L"Agent exceeded restart tries.",                   // 12
+    L"Agent manual start failed - ",                    // 13
+    L"Agent not found",                                 // 14
+    L"Agent CAP file initialization completed",         // 15
+    L"Agent exceeded policy defined memory threshold",  // 16
+    L"Agent exceeded policy defined CPU threshold",     // 17
+    L"Disarm completed successfully",                   // 18
+    L"Rearm completed successfully",                    // 19
+    L"Agent health check",                              // 20
+    L"Agent restart disabled - disarm mode active",     // 21
+    L"Agent initial start",                             // 22
+    L"Agent not configured",                            // 23
+    L"Agent start after failure",                       // 24
+    L"Agent recycle command received",                  // 25
+    L"Agent daily restart count reset",                 // 26
+    L"Teo Services watchdog not reliable",              // 27
 };
 static_assert(sizeof(TEOMessages) / sizeof(TEOMessages[0]) == 28, "one message per event id");
 

@@ -28,7 +28,8 @@ std::vector<std::wstring> splitCapDirs(const std::wstring& value) {
   size_t start = 0;
   for (;;) {
     size_t colon = value.find(L':', start);
-    std::wstring piece = value.substr(start, colon == std::wstring::npos ? std::wstring::npos : colon - start);
+    std::wstring piece =
+        value.substr(start, colon == std::wstring::npos ? std::wstring::npos : colon - start);
     entries.push_back(piece + L"/");
     if (colon == std::wstring::npos) break;
     start = colon + 1;

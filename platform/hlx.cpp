@@ -55,8 +55,10 @@ void XMLCALL onStart(void* data, const XML_Char* name, const XML_Char** /*attrib
   auto* state = static_cast<BuildState*>(data);
   auto* element = new DOMElement(name);
   if (state->open.empty()) {
-    if (state->root == nullptr) state->root = element;
-    else delete element;  // expat reports a second root as an error anyway
+    if (state->root == nullptr)
+      state->root = element;
+    else
+      delete element;  // expat reports a second root as an error anyway
   } else {
     state->open.back()->appendChild(element);
   }
@@ -134,8 +136,8 @@ bool Util::readFile(const char* path, char** contents) {
   return true;
 }
 
-bool Util::runCommand(const String& shell, int& exitCode, String& output, String& errors, const String& command,
-                      bool /*unused*/) {
+bool Util::runCommand(const String& shell, int& exitCode, String& output, String& errors,
+                      const String& command, bool /*unused*/) {
   CharStar shellText = shell.c_str();
   CharStar commandText = command.c_str();
   int outPipe[2];

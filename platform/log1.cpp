@@ -141,7 +141,11 @@ void appendUtf8(std::string& out, wchar_t wc) {
 }  // namespace
 
 LOG1_Unit::LOG1_Unit(const char* date, const char* time, const char* path)
-    : generation(1), buildDate(date), buildTime(time), fileName(baseName(path)), component("QOR100"),
+    : generation(1),
+      buildDate(date),
+      buildTime(time),
+      fileName(baseName(path)),
+      component("QOR100"),
       next(nullptr) {
   pthread_mutex_lock(&registryMutex);
   next = registryHead;
@@ -174,8 +178,9 @@ void LOG1_Event(LOG1_EPB* epb, int line, int kind, long value) {
       more = snprintf(buffer + length, sizeof buffer - length, "< exit");
       break;
   }
-  if (more > 0) length += static_cast<size_t>(more) < sizeof buffer - length ? static_cast<size_t>(more)
-                                                                             : sizeof buffer - length - 1;
+  if (more > 0)
+    length += static_cast<size_t>(more) < sizeof buffer - length ? static_cast<size_t>(more)
+                                                                 : sizeof buffer - length - 1;
   writeLine(buffer, length);
 }
 
@@ -225,4 +230,6 @@ std::string LOG1_Narrow(const std::wstring& text) {
   return out;
 }
 
-std::string LOG1_Narrow(const wchar_t* text) { return text ? LOG1_Narrow(std::wstring(text)) : std::string(); }
+std::string LOG1_Narrow(const wchar_t* text) {
+  return text ? LOG1_Narrow(std::wstring(text)) : std::string();
+}

@@ -118,18 +118,22 @@ class LOG1_Scope {
 
 // The control block of a function, its flags for the life of the call, and its
 // entry and exit events.
-#define QOR_TRACE_FUNCTION()                                                                      \
-  static LOG1_EPB LOG1__EPB_{&LOG1__UNIT_, __func__, static_cast<int>(sizeof(__func__) - 1), __LINE__, \
-                             &LOG1__UNIT_.generation, {0}};                                       \
-  const unsigned LOG1__flags_ = LOG1_Flags(&LOG1__EPB_);                                          \
+#define QOR_TRACE_FUNCTION()                                         \
+  static LOG1_EPB LOG1__EPB_{&LOG1__UNIT_,                           \
+                             __func__,                               \
+                             static_cast<int>(sizeof(__func__) - 1), \
+                             __LINE__,                               \
+                             &LOG1__UNIT_.generation,                \
+                             {0}};                                   \
+  const unsigned LOG1__flags_ = LOG1_Flags(&LOG1__EPB_);             \
   LOG1_Scope LOG1__scope_(&LOG1__EPB_, LOG1__flags_, __LINE__)
 
 // `return QOR_TRACE_RETURN(v);` reports v with the exit event.
 #define QOR_TRACE_RETURN(value) LOG1__scope_.result(value)
 
 // Arguments are evaluated only when the level is on.
-#define QOR_TRACE(level, ...)                                               \
-  do {                                                                      \
+#define QOR_TRACE(level, ...)                                                            \
+  do {                                                                                   \
     if (LOG1_On(LOG1__flags_, (level))) LOG1_Printf(&LOG1__EPB_, __LINE__, __VA_ARGS__); \
   } while (0)
 #define QOR_TRACE_DETAIL(...) QOR_TRACE(QOR_TL_DETAIL, __VA_ARGS__)

@@ -71,9 +71,9 @@ class PrintingAlertListener : public QOR_AlertListener {
  public:
   void AlertMe() override {
     std::printf("%s  [%2d] ALERT agent '%s' state %d managed %d pid %d: %s\n",
-                localTime(alertData.eventTime).c_str(), alertData.eventID, narrow(alertData.agentName).c_str(),
-                alertData.operatingState, alertData.managedState, alertData.procID,
-                narrow(alertData.userMessage).c_str());
+                localTime(alertData.eventTime).c_str(), alertData.eventID,
+                narrow(alertData.agentName).c_str(), alertData.operatingState, alertData.managedState,
+                alertData.procID, narrow(alertData.userMessage).c_str());
     std::fflush(stdout);
   }
 };

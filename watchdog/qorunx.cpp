@@ -8,7 +8,8 @@ std::wstring ReplaceTEOVariables(const std::wstring& command, Agent* /*agent*/) 
 
 void ReplaceTEOVariables(std::wstring& text, const std::wstring& variable, const std::wstring& value) {
   if (variable.empty()) return;
-  for (size_t at = text.find(variable); at != std::wstring::npos; at = text.find(variable, at + value.size())) {
+  for (size_t at = text.find(variable); at != std::wstring::npos;
+       at = text.find(variable, at + value.size())) {
     text.replace(at, variable.size(), value);
   }
 }

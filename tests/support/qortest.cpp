@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -90,54 +91,140 @@ std::vector<std::string> linesWith(const std::string& text, const std::string& n
   return lines;
 }
 
-std::string sourceDir() {
-  const char* dir = std::getenv("QOR_TEST_SOURCE_DIR");
-  return dir ? dir : ".";
-}
+std::string sourceDir() { return QOR_TEST_SOURCE_DIR; }
 
-std::string binaryDir() {
-  const char* dir = std::getenv("QOR_TEST_BINARY_DIR");
-  return dir ? dir : ".";
-}
+std::string binaryDir() { return QOR_TEST_BINARY_DIR; }
 
-RunResult runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv) {
-  RunResult result;
+namespace {
+
+// argv and envp for execve, built before the fork.
+struct ExecArgs {
+  std::vector<std::string> args;
+  std::vector<std::string> env;
+  std::vector<char*> argp;
+  std::vector<char*> envp;
+
+  ExecArgs(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv) : args(argv) {
+    for (char** entry = environ; *entry; ++entry) env.push_back(*entry);
+    for (const std::string& extra : extraEnv) env.push_back(extra);
+    for (std::string& arg : args) argp.push_back(&arg[0]);
+    argp.push_back(nullptr);
+    for (std::string& entry : env) envp.push_back(&entry[0]);
+    envp.push_back(nullptr);
+  }
+};
+
+// Starts the program with its standard output and error on two pipes.
+pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv, int& outFd,
+            int& errFd) {
+  ExecArgs exec(argv, extraEnv);
   int outPipe[2];
   int errPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) return result;
-
-  std::vector<std::string> envStrings;
-  for (char** entry = environ; *entry; ++entry) envStrings.push_back(*entry);
-  for (const std::string& extra : extraEnv) envStrings.push_back(extra);
-  std::vector<char*> envp;
-  for (std::string& entry : envStrings) envp.push_back(&entry[0]);
-  envp.push_back(nullptr);
-  std::vector<std::string> args(argv);
-  std::vector<char*> argp;
-  for (std::string& arg : args) argp.push_back(&arg[0]);
-  argp.push_back(nullptr);
-
+  if (pipe2(outPipe, O_CLOEXEC) != 0) return -1;
+  if (pipe2(errPipe, O_CLOEXEC) != 0) {
+    close(outPipe[0]);
+    close(outPipe[1]);
+    return -1;
+  }
   pid_t child = fork();
   if (child == 0) {
     dup2(outPipe[1], STDOUT_FILENO);
     dup2(errPipe[1], STDERR_FILENO);
-    execve(argp[0], argp.data(), envp.data());
+    execve(exec.argp[0], exec.argp.data(), exec.envp.data());
     _exit(127);
   }
   close(outPipe[1]);
   close(errPipe[1]);
-  struct pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+  outFd = outPipe[0];
+  errFd = errPipe[0];
+  return child;
+}
+
+// Reads what is there without blocking; false once the pipe is closed.
+bool drain(int& fd, std::string& into) {
+  if (fd < 0) return false;
+  char buffer[4096];
+  for (;;) {
+    struct pollfd entry = {fd, POLLIN, 0};
+    if (::poll(&entry, 1, 0) <= 0) return true;
+    ssize_t count = read(fd, buffer, sizeof buffer);
+    if (count > 0) {
+      into.append(buffer, static_cast<size_t>(count));
+      continue;
+    }
+    if (count < 0 && errno == EINTR) continue;
+    close(fd);
+    fd = -1;
+    return false;
+  }
+}
+
+int exitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
+
+}  // namespace
+
+Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv) {
+  pid_ = spawn(argv, extraEnv, outFd_, errFd_);
+}
+
+Child::~Child() {
+  if (pid_ > 0 && status_ < 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  if (outFd_ >= 0) close(outFd_);
+  if (errFd_ >= 0) close(errFd_);
+}
+
+void Child::poll() {
+  drain(outFd_, out_);
+  drain(errFd_, err_);
+}
+
+bool Child::waitForOutput(const std::string& text, int timeoutMs) {
+  return waitFor([&] { return out().find(text) != std::string::npos; }, timeoutMs);
+}
+
+void Child::signal(int number) {
+  if (pid_ > 0 && status_ < 0) kill(pid_, number);
+}
+
+int Child::wait(int timeoutMs) {
+  if (pid_ <= 0) return -1;
+  if (status_ >= 0) return exitCodeOf(status_);
+  bool ended = waitFor(
+      [&] {
+        poll();
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+          status_ = status;
+          return true;
+        }
+        return false;
+      },
+      timeoutMs);
+  poll();
+  return ended ? exitCodeOf(status_) : -1;
+}
+
+RunResult runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv) {
+  RunResult result;
+  int outFd = -1;
+  int errFd = -1;
+  pid_t child = spawn(argv, extraEnv, outFd, errFd);
+  if (child < 0) return result;
+  struct pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
   std::string* sinks[2] = {&result.out, &result.err};
   int open = 2;
   char buffer[4096];
   while (open > 0) {
-    if (poll(fds, 2, -1) < 0 && errno != EINTR) break;
+    if (::poll(fds, 2, -1) < 0 && errno != EINTR) break;
     for (int i = 0; i < 2; ++i) {
       if (fds[i].fd < 0 || fds[i].revents == 0) continue;
       ssize_t count = read(fds[i].fd, buffer, sizeof buffer);
       if (count > 0) {
         sinks[i]->append(buffer, static_cast<size_t>(count));
-      } else {
+      } else if (count == 0 || errno != EINTR) {
         close(fds[i].fd);
         fds[i].fd = -1;
         --open;
@@ -146,7 +233,7 @@ RunResult runProgram(const std::vector<std::string>& argv, const std::vector<std
   }
   int status = 0;
   waitpid(child, &status, 0);
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.exitCode = exitCodeOf(status);
   return result;
 }
 

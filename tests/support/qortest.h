@@ -53,6 +53,41 @@ struct RunResult {
 // Runs a program with extra environment entries ("NAME=value") and waits for it.
 RunResult runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
 
+// A program running in the background, with its standard output collected
+// as it comes. The destructor kills it if it still runs.
+class Child {
+ public:
+  Child(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  // Reads what the program wrote so far (standard output and error apart).
+  void poll();
+  const std::string& out() {
+    poll();
+    return out_;
+  }
+  const std::string& err() {
+    poll();
+    return err_;
+  }
+  // Waits until standard output holds `text`.
+  bool waitForOutput(const std::string& text, int timeoutMs);
+  void signal(int number);
+  // Waits for the end; the exit code, 128 + signal, or -1 on time-out.
+  int wait(int timeoutMs);
+  int pid() const { return pid_; }
+
+ private:
+  int pid_ = -1;
+  int outFd_ = -1;
+  int errFd_ = -1;
+  int status_ = -1;
+  std::string out_;
+  std::string err_;
+};
+
 // Milliseconds of a monotonic clock.
 long long nowMs();
 

@@ -1,0 +1,107 @@
+// The programs as a user runs them: help texts, start, and a clean stop.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "support/qortest.h"
+
+namespace {
+
+std::string tool(const std::string& name) { return qortest::binaryDir() + "/tools/" + name; }
+
+}  // namespace
+
+TEST(Qorhost, HelpExplainsEveryOptionAndVariable) {
+  qortest::RunResult result = qortest::runProgram({tool("qorhost"), "--help"});
+  EXPECT_EQ(0, result.exitCode);
+  for (const char* word : {"--cap-dir", "--ip-dir", "--trace-level", "--trace-file", "QOR_CAP_DIR",
+                           "QOR_IP_DIR", "QOR_TRACE_LEVEL", "QOR_TRACE_FILE", "QOR_CAP_DISCOVERY_INTERVAL",
+                           "QOR_DISCOVERY_INTERVAL", "QOR_ZEL_DISCOVERY_INTERVAL", "QOR_CMD_TIMEOUT",
+                           "QOR_CACHE_LIMIT", "MARLOWHOME", "PROCESSOR_ARCHITECTURE"}) {
+    EXPECT_NE(std::string::npos, result.out.find(word)) << word;
+  }
+}
+
+TEST(Qorhost, UnknownArgumentIsRefused) {
+  qortest::RunResult result = qortest::runProgram({tool("qorhost"), "--bogus"});
+  EXPECT_EQ(2, result.exitCode);
+  EXPECT_EQ("qorhost: unknown argument '--bogus' (try --help)\n", result.err);
+}
+
+TEST(Qorhost, StartsAndStopsCleanlyOnSigintWritingTheStateFile) {
+  qortest::TempDir dir;
+  qortest::Child host({tool("qorhost"), "--cap-dir", dir.path(), "--ip-dir", dir.path(), "--trace-level",
+                       "146", "--trace-file=" + dir.file("trace")});
+  ASSERT_TRUE(host.waitForOutput("qorhost: service started; press Ctrl-C to stop\n", 10000)) << host.out();
+  EXPECT_NE(std::string::npos, host.out().find("qorhost: CAP directories: " + dir.path() + "\n"));
+  host.signal(SIGINT);
+  EXPECT_EQ(0, host.wait(10000)) << host.err();
+  EXPECT_NE(std::string::npos, host.out().find("qorhost: SIGINT received, stopping\n"));
+  EXPECT_NE(std::string::npos, host.out().find("qorhost: stopped\n"));
+  EXPECT_EQ("0\n", qortest::readFile(dir.file("teo.dat")));
+  std::string trace = qortest::readFile(dir.file("trace"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace, "startup complete message received.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace, "Shutdown complete message received.\n"));
+}
+
+TEST(Qorhost, OptionsWinOverTheEnvironment) {
+  qortest::TempDir fromOption;
+  qortest::TempDir fromEnvironment;
+  qortest::Child host({tool("qorhost"), "--cap-dir", fromOption.path()},
+                      {"QOR_CAP_DIR=" + fromEnvironment.path(), "QOR_TRACE_LEVEL=0"});
+  ASSERT_TRUE(host.waitForOutput("service started", 10000));
+  host.signal(SIGTERM);
+  EXPECT_EQ(0, host.wait(10000));
+  EXPECT_TRUE(qortest::fileExists(fromOption.file("teo.dat")));
+  EXPECT_FALSE(qortest::fileExists(fromEnvironment.file("teo.dat")));
+}
+
+TEST(Qorwd, HelpAndUnknownArgument) {
+  qortest::RunResult help = qortest::runProgram({tool("qorwd"), "--help"});
+  EXPECT_EQ(0, help.exitCode);
+  EXPECT_NE(std::string::npos, help.out.find("watchdog mode"));
+  EXPECT_EQ(2, qortest::runProgram({tool("qorwd"), "extra"}).exitCode);
+}
+
+TEST(Qorwd, SigtermEndsTheMainLoopWithinAboutASecond) {
+  qortest::TempDir dir;
+  qortest::Child watchdog({tool("qorwd"), "--cap-dir", dir.path(), "--ip-dir", dir.path(), "--trace-level",
+                           "146", "--trace-file", dir.file("trace")});
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        return qortest::readFile(dir.file("trace")).find("Enter loop for waiting for thread requests") !=
+               std::string::npos;
+      },
+      10000));
+  long long before = qortest::nowMs();
+  watchdog.signal(SIGTERM);
+  EXPECT_EQ(0, watchdog.wait(5000));
+  EXPECT_LT(qortest::nowMs() - before, 2500);
+  EXPECT_EQ("\t**** qorwd terminated ****\n", watchdog.err());
+  std::string trace = qortest::readFile(dir.file("trace"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace, "Signal captured: 15 (Terminated)"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace, "Shutting down qorwd..."));
+  // The watchdog process never writes the state file.
+  EXPECT_FALSE(qortest::fileExists(dir.file("teo.dat")));
+}
+
+TEST(Qorwd, SigillIsARequestToShutDownLikeTheOthers) {
+  qortest::TempDir dir;
+  qortest::Child watchdog({tool("qorwd"), "--cap-dir", dir.path(), "--ip-dir", dir.path(), "--trace-level",
+                           "146", "--trace-file", dir.file("trace")});
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        return qortest::readFile(dir.file("trace")).find("Enter loop for waiting for thread requests") !=
+               std::string::npos;
+      },
+      10000));
+  watchdog.signal(SIGILL);
+  EXPECT_EQ(0, watchdog.wait(5000));
+  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("trace")), "Signal captured: 4 ("));
+}
+
+TEST(Qorctl, HelpListsTheCommands) {
+  qortest::RunResult result = qortest::runProgram({tool("qorctl"), "--help"});
+  EXPECT_EQ(0, result.exitCode);
+  EXPECT_NE(std::string::npos, result.out.find("Usage: qorctl COMMAND"));
+  EXPECT_EQ(2, qortest::runProgram({tool("qorctl")}).exitCode);
+}

@@ -1,6 +1,8 @@
 // The availability thread: decides when each managed agent is due for a check
 // and queues the check for the command handler thread.
+#include "agents/qoragt.h"
 #include "core/qorctrl.h"
+#include "core/qorevt.h"
 #include "platform/log1.h"
 #include "platform/osv1.h"
 
@@ -26,4 +28,23 @@ void Controller::AvailChecking() {
     }
   }
   signalAVShutdownComplete();
+}
+
+void Controller::ProcessAvCheck(AgentAVCheckEvent* event) {
+  QOR_TRACE_FUNCTION();
+  Agent* agent = event->getAgent();
+  if (agent->getWatchdog() == nullptr) {
+    QOR_TRACE_DETAIL("The watchdog has been deleted.. probably now an unmanaged agent -- skip check.\n");
+    return;
+  }
+  if (agent->getOperatingState() == OpStarting || agent->getOperatingState() == OpStopping) {
+    QOR_TRACE_DETAIL("The agent is a starting or stopping state -- skip check.\n");
+    return;
+  }
+  if (agent->availCheckRetryEnabled()) {
+    QOR_TRACE_DETAIL("Retry availability check is enabled -- skip check.\n");
+    return;
+  }
+  // The remote deploy test and the check itself join with OS agent
+  // supervision and the watchdog checks.
 }

@@ -1,5 +1,8 @@
 #include "agents/qorproclist.h"
 
+#include <cstdint>
+
+#include "agents/qoragt.h"
 #include "platform/log1.h"
 
 QOR_TRACE_UNIT();
@@ -20,6 +23,90 @@ ManagedProcessList::iterator ManagedProcessList::erase(iterator position) {
   iterator next = std::list<Agent*>::erase(position);
   setDirty();
   return next;
+}
+
+namespace {
+
+// An agent read from the state file has no policy yet: it counts as having no
+// frequency.
+int frequencyOf(const Agent* agent) {
+  const Policy* policy = agent->getPolicy();
+  return policy != nullptr ? policy->getCheckFrequencyElement() : 0;
+}
+
+}  // namespace
+
+bool lessThan::operator()(const Agent* first, const Agent* second) const {
+  return frequencyOf(first) < frequencyOf(second);
+}
+
+void ManagedProcessList::sort() { std::list<Agent*>::sort(lessThan()); }
+
+int ManagedProcessList::gcd(int a, int b) {
+  // A zero divisor has no remainder; the common divisor is then the other
+  // number, rather than a division by zero.
+  if (b == 0) return a;
+  int r = a % b;
+  while (r != 0) {
+    a = b;
+    b = r;
+    r = a % b;
+  }
+  return b;
+}
+
+int ManagedProcessList::lcm(int a, int b) {
+  // The product wraps as a 32-bit two's complement number would, without the
+  // undefined behaviour of a signed overflow.
+  int32_t product = static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+  int divisor = gcd(a, b);
+  return divisor == 0 ? 0 : product / divisor;
+}
+
+std::bitset<721> ManagedProcessList::getMasterMask() {
+  if (isDirty()) regenCheckMasks();
+  return masterMask;
+}
+
+void ManagedProcessList::regenCheckMasks() {
+  QOR_TRACE_FUNCTION();
+  if (!lockList()) return;
+  sort();
+
+  int commonMultiple = interval;
+  for (Agent* agent : *this) {
+    int frequency = frequencyOf(agent);
+    if (agent->getManagedState() != Unmanaged && frequency != 0)
+      commonMultiple = lcm(commonMultiple, frequency);
+  }
+  QOR_TRACE_STORY("LCM of frequencies = %d", commonMultiple);
+  QOR_TRACE_STORY("Min Freq = %d", interval);
+
+  int cycles = commonMultiple / interval + 1;
+  // Longer schedules than an hour at 5 seconds are cut; the cycles beyond the
+  // cut never run and the loop starts over at cycle 1.
+  if (cycles > 720) cycles = 721;
+  cycleCount.store(cycles, std::memory_order_release);
+  QOR_TRACE_STORY("Cycle Count/len of mask = %d", cycles);
+  masterMask.reset();
+
+  for (Agent* agent : *this) {
+    int period = 0;
+    int frequency = frequencyOf(agent);
+    if (cycles > 0 && agent->getManagedState() != Unmanaged && frequency >= 1) {
+      period = frequency / interval;
+      // A frequency below one cycle has no period to mark; marking at 0 would
+      // never end.
+      for (int position = period; period > 0 && position <= cycles; position += period) {
+        masterMask.set(static_cast<size_t>(position));
+      }
+      QOR_TRACE_DETAIL("Agent freq = %d", frequency);
+    }
+    QOR_TRACE_DETAIL("agent/master mask set at: %s, %d", agent->getshortID().c_str(), period);
+    agent->setCheckMask(static_cast<unsigned long>(period));
+  }
+  dirty.store(false, std::memory_order_release);
+  unlockList();
 }
 
 bool ManagedProcessList::inList(Agent* agent) {

@@ -13,6 +13,11 @@
 
 class Agent;
 
+// Sort order of the schedule: by the check frequency of the agents' policies.
+struct lessThan {
+  bool operator()(const Agent* first, const Agent* second) const;
+};
+
 class ManagedProcessList : public std::list<Agent*> {
  public:
   ManagedProcessList();
@@ -22,6 +27,8 @@ class ManagedProcessList : public std::list<Agent*> {
 
   void push_back(Agent* agent);
   iterator erase(iterator position);
+  // Orders the agents by check frequency, stably. Only the rebuild uses it.
+  void sort();
   // True if this very pointer is in the list (compared by address).
   bool inList(Agent* agent);
 
@@ -30,6 +37,18 @@ class ManagedProcessList : public std::list<Agent*> {
   // a second unlock by the holder: a command run gives the lock up only when
   // its caller really holds it.
   bool unlockList();
+
+  // Rebuilds the schedule when it is dirty and returns a copy of the mask.
+  // Requires: the list lock NOT held by the caller, since the rebuild takes it.
+  std::bitset<721> getMasterMask();
+  // Turns the check frequencies of the managed agents into per-agent check
+  // periods and the mask of cycles in which some agent is due. A period that
+  // reaches past the last bit ends the process, as nothing catches it.
+  void regenCheckMasks();
+  static int gcd(int a, int b);
+  // The product comes first, in 32-bit signed arithmetic, so the result
+  // wraps sooner than the common multiple itself would.
+  static int lcm(int a, int b);
 
   bool isDirty() const { return dirty.load(std::memory_order_acquire); }
   void setDirty() { dirty.store(true, std::memory_order_release); }

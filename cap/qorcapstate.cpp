@@ -25,3 +25,7 @@ void Controller::initialDiscovery() {
   complete->setEventTypeID(cap_init_complete);
   complete->processEvent();
 }
+
+void Controller::ProcessCAPStateChange(CAPFileEvent* /*event*/) {
+  // Policies and agents from CAP files join with CAP state processing.
+}

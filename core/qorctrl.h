@@ -21,6 +21,10 @@ class MessageHandler;
 class CommandHandler;
 class Policy;
 class QorProcess;
+class AgentOpEvent;
+class AgentMgmtEvent;
+class AgentAVCheckEvent;
+class CAPFileEvent;
 
 // A flag set under a mutex and announced with one signal.
 struct Rendezvous {
@@ -76,6 +80,13 @@ class Controller {
   // Queues the initial scan of the CAP directories, last of all the event that
   // releases the TEO thread.
   void initialDiscovery();
+
+  // What the events do, on the command handler thread with the list locked.
+  void ProcessOpStateChange(AgentOpEvent* event);
+  void ProcessMgmtStateChange(AgentMgmtEvent* event);
+  void ProcessAvCheck(AgentAVCheckEvent* event);
+  // Also with the discovery lock held.
+  void ProcessCAPStateChange(CAPFileEvent* event);
 
   // The availability and discovery loops.
   void AvailChecking();

@@ -1,5 +1,9 @@
 #include "core/qorevt.h"
 
+#include <ctime>
+#include <cwchar>
+
+#include "agents/qoragt.h"
 #include "core/qorctrl.h"
 #include "core/qormsghand.h"
 #include "platform/log1.h"
@@ -59,15 +63,191 @@ std::wstring startMessage(int status) {
   return status >= 0 && status < START_MESSAGE_COUNT ? StartMessages[status] : std::wstring();
 }
 
-CAPFileEvent::CAPFileEvent() : capState(0), initialDiscovery(false) {}
+namespace {
+
+// " - instance -" when the agent has an instance name, else nothing.
+std::wstring instanceFragment(const Agent* agent) {
+  if (agent == nullptr || agent->getInstanceName().empty()) return std::wstring();
+  return L" - " + agent->getInstanceName() + L" -";
+}
+
+std::wstring agentName(const Agent* agent) { return agent != nullptr ? agent->getName() : std::wstring(); }
+
+void fillAgentFields(EventData& data, const Agent* agent) {
+  data.agentName = agent->getName();
+  data.operatingState = agent->getOperatingState();
+  data.managedState = agent->getManagedState();
+  data.instanceProcName = agent->getInstanceProcName();
+  data.agentType = agent->getType();
+  const Policy* policy = agent->getPolicy();
+  if (policy != nullptr) {
+    data.osType = policy->getOsTypeAsEnum();
+    data.osVersion = policy->getOsVersion();
+  }
+  data.procID = agent->getProcID();
+}
+
+MessageHandler* messageQueue() { return Controller::getController()->getMessageHandler(); }
+
+}  // namespace
+
+AgentEvent::AgentEvent() : agent(nullptr), ownsAgent(false) {}
+
+AgentEvent::AgentEvent(const AgentEvent& other) : Event(other), agent(other.agent), ownsAgent(false) {}
+
+AgentEvent::~AgentEvent() {
+  if (ownsAgent) delete agent;
+}
+
+void AgentEvent::getEventData(EventData& data) {
+  initData(data);
+  // An event whose agent left the list has none; its record keeps the defaults.
+  if (agent != nullptr) fillAgentFields(data, agent);
+}
+
+Agent* AgentEvent::copyAgent(bool shallow) const {
+  return agent != nullptr ? new Agent(*agent, shallow) : nullptr;
+}
+
+AgentOpEvent::AgentOpEvent() : opState(0), startStatus(0), incrementFlag(false), actionFlag(true) {}
+
+AgentOpEvent::AgentOpEvent(const AgentOpEvent& other)
+    : AgentEvent(other),
+      opState(other.opState),
+      startStatus(other.startStatus),
+      incrementFlag(other.incrementFlag),
+      actionFlag(other.actionFlag) {}
+
+void AgentOpEvent::doCommandProcessing() {
+  QOR_TRACE_FUNCTION();
+  Controller* controller = Controller::getController();
+  ManagedProcessList* list = controller->getManagedEndpointProcesses();
+  if (list->lockList()) {
+    if (!list->inList(getAgent())) {
+      QOR_TRACE_DETAIL("Invalid/deleted agent in process list-- event ignored.");
+      setAgent(nullptr);
+      suppressMessages();
+    } else {
+      controller->ProcessOpStateChange(this);
+    }
+    list->unlockList();
+  }
+  if (messagesSuppressed()) {
+    QOR_TRACE_DETAIL("Message suppressed for event id %d.", getEventTypeID());
+    return;
+  }
+  // The message carries its own copy of the agent as it is now.
+  messageQueue()->pushEvent(makeCopy(true));
+}
+
+std::wstring AgentOpEvent::getLogMessage() {
+  std::wstring text = agentName(getAgent()) + instanceFragment(getAgent()) + L" Operational Event: " +
+                      teoMessage(getEventTypeID());
+  if (getEventTypeID() == agent_start_failed || getEventTypeID() == agent_restart_failed) {
+    text += startMessage(startStatus);
+  }
+  std::wstring details = getUserMessage();
+  if (!details.empty() && details != L"N/A") text += L" Details: " + details + L".";
+  return text;
+}
+
+Event* AgentOpEvent::makeCopy(bool shallow) {
+  AgentOpEvent* copy = new AgentOpEvent(*this);
+  copy->setAgent(copyAgent(shallow), true);
+  copy->setStartStatus(startStatus);
+  return copy;
+}
+
+void AgentOpEvent::logMessage() { messageQueue()->pushEvent(makeCopy(true)); }
+
+AgentMgmtEvent::AgentMgmtEvent() : mgmtState(0), newAgent(false) {}
+
+AgentMgmtEvent::AgentMgmtEvent(const AgentMgmtEvent& other)
+    : AgentOpEvent(other), mgmtState(other.mgmtState), newAgent(false) {}
+
+void AgentMgmtEvent::doCommandProcessing() {
+  QOR_TRACE_FUNCTION();
+  Controller* controller = Controller::getController();
+  ManagedProcessList* list = controller->getManagedEndpointProcesses();
+  if (list->lockList()) {
+    if (!list->inList(getAgent())) {
+      QOR_TRACE_DETAIL("Invalid/deleted agent in process list-- event ignored.");
+      setAgent(nullptr);
+      suppressMessages();
+    } else {
+      controller->ProcessMgmtStateChange(this);
+    }
+    list->unlockList();
+  }
+  if (messagesSuppressed()) {
+    QOR_TRACE_DETAIL("Message suppressed for event id %d.", getEventTypeID());
+    return;
+  }
+  // A plain copy: the message shows the live agent as it is when the message
+  // handler copies it, not as it was here.
+  messageQueue()->pushEvent(new AgentMgmtEvent(*this));
+}
+
+std::wstring AgentMgmtEvent::getLogMessage() {
+  return agentName(getAgent()) + instanceFragment(getAgent()) + L" Management Event: " +
+         teoMessage(getEventTypeID());
+}
+
+Event* AgentMgmtEvent::makeCopy(bool shallow) {
+  AgentMgmtEvent* copy = new AgentMgmtEvent(*this);
+  copy->setAgent(copyAgent(shallow), true);
+  copy->setStartStatus(getStartStatus());
+  return copy;
+}
+
+AgentAVCheckEvent::AgentAVCheckEvent() : checkTime(0) { setEventTypeID(agent_health_check); }
+
+void AgentAVCheckEvent::doCommandProcessing() {
+  QOR_TRACE_FUNCTION();
+  Controller* controller = Controller::getController();
+  ManagedProcessList* list = controller->getManagedEndpointProcesses();
+  if (!list->lockList()) return;
+  if (list->inList(getAgent())) {
+    checkTime = time(nullptr);
+    controller->ProcessAvCheck(this);
+  } else {
+    QOR_TRACE_DETAIL("Invalid/deleted agent in process list-- event ignored.");
+    setAgent(nullptr);
+    suppressMessages();
+  }
+  list->unlockList();
+}
+
+std::wstring AgentAVCheckEvent::getLogMessage() {
+  wchar_t stamp[40] = {0};
+  struct tm local;
+  localtime_r(&checkTime, &local);
+  wcsftime(stamp, 40, L"%c", &local);
+  return agentName(getAgent()) + L" Availability checked at " + stamp;
+}
+
+Event* AgentAVCheckEvent::makeCopy(bool shallow) {
+  AgentAVCheckEvent* copy = new AgentAVCheckEvent(*this);
+  copy->setAgent(copyAgent(shallow), true);
+  return copy;
+}
+
+CAPFileEvent::CAPFileEvent() : capState(0), agent(nullptr), initialDiscovery(false) {}
 
 CAPFileEvent::CAPFileEvent(const CAPFileEvent& other)
     : Event(other),
       capFileName(other.capFileName),
       capState(other.capState),
+      agent(other.agent != nullptr ? new Agent(*other.agent, true) : nullptr),
       initialDiscovery(other.initialDiscovery) {}
 
-CAPFileEvent::~CAPFileEvent() = default;
+CAPFileEvent::~CAPFileEvent() { delete agent; }
+
+void CAPFileEvent::setAgent(Agent* owned) {
+  if (owned == agent) return;
+  delete agent;
+  agent = owned;
+}
 
 void CAPFileEvent::doCommandProcessing() {
   QOR_TRACE_FUNCTION();
@@ -81,7 +261,7 @@ void CAPFileEvent::doCommandProcessing() {
   if (controller->lockDiscovery()) {
     ManagedProcessList* list = controller->getManagedEndpointProcesses();
     if (list->lockList()) {
-      // The change of policies and agents joins with CAP state processing.
+      controller->ProcessCAPStateChange(this);
       list->unlockList();
     }
     controller->unlockDiscovery();
@@ -90,7 +270,7 @@ void CAPFileEvent::doCommandProcessing() {
     QOR_TRACE_DETAIL("Message suppressed for event id %d.", getEventTypeID());
     return;
   }
-  controller->getMessageHandler()->pushEvent(new CAPFileEvent(*this));
+  messageQueue()->pushEvent(new CAPFileEvent(*this));
 }
 
 std::wstring CAPFileEvent::getLogMessage() {
@@ -99,4 +279,59 @@ std::wstring CAPFileEvent::getLogMessage() {
 
 Event* CAPFileEvent::makeCopy(bool /*shallow*/) { return new CAPFileEvent(*this); }
 
-void CAPFileEvent::getEventData(EventData& data) { initData(data); }
+void CAPFileEvent::getEventData(EventData& data) {
+  initData(data);
+  if (agent != nullptr) fillAgentFields(data, agent);
+}
+
+WatchdogEvent::WatchdogEvent() : agent(nullptr) {}
+
+WatchdogEvent::WatchdogEvent(const WatchdogEvent& other) : Event(other), agent(nullptr) {}
+
+void WatchdogEvent::doCommandProcessing() {
+  QOR_TRACE_FUNCTION();
+  if (messagesSuppressed()) {
+    QOR_TRACE_DETAIL("Message suppressed for event id %d.", getEventTypeID());
+    return;
+  }
+  messageQueue()->pushEvent(new WatchdogEvent(*this));
+}
+
+std::wstring WatchdogEvent::getLogMessage() { return L" Watchdog Event: " + teoMessage(getEventTypeID()); }
+
+Event* WatchdogEvent::makeCopy(bool /*shallow*/) { return new WatchdogEvent(*this); }
+
+void WatchdogEvent::getEventData(EventData& data) {
+  initData(data);
+  if (agent != nullptr) fillAgentFields(data, agent);
+}
+
+RawEvent::RawEvent(const EventData& data) : eventData(data) {
+  setEventTypeID(data.eventID);
+  setEventTime(data.eventTime);
+  assignUserMessage(data.userMessage);
+}
+
+Event* RawEvent::makeCopy(bool /*shallow*/) {
+  RawEvent* copy = new RawEvent(eventData);
+  copy->setLogMessage(logMessageText);
+  return copy;
+}
+
+void RawEvent::logMessage() { messageQueue()->pushEvent(makeCopy(true)); }
+
+void RawEvent::logUnreliableMessage(Event* event) {
+  EventData data;
+  event->getEventData(data);
+  data.eventID = watchdog_unreliable;
+  RawEvent warning(data);
+  warning.setLogMessage(teoMessage(watchdog_unreliable));
+  if (event->getEventTypeID() == disarm_complete) {
+    warning.setUserMessage(L"Watchdog Disarm");
+    warning.record().userMessage = L"Watchdog Disarm";
+  }
+  time_t now = time(nullptr);
+  warning.setEventTime(now);
+  warning.record().eventTime = now;
+  warning.logMessage();
+}

@@ -52,12 +52,112 @@ std::wstring teoMessage(int id);
 // The row of StartMessages for a start status; empty outside the table.
 std::wstring startMessage(int status);
 
+class Agent;
+
+// An event about one agent. A plain copy shares the agent and never owns it.
+class AgentEvent : public Event {
+ public:
+  AgentEvent();
+  AgentEvent(const AgentEvent& other);
+  ~AgentEvent() override;
+
+  void getEventData(EventData& data) override;
+
+  Agent* getAgent() const { return agent; }
+  // Changes the pointer only; ownership stays as it was.
+  void setAgent(Agent* newAgent) { agent = newAgent; }
+  void setAgent(Agent* newAgent, bool owns) {
+    agent = newAgent;
+    ownsAgent = owns;
+  }
+  bool isAgentOwned() const { return ownsAgent; }
+
+ protected:
+  // A new agent copied from this event's agent (with `shallow` passed on), or
+  // null when the event has none.
+  Agent* copyAgent(bool shallow) const;
+
+ private:
+  Agent* agent;
+  bool ownsAgent;
+};
+
+// An operational change of an agent, or a command for it.
+class AgentOpEvent : public AgentEvent {
+ public:
+  AgentOpEvent();
+  AgentOpEvent(const AgentOpEvent& other);
+
+  void doCommandProcessing() override;
+  std::wstring getLogMessage() override;
+  Event* makeCopy(bool shallow) override;
+
+  // Puts a copy straight on the message queue, without processing; the
+  // caller keeps this event.
+  void logMessage();
+
+  int getOpState() const { return opState; }
+  void setOpState(int state) { opState = state; }
+  int getStartStatus() const { return startStatus; }
+  void setStartStatus(int status) { startStatus = status; }
+  bool getIncrementFlag() const { return incrementFlag; }
+  void setIncrementFlag(bool flag) { incrementFlag = flag; }
+  bool getActionFlag() const { return actionFlag; }
+  void setActionFlag(bool flag) { actionFlag = flag; }
+
+ private:
+  int opState;
+  int startStatus;  // index into StartMessages; meaningful with ids 6 and 13
+  bool incrementFlag;
+  bool actionFlag;
+};
+
+// A change of an agent's management.
+class AgentMgmtEvent : public AgentOpEvent {
+ public:
+  AgentMgmtEvent();
+  // Takes over mgmtState only: a copy never says it is a new agent.
+  AgentMgmtEvent(const AgentMgmtEvent& other);
+
+  void doCommandProcessing() override;
+  std::wstring getLogMessage() override;
+  Event* makeCopy(bool shallow) override;
+
+  int getMgmtState() const { return mgmtState; }
+  void setMgmtState(int state) { mgmtState = state; }
+  bool isNewAgent() const { return newAgent; }
+  void setNewAgent(bool created) { newAgent = created; }
+
+ private:
+  int mgmtState;
+  bool newAgent;
+};
+
+// A request to check one agent's availability; id 20. Sends no message.
+class AgentAVCheckEvent : public AgentEvent {
+ public:
+  AgentAVCheckEvent();
+  AgentAVCheckEvent(const AgentAVCheckEvent& other) = default;
+
+  void doCommandProcessing() override;
+  std::wstring getLogMessage() override;
+  Event* makeCopy(bool shallow) override;
+
+  time_t getCheckTime() const { return checkTime; }
+  void setCheckTime(time_t when) { checkTime = when; }
+
+ private:
+  time_t checkTime;
+};
+
 // A CAP file found, added or removed; id 15 marks the end of the initial scan.
+// The agent, when there is one, is a shallow copy for the message, always owned.
 class CAPFileEvent : public Event {
  public:
   CAPFileEvent();
   CAPFileEvent(const CAPFileEvent& other);
   ~CAPFileEvent() override;
+  CAPFileEvent& operator=(const CAPFileEvent&) = delete;
 
   void doCommandProcessing() override;
   std::wstring getLogMessage() override;
@@ -70,11 +170,58 @@ class CAPFileEvent : public Event {
   void setCAPState(int state) { capState = state; }
   bool getInitialDiscovery() const { return initialDiscovery; }
   void setInitialDiscovery() { initialDiscovery = true; }
+  Agent* getAgent() const { return agent; }
+  // Takes ownership; an agent set before is deleted.
+  void setAgent(Agent* owned);
 
  private:
   std::wstring capFileName;
   int capState;  // 0 added, 1 removed
+  Agent* agent;
   bool initialDiscovery;
+};
+
+// The result of a disarm or rearm. A copy has no agent.
+class WatchdogEvent : public Event {
+ public:
+  WatchdogEvent();
+  WatchdogEvent(const WatchdogEvent& other);
+
+  void doCommandProcessing() override;
+  std::wstring getLogMessage() override;
+  Event* makeCopy(bool shallow) override;
+  void getEventData(EventData& data) override;
+
+  Agent* getAgent() const { return agent; }
+  void setAgent(Agent* watched) { agent = watched; }
+
+ private:
+  Agent* agent;  // not owned
+};
+
+// A flat record with a ready log text: events that come from the watchdog
+// process's cache, and the warning that nothing guards the OS agent.
+class RawEvent : public Event {
+ public:
+  explicit RawEvent(const EventData& data);
+
+  std::wstring getLogMessage() override { return logMessageText; }
+  Event* makeCopy(bool shallow) override;
+  void getEventData(EventData& data) override { data = eventData; }
+
+  void setLogMessage(const std::wstring& text) { logMessageText = text; }
+  // The stored record, for changes before the event is sent.
+  EventData& record() { return eventData; }
+
+  // Puts a copy straight on the message queue; the caller keeps this event.
+  void logMessage();
+  // Tells the listeners, with id 27, that nothing guards the OS agent, using
+  // the agent fields of `event`.
+  static void logUnreliableMessage(Event* event);
+
+ private:
+  EventData eventData;
+  std::wstring logMessageText;
 };
 
 #endif  // QOR_CORE_QOREVT_H

@@ -63,6 +63,9 @@ class Event {
   // The defaults of the flat record: the event's own time, id and message, -1
   // and empty text for the agent fields.
   void initData(EventData& data);
+  // Sets the message as it stands, an empty one included; for events rebuilt
+  // from a flat record.
+  void assignUserMessage(const std::wstring& message) { userMessage = message; }
 
  private:
   int eventTypeID;

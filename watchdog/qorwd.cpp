@@ -1,6 +1,24 @@
-// The per-agent checker and actor.
+#include "watchdog/qorwd.h"
+
+#include "core/qorctrl.h"
 #include "include/qorapi.h"
 
 int32_t WD_START_RETRY_COUNT = 3;
 int32_t WD_START_RETRY_INTERVAL = 3;
 int32_t WD_STATUS_RETRY_COUNT = 1;
+
+// The command manager joins with command execution; until then a Watchdog
+// has none.
+Watchdog::Watchdog()
+    : controller(Controller::getController()),
+      agent(nullptr),
+      cmdManager(nullptr),
+      startRetryCount(WD_START_RETRY_COUNT) {}
+
+Watchdog::Watchdog(const Watchdog& source)
+    : controller(Controller::getController()),
+      agent(nullptr),
+      cmdManager(source.cmdManager),
+      startRetryCount(source.startRetryCount) {}
+
+Watchdog::~Watchdog() = default;

@@ -1,0 +1,11 @@
+// The state machine of an agent: what each event does to the agent's
+// operating and managed state, on the command handler thread with the list
+// locked.
+#include "core/qorctrl.h"
+#include "core/qorevt.h"
+
+// The transitions join with the agent state machine; until then an event
+// changes nothing and its message goes out as it came.
+void Controller::ProcessOpStateChange(AgentOpEvent* /*event*/) {}
+
+void Controller::ProcessMgmtStateChange(AgentMgmtEvent* /*event*/) {}

@@ -19,6 +19,7 @@ class XMLprocessor;
 class Message_Cache;
 class MessageHandler;
 class CommandHandler;
+class Agent;
 class Policy;
 class QorProcess;
 class AgentOpEvent;
@@ -87,6 +88,15 @@ class Controller {
   void ProcessAvCheck(AgentAVCheckEvent* event);
   // Also with the discovery lock held.
   void ProcessCAPStateChange(CAPFileEvent* event);
+
+  // Deep copies of the agents for other threads; the caller owns them. false,
+  // with the vectors unchanged, when the list cannot be locked.
+  bool getManagedEndpointSnapshot(std::vector<Agent*>* agents);
+  // Managed agents only, and one live (not copied) policy per subagent id.
+  bool getManagedEndpointAndPolicySnapshot(std::vector<Agent*>* agents, std::vector<Policy*>* policiesOut);
+  // The OS agent's record, as the host sees it: managed when the watchdog
+  // process manages it.
+  bool getWatchDogListSnapshot(std::vector<Agent*>* agents, bool update);
 
   // The availability and discovery loops.
   void AvailChecking();

@@ -119,9 +119,10 @@ class QOR_EXPORT QOR_AgentIterator {
   unsigned long getVMSize();  // all bits set at a bad position
   std::wstring getProcessUser();
 
-  // Used by the service to build the snapshot.
+  // Used by the service to build the snapshot: the records, and a return to
+  // the state before the first step after records were added.
   std::vector<Agent*>& snapshot() { return agents; }
-  void rewind() { atStart = !agents.empty(); }
+  void rewind();
 
  private:
   Agent* current();

@@ -17,6 +17,13 @@ bool RegisterFileChangeHandlers(pthread_t* thread);
 void StopFileChangeHandlers();
 void* HandleDirectoryChanges(void* unused);
 
+// Exact, case-sensitive comparison: a file ending in ".XML" is no CAP file.
+bool Match(const std::wstring& first, const std::wstring& second);
+
+// Seconds between polls: 5, or QOR_CAP_DISCOVERY_INTERVAL when it is made of
+// digits alone and larger than 5.
+int CapDiscoveryInterval();
+
 // The sorted names of the CAP files ("*.xml", no leading dot) of a directory;
 // empty when it cannot be read.
 std::vector<std::wstring> GetCAPDirFiles(const std::wstring& directory);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "agents/qorproclist.h"
+#include "core/qorevt.h"
 #include "core/qorworkers.h"
 
 class XMLprocessor;
@@ -88,6 +89,14 @@ class Controller {
   void ProcessAvCheck(AgentAVCheckEvent* event);
   // Also with the discovery lock held.
   void ProcessCAPStateChange(CAPFileEvent* event);
+  // true when the file parsed into `policy`.
+  bool ParseCAPFile(const std::wstring& path, Policy& policy);
+  // The generic and specific rules between policies of one agent name.
+  void processPolicyInstances(Policy* policy, TEOEvents event);
+  // Takes out of the list the agents of instances that a specific policy took.
+  void removeAgentExceptionInstances(Policy* policy);
+  // The OS agent's policy: managed by the watchdog, or one of the OS agents' codes.
+  bool isOSAgent(Policy* policy);
 
   // Deep copies of the agents for other threads; the caller owns them. false,
   // with the vectors unchanged, when the list cannot be locked.
@@ -130,6 +139,9 @@ class Controller {
   Controller& operator=(const Controller&) = delete;
 
   void shutdownTEO();
+  void capFileAdded(CAPFileEvent* event);
+  void capFileRemoved(CAPFileEvent* event);
+  void addOSAgentRecord(CAPFileEvent* event, Policy* policy);
   void requestLoop();
   void waitForAVShutdown();
   void waitForDIShutdown();
@@ -175,8 +187,9 @@ class Controller {
   pthread_mutex_t discoveryMutex;
   std::vector<Policy*> policies;
   std::vector<QorProcess*> runningProcesses;
-
-  friend class ControllerTestAccess;
+  // Agents taken out of the list for a specific policy's instances: kept, not
+  // destroyed, since an event on its way may still point at one.
+  std::vector<Agent*> retiredAgents;
 };
 
 #endif  // QOR_CORE_QORCTRL_H

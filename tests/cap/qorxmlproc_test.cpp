@@ -179,7 +179,9 @@ TEST_F(CapFileProcessor, RegexTrueSetsTextAndMatcher) {
   EXPECT_TRUE(policy.getProcRegEx());
   ASSERT_NE(nullptr, policy.getRegexMatcher());
   icu::RegexMatcher* matcher = policy.getRegexMatcher();
-  matcher->reset(icu::UnicodeString("/bin/sleep 600"));
+  // The matcher keeps a reference to its input, which must outlive the search.
+  icu::UnicodeString input("/bin/sleep 600");
+  matcher->reset(input);
   UErrorCode status = U_ZERO_ERROR;
   EXPECT_TRUE(matcher->find(status));
   EXPECT_EQ(1, qortest::countOccurrences(trace(), "Test of commandLine expression sleep [0-9]+.\n"));

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "agents/qoragt.h"
+#include "cap/qorxmlproc.h"
 #include "core/qorcmdhand.h"
 #include "core/qormsghand.h"
 #include "core/qorutil.h"
@@ -84,7 +85,7 @@ void waitOnceUnlessInterrupted(Rendezvous& rendezvous) {
 }  // namespace
 
 Controller::Controller()
-    : xmlProcessor(nullptr),
+    : xmlProcessor(new XMLprocessor()),
       watchdogListChecked(time(nullptr)),
       watchdogDataValid(false),
       wdCache(nullptr),
@@ -140,6 +141,7 @@ Controller::~Controller() {
   watchdogList.clear();
   delete commandHandler;
   delete messageHandler;
+  delete xmlProcessor;
 }
 
 Controller* Controller::getController() {

@@ -397,7 +397,9 @@ TEST(PolicyRecord, CopyCompilesARegularExpressionOfItsOwn) {
   EXPECT_NE(source.getRegexMatcher(), copy.getRegexMatcher());
   EXPECT_EQ(source.getRegexMatcher()->pattern().pattern(), copy.getRegexMatcher()->pattern().pattern());
   EXPECT_EQ(0u, copy.getRegexMatcher()->pattern().flags());
-  copy.getRegexMatcher()->reset(icu::UnicodeString("/bin/sleep 30"));
+  // The matcher keeps a reference to its input, which must outlive the search.
+  icu::UnicodeString input("/bin/sleep 30");
+  copy.getRegexMatcher()->reset(input);
   UErrorCode status = U_ZERO_ERROR;
   EXPECT_TRUE(copy.getRegexMatcher()->find(status));
 }

@@ -1,0 +1,282 @@
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unicode/regex.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "cap/qorxmlproc.h"
+#include "support/qortest.h"
+#include "tools/tooltest.h"
+
+namespace {
+
+const char kXmllint[] = "/usr/bin/xmllint";
+
+std::string examplesDir() { return qortest::sourceDir() + "/examples"; }
+std::string schemaFile() { return examplesDir() + "/mdhcap.xsd"; }
+
+std::vector<std::string> exampleFiles() {
+  std::vector<std::string> files;
+  std::string dir = examplesDir() + "/cap";
+  DIR* stream = opendir(dir.c_str());
+  if (stream == nullptr) return files;
+  while (dirent* entry = readdir(stream)) {
+    std::string name = entry->d_name;
+    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".xml") == 0) files.push_back(dir + "/" + name);
+  }
+  closedir(stream);
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+qortest::RunResult xmllint(const std::vector<std::string>& files) {
+  std::vector<std::string> args = {kXmllint, "--noout", "--schema", schemaFile()};
+  args.insert(args.end(), files.begin(), files.end());
+  return qortest::runProgram(args);
+}
+
+qortest::RunResult validate(const std::vector<std::string>& files) {
+  std::vector<std::string> args = {tooltest::qorctlPath(), "validate"};
+  args.insert(args.end(), files.begin(), files.end());
+  return qortest::runProgram(args);
+}
+
+std::string baseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+std::wstring wide(const std::string& text) { return std::wstring(text.begin(), text.end()); }
+
+TEST(ExampleCapFiles, ThereIsOneOfEachKind) {
+  std::vector<std::string> names;
+  for (const std::string& file : exampleFiles()) names.push_back(baseName(file));
+  EXPECT_EQ(std::vector<std::string>({"pattern.xml", "sleeper.xml", "watched.xml"}), names);
+}
+
+TEST(ExampleCapFiles, PassTheSchemaForEditors) {
+  ASSERT_TRUE(qortest::fileExists(kXmllint)) << "xmllint comes with the Debian package libxml2-utils";
+  std::vector<std::string> files = exampleFiles();
+  ASSERT_FALSE(files.empty());
+  qortest::RunResult run = xmllint(files);
+  EXPECT_EQ(0, run.exitCode) << run.err;
+  for (const std::string& file : files)
+    EXPECT_NE(std::string::npos, run.err.find(file + " validates")) << run.err;
+}
+
+TEST(ExampleCapFiles, PassQorctlValidate) {
+  std::vector<std::string> files = exampleFiles();
+  ASSERT_FALSE(files.empty());
+  qortest::RunResult run = validate(files);
+  EXPECT_EQ(0, run.exitCode) << run.out;
+  std::string expected;
+  for (const std::string& file : files) {
+    expected += file + ": ok, subagent example." + baseName(file).substr(0, baseName(file).size() - 4) + "\n";
+  }
+  EXPECT_EQ(expected, run.out);
+  EXPECT_EQ("", run.err);
+}
+
+class ExamplePolicies : public ::testing::Test {
+ protected:
+  int parse(const std::string& name) { return processor.parse(wide(examplesDir() + "/cap/" + name), policy); }
+
+  XMLprocessor processor;
+  Policy policy;
+};
+
+TEST_F(ExamplePolicies, SleeperHasStartAndStopScripts) {
+  ASSERT_EQ(0, parse("sleeper.xml"));
+  EXPECT_EQ(L"example.sleeper", policy.getSubagentID());
+  EXPECT_EQ(Console, policy.getAgentTypeElement());
+  EXPECT_EQ(L"qor-sleeper", policy.getProcName());
+  EXPECT_EQ(L"/tmp/qor-examples/bin/qor-sleeper", policy.getAgentPath());
+  EXPECT_EQ(L"$QOR_EXAMPLES/scripts/example-daemon.sh start qor-sleeper", policy.getStartCommand());
+  EXPECT_EQ(L"$QOR_EXAMPLES/scripts/example-daemon.sh stop qor-sleeper", policy.getStopCommand());
+  EXPECT_TRUE(policy.getStartScript()->emptyRCs());
+  EXPECT_TRUE(policy.getAvailabilityStatusScript()->empty());
+}
+
+TEST_F(ExamplePolicies, WatchedHasAStatusScriptWithReturnCodesAndLimits) {
+  ASSERT_EQ(0, parse("watched.xml"));
+  QorScript* status = policy.getAvailabilityStatusScript();
+  EXPECT_EQ(L"$QOR_EXAMPLES/scripts/example-daemon.sh status qor-watched",
+            policy.getAvailabilityStatusCommand());
+  EXPECT_EQ(L"WATCHED_RUNNING", status->getSuccessRCMsg(0));
+  EXPECT_EQ(L"WATCHED_NOT_RUNNING", status->getErrorRCMsg(1));
+  EXPECT_EQ(L"WATCHED_STALE_PID_FILE", status->getErrorRCMsg(2));
+  EXPECT_EQ(15, policy.getCheckFrequencyElement());
+  EXPECT_EQ(50, policy.getCPUThreshold());
+  EXPECT_EQ(64.0 * 1024 * 1024, policy.getMemoryThreshold());
+  EXPECT_EQ(5, policy.getMaxRestartElement());
+}
+
+TEST_F(ExamplePolicies, PatternHasACompiledCommandLineAndNeedsTheSleeper) {
+  ASSERT_EQ(0, parse("pattern.xml"));
+  EXPECT_EQ(L"qor-pattern", policy.getProcName());
+  EXPECT_EQ(L"^/tmp/qor-examples/bin/qor-pattern [0-9]+$", policy.getCommandLine());
+  EXPECT_TRUE(policy.getProcRegEx());
+  ASSERT_NE(nullptr, policy.getRegexMatcher());
+  EXPECT_TRUE(policy.isDependentAgent(L"example.sleeper"));
+}
+
+// Changes of a valid file that the service refuses must fail the schema for
+// editors too: both know the same order, occurrences and values.
+struct Mutation {
+  const char* what;
+  const char* from;
+  const char* to;
+};
+
+class SchemaAgreement : public ::testing::TestWithParam<Mutation> {};
+
+std::string exampleText() { return qortest::readFile(examplesDir() + "/cap/watched.xml"); }
+
+TEST_P(SchemaAgreement, BothRefuseTheChangedFile) {
+  const Mutation& mutation = GetParam();
+  std::string content = exampleText();
+  size_t at = content.find(mutation.from);
+  ASSERT_NE(std::string::npos, at) << mutation.from;
+  content.replace(at, std::string(mutation.from).size(), mutation.to);
+  qortest::TempDir dir;
+  std::string file = dir.file("changed.xml");
+  qortest::writeFile(file, content);
+  qortest::RunResult lint = xmllint({file});
+  EXPECT_NE(0, lint.exitCode) << mutation.what;
+  qortest::RunResult ours = validate({file});
+  EXPECT_EQ(1, ours.exitCode) << mutation.what;
+  EXPECT_NE(std::string::npos, ours.out.find(": error ")) << mutation.what << ": " << ours.out;
+}
+
+std::string repeated(const std::string& text, int count) {
+  std::string result;
+  for (int i = 0; i < count; ++i) result += text;
+  return result;
+}
+
+const std::string kReturnCode = "<returnCode type=\"OK\">0</returnCode>";
+const std::string kReturnCodes21 = repeated(kReturnCode, 21);
+
+INSTANTIATE_TEST_SUITE_P(
+    Changes, SchemaAgreement,
+    ::testing::Values(
+        Mutation{"element order",
+                 "<agentName>Example watched program</agentName>\n    <procName>qor-watched</procName>",
+                 "<procName>qor-watched</procName>\n    <agentName>Example watched program</agentName>"},
+        Mutation{"missing required element", "<agentPath>/tmp/qor-examples/bin/qor-watched</agentPath>", ""},
+        Mutation{"repeated element", "<cpuThreshold>50</cpuThreshold>",
+                 "<cpuThreshold>50</cpuThreshold><cpuThreshold>50</cpuThreshold>"},
+        Mutation{"unknown element", "<cpuThreshold>50</cpuThreshold>", "<cpu>50</cpu>"},
+        Mutation{"kernelRelease on another platform", "<platform xsi:type=\"PlatformLinux\"/>",
+                 "<platform xsi:type=\"PlatformUnix\"><kernelRelease>1</kernelRelease></platform>"},
+        Mutation{"platform without type", "<platform xsi:type=\"PlatformLinux\"/>", "<platform/>"},
+        Mutation{"unknown platform type", "xsi:type=\"PlatformLinux\"", "xsi:type=\"PlatformMac\""},
+        Mutation{"unknown arch", "xsi:type=\"PlatformLinux\"", "xsi:type=\"PlatformLinux\" arch=\"arm\""},
+        Mutation{"agent type with blank", "<agentType>Console</agentType>",
+                 "<agentType>Console </agentType>"},
+        Mutation{"unknown manager type", "<managerType>TeoServices</managerType>",
+                 "<managerType>Teo</managerType>"},
+        Mutation{"check frequency not a multiple of five", "<checkFrequency>15</checkFrequency>",
+                 "<checkFrequency>12</checkFrequency>"},
+        Mutation{"cpu threshold zero", "<cpuThreshold>50</cpuThreshold>", "<cpuThreshold>0</cpuThreshold>"},
+        Mutation{"memory suffix in lower case", "<memoryThreshold>64 MB</memoryThreshold>",
+                 "<memoryThreshold>64 mb</memoryThreshold>"},
+        Mutation{"negative restarts", "<maxRestarts>5</maxRestarts>", "<maxRestarts>-5</maxRestarts>"},
+        Mutation{"script without command",
+                 "<command>$QOR_EXAMPLES/scripts/example-daemon.sh stop qor-watched</command>", ""},
+        Mutation{"empty return code list",
+                 "<returnCode type=\"OK\" msg_id=\"WATCHED_STOPPED\">0</returnCode>", ""},
+        Mutation{"21 return codes", "<returnCode type=\"OK\" msg_id=\"WATCHED_STOPPED\">0</returnCode>",
+                 kReturnCodes21.c_str()},
+        Mutation{"return code without type", "<returnCode type=\"OK\" msg_id=\"WATCHED_STOPPED\">",
+                 "<returnCode msg_id=\"WATCHED_STOPPED\">"},
+        Mutation{"unknown return code type", "type=\"OK\" msg_id=\"WATCHED_STOPPED\"",
+                 "type=\"Fine\" msg_id=\"WATCHED_STOPPED\""},
+        Mutation{"subagent without id", " id=\"example.watched\"", ""},
+        Mutation{"unknown attribute", "<agentName>", "<agentName lang=\"en\">"},
+        Mutation{"other namespace", "xmlns=\"urn:qor:cap\"", "xmlns=\"urn:other\""}));
+
+TEST(SchemaAgreementOnCounts, TwentySubagentsPassAndTwentyOneFailBoth) {
+  std::string content = exampleText();
+  size_t begin = content.find("  <subagent ");
+  size_t end = content.find("</subagents>");
+  std::string subagent = content.substr(begin, end - begin);
+  qortest::TempDir dir;
+  std::string twenty = content.substr(0, begin) + repeated(subagent, 20) + content.substr(end);
+  qortest::writeFile(dir.file("twenty.xml"), twenty);
+  EXPECT_EQ(0, xmllint({dir.file("twenty.xml")}).exitCode);
+  EXPECT_EQ(0, validate({dir.file("twenty.xml")}).exitCode);
+  std::string more = content.substr(0, begin) + repeated(subagent, 21) + content.substr(end);
+  qortest::writeFile(dir.file("more.xml"), more);
+  EXPECT_NE(0, xmllint({dir.file("more.xml")}).exitCode);
+  qortest::RunResult run = validate({dir.file("more.xml")});
+  EXPECT_EQ(1, run.exitCode);
+  EXPECT_NE(std::string::npos, run.out.find("error 55")) << run.out;
+}
+
+// The script that the example CAP files name, run in a directory of its own.
+class ExampleDaemon : public ::testing::Test {
+ protected:
+  ExampleDaemon() { setenv("QOR_EXAMPLES_RUN", dir.path().c_str(), 1); }
+  ~ExampleDaemon() override { run("stop", "qor-test"); }
+
+  qortest::RunResult run(const std::string& action, const std::string& name) {
+    return qortest::runProgram({"/bin/sh", examplesDir() + "/scripts/example-daemon.sh", action, name});
+  }
+  int pid() { return std::atoi(qortest::readFile(dir.file("qor-test.pid")).c_str()); }
+
+  qortest::TempDir dir;
+};
+
+TEST_F(ExampleDaemon, StartsAProgramOfItsOwnNameAndStopsIt) {
+  EXPECT_EQ(1, run("status", "qor-test").exitCode);
+  qortest::RunResult started = run("start", "qor-test");
+  ASSERT_EQ(0, started.exitCode) << started.err;
+  int process = pid();
+  ASSERT_GT(process, 0);
+  EXPECT_EQ("qor-test started, pid " + std::to_string(process) + "\n", started.out);
+  char exe[4096] = {0};
+  ASSERT_GT(readlink(("/proc/" + std::to_string(process) + "/exe").c_str(), exe, sizeof exe - 1), 0);
+  EXPECT_EQ(dir.file("bin/qor-test"), std::string(exe));
+  EXPECT_EQ(0, run("status", "qor-test").exitCode);
+  EXPECT_EQ(0, run("start", "qor-test").exitCode);
+  EXPECT_EQ(process, pid());
+  qortest::RunResult stopped = run("stop", "qor-test");
+  EXPECT_EQ(0, stopped.exitCode);
+  EXPECT_EQ("qor-test stopped\n", stopped.out);
+  EXPECT_TRUE(qortest::waitFor([&] { return kill(process, 0) != 0; }, 5000));
+  EXPECT_EQ(1, run("status", "qor-test").exitCode);
+  EXPECT_EQ("qor-test was not running\n", run("stop", "qor-test").out);
+}
+
+TEST_F(ExampleDaemon, CommandLineMatchesThePatternOfTheExample) {
+  ASSERT_EQ(0, run("start", "qor-test").exitCode);
+  std::string cmdline = qortest::readFile("/proc/" + std::to_string(pid()) + "/cmdline");
+  std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
+  while (!cmdline.empty() && cmdline.back() == ' ') cmdline.pop_back();
+  UErrorCode status = U_ZERO_ERROR;
+  icu::RegexMatcher matcher(icu::UnicodeString(("^" + dir.file("bin/qor-test") + " [0-9]+$").c_str()), 0,
+                            status);
+  ASSERT_FALSE(U_FAILURE(status));
+  // The matcher keeps a reference to its input, which must outlive the search.
+  icu::UnicodeString input(cmdline.c_str());
+  matcher.reset(input);
+  EXPECT_TRUE(matcher.find(status)) << cmdline;
+}
+
+TEST_F(ExampleDaemon, StalePidFileIsStatusTwo) {
+  qortest::writeFile(dir.file("qor-test.pid"), "999999999\n");
+  qortest::RunResult status = run("status", "qor-test");
+  EXPECT_EQ(2, status.exitCode);
+  EXPECT_EQ("qor-test is gone; stale pid file " + dir.file("qor-test.pid") + "\n", status.out);
+}
+
+TEST_F(ExampleDaemon, NameWithASlashIsRefused) {
+  qortest::RunResult refused = run("start", "../x");
+  EXPECT_EQ(64, refused.exitCode);
+  EXPECT_FALSE(qortest::fileExists(dir.file("bin")));
+}
+
+}  // namespace

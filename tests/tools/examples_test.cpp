@@ -11,7 +11,6 @@
 
 #include "cap/qorxmlproc.h"
 #include "support/qortest.h"
-#include "tools/tooltest.h"
 
 namespace {
 
@@ -41,7 +40,7 @@ qortest::RunResult xmllint(const std::vector<std::string>& files) {
 }
 
 qortest::RunResult validate(const std::vector<std::string>& files) {
-  std::vector<std::string> args = {tooltest::qorctlPath(), "validate"};
+  std::vector<std::string> args = {qortest::binaryDir() + "/tools/qorctl", "validate"};
   args.insert(args.end(), files.begin(), files.end());
   return qortest::runProgram(args);
 }

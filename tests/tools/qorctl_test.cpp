@@ -8,7 +8,6 @@
 
 #include "cap/capfiles.h"
 #include "support/qortest.h"
-#include "tools/tooltest.h"
 
 namespace {
 
@@ -30,7 +29,7 @@ class QorctlValidate : public ::testing::Test {
   }
 
   qortest::RunResult qorctl(std::vector<std::string> args) {
-    args.insert(args.begin(), tooltest::qorctlPath());
+    args.insert(args.begin(), qortest::binaryDir() + "/tools/qorctl");
     return qortest::runProgram(args);
   }
 

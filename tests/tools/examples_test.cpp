@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -129,6 +131,23 @@ struct Mutation {
   const char* to;
 };
 
+void PrintTo(const Mutation& mutation, std::ostream* out) { *out << mutation.what; }
+
+// "element order" becomes "ElementOrder": test names that read as the change.
+std::string mutationName(const ::testing::TestParamInfo<Mutation>& info) {
+  std::string name;
+  bool upper = true;
+  for (const char* c = info.param.what; *c != '\0'; ++c) {
+    if (*c == ' ') {
+      upper = true;
+    } else {
+      name += upper ? static_cast<char>(std::toupper(static_cast<unsigned char>(*c))) : *c;
+      upper = false;
+    }
+  }
+  return name;
+}
+
 class SchemaAgreement : public ::testing::TestWithParam<Mutation> {};
 
 std::string exampleText() { return qortest::readFile(examplesDir() + "/cap/watched.xml"); }
@@ -159,7 +178,7 @@ const std::string kReturnCode = "<returnCode type=\"OK\">0</returnCode>";
 const std::string kReturnCodes21 = repeated(kReturnCode, 21);
 
 INSTANTIATE_TEST_SUITE_P(
-    Changes, SchemaAgreement,
+    RefusedChanges, SchemaAgreement,
     ::testing::Values(
         Mutation{"element order",
                  "<agentName>Example watched program</agentName>\n    <procName>qor-watched</procName>",
@@ -195,7 +214,8 @@ INSTANTIATE_TEST_SUITE_P(
                  "type=\"Fine\" msg_id=\"WATCHED_STOPPED\""},
         Mutation{"subagent without id", " id=\"example.watched\"", ""},
         Mutation{"unknown attribute", "<agentName>", "<agentName lang=\"en\">"},
-        Mutation{"other namespace", "xmlns=\"urn:qor:cap\"", "xmlns=\"urn:other\""}));
+        Mutation{"other namespace", "xmlns=\"urn:qor:cap\"", "xmlns=\"urn:other\""}),
+    mutationName);
 
 TEST(SchemaAgreementOnCounts, TwentySubagentsPassAndTwentyOneFailBoth) {
   std::string content = exampleText();

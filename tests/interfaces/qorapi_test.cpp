@@ -279,3 +279,15 @@ TEST(QueryService, WideToNarrowForHosts) {
   EXPECT_STREQ("plain text", text);
   delete[] text;
 }
+
+TEST(QueryService, Utf8ToWideForHosts) {
+  wchar_t* text = QOR_u_strFromUTF8("caf\xc3\xa9");
+  ASSERT_NE(nullptr, text);
+  EXPECT_EQ(std::wstring(L"caf\u00e9"), std::wstring(text));
+  delete[] text;
+  std::string longText(2000, 'x');
+  wchar_t* longWide = QOR_u_strFromUTF8(longText.c_str());
+  ASSERT_NE(nullptr, longWide);
+  EXPECT_EQ(std::wstring(2000, L'x'), std::wstring(longWide));
+  delete[] longWide;
+}

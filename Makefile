@@ -4,6 +4,8 @@
 
 BUILD_DIR     ?= build
 SANITIZE_DIR  ?= build-sanitize
+TSAN_DIR      ?= build-tsan
+FUZZ_DIR      ?= build-fuzz
 BUILD_TYPE    ?= RelWithDebInfo
 JOBS          ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR     := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
@@ -12,7 +14,7 @@ DEMO_DIR      ?= $(CURDIR)/build/demo
 DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libicu-dev \
                  googletest libgtest-dev libgmock-dev libxml2-utils clang
 
-.PHONY: all build deps test test-sanitize demo clean help
+.PHONY: all build deps test test-sanitize test-tsan fuzz fuzz-run demo clean help
 
 all: build
 
@@ -20,6 +22,9 @@ help:
 	@echo "make               build libqor and the programs into $(BUILD_DIR)/"
 	@echo "make test          build and run the whole test suite"
 	@echo "make test-sanitize the suite under AddressSanitizer and UBSan ($(SANITIZE_DIR)/)"
+	@echo "make test-tsan     the suite under ThreadSanitizer ($(TSAN_DIR)/)"
+	@echo "make fuzz          build the libFuzzer targets with clang ($(FUZZ_DIR)/fuzz/)"
+	@echo "make fuzz-run      run one fuzz target: FUZZ_TARGET=fuzz_cap_file FUZZ_TIME=600"
 	@echo "make demo          run qorhost on examples/cap (Ctrl-C stops it)"
 	@echo "make deps          install the Debian packages the build needs (as root)"
 	@echo "make clean         remove the build folders"
@@ -57,6 +62,34 @@ test-sanitize: deps
 	cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest -j $(JOBS) --output-on-failure --timeout 600
 
+# ThreadSanitizer needs clang for the same reason. tsan.supp holds the few
+# reports that come from outside our code, each with its reason.
+test-tsan: deps
+	CC=clang CXX=clang++ cmake -S . -B $(TSAN_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DQOR_TSAN=ON
+	cmake --build $(TSAN_DIR) -j $(JOBS)
+	cd $(TSAN_DIR) && TSAN_OPTIONS="suppressions=$(CURDIR)/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
+	  ctest -j $(JOBS) --output-on-failure --timeout 600
+
+# The fuzz targets of fuzz/, built by clang with libFuzzer, AddressSanitizer
+# and UBSan. `make test` replays their corpora in every build.
+FUZZ_TARGETS := fuzz_cap_file fuzz_value_parsers fuzz_env_subst
+FUZZ_TARGET  ?= fuzz_cap_file
+FUZZ_TIME    ?= 600
+FUZZ_RUNS    ?= -1
+
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DQOR_FUZZ=ON -DQOR_BUILD_TESTS=OFF
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target $(FUZZ_TARGETS)
+
+# New inputs go to $(FUZZ_DIR)/corpus/<target>, findings to
+# $(FUZZ_DIR)/findings/<target>; the committed corpus is only read.
+fuzz-run: fuzz
+	@mkdir -p $(FUZZ_DIR)/corpus/$(FUZZ_TARGET) $(FUZZ_DIR)/findings/$(FUZZ_TARGET)
+	$(FUZZ_DIR)/fuzz/$(FUZZ_TARGET) -dict=fuzz/cap.dict -max_total_time=$(FUZZ_TIME) -runs=$(FUZZ_RUNS) \
+	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/findings/$(FUZZ_TARGET)/ \
+	  $(FUZZ_DIR)/corpus/$(FUZZ_TARGET) fuzz/corpus/$(FUZZ_TARGET)
+
 # The demo works on a copy of examples/cap, so that the state file and any
 # CAP file you add or remove stay out of the source tree.
 demo: build
@@ -69,4 +102,4 @@ demo: build
 	  --trace-level $${QOR_TRACE_LEVEL:-128}
 
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR)
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR)

@@ -1,0 +1,123 @@
+// Fuzz target: the variable substitution of CAP texts and commands,
+// ReplaceEnvVariables and the two forms of ReplaceTEOVariables, on arbitrary
+// text in a fixed environment whose $MARLOWHOME has no vexinf, so that a
+// $NAME@code query runs a command that is not there and prints nothing.
+// The first byte chooses the function and how bytes become text; NUL bytes
+// split the rest into the arguments.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "agents/qoragt.h"
+#include "cap/qorconv.h"
+#include "fuzz/fuzzenv.h"
+#include "watchdog/qorunx.h"
+
+namespace {
+
+const std::wstring INSTANCE_MARKER = L"##INSTANCE##";
+const std::wstring USER_MARKER = L"##USER##";
+
+void stop(const char* what, int selector) {
+  fprintf(stderr, "qor fuzz: %s (selector %d)\n", what, selector);
+  __builtin_trap();
+}
+
+std::wstring textOf(const std::string& bytes, bool utf8) {
+  std::wstring text;
+  if (utf8) {
+    wchar_t buffer[128];
+    int length = 0;
+    int error = 0;
+    wchar_t* wide =
+        qor_u_strFromUTF8(buffer, 128, &length, bytes.data(), static_cast<int>(bytes.size()), &error);
+    if (wide == nullptr) return text;
+    text.assign(wide, static_cast<size_t>(length));
+    if (wide != buffer) delete[] wide;
+    return text;
+  }
+  for (unsigned char c : bytes) text.push_back(static_cast<wchar_t>(c));
+  return text;
+}
+
+// The rest of the input split at NUL bytes, always at least three parts.
+std::vector<std::wstring> partsOf(const uint8_t* data, size_t size, bool utf8) {
+  std::vector<std::wstring> parts;
+  std::string part;
+  for (size_t i = 0; i < size; ++i) {
+    if (data[i] == 0) {
+      parts.push_back(textOf(part, utf8));
+      part.clear();
+    } else {
+      part.push_back(static_cast<char>(data[i]));
+    }
+  }
+  parts.push_back(textOf(part, utf8));
+  while (parts.size() < 3) parts.emplace_back();
+  return parts;
+}
+
+void tryEnvVariables(const std::wstring& text, int selector) {
+  std::wstring result = ReplaceEnvVariables(text);
+  if (text.find(L'$') == std::wstring::npos && result != text) stop("a text without $ was changed", selector);
+}
+
+// The callers replace the two markers by an agent's instance or user name. A
+// value that holds its own marker would be replaced for ever, which no agent's
+// name does, so such a value is not tried.
+void tryMarker(const std::vector<std::wstring>& parts, int selector) {
+  const std::wstring& marker = (selector & 0x10) != 0 ? USER_MARKER : INSTANCE_MARKER;
+  const std::wstring& value = parts[1];
+  if (value.find(marker) != std::wstring::npos) return;
+  std::wstring text = parts[0];
+  ReplaceTEOVariables(text, marker, value);
+  if (parts[0].find(marker) == std::wstring::npos && text != parts[0])
+    stop("a text without the marker was changed", selector);
+}
+
+void tryAgentCommand(const std::vector<std::wstring>& parts, int selector) {
+  const std::wstring& command = parts[0];
+  if ((selector & 0x10) != 0) {
+    if (ReplaceTEOVariables(command, nullptr) != command) stop("a null agent changed the command", selector);
+    return;
+  }
+  if (parts[1].find(INSTANCE_MARKER) != std::wstring::npos ||
+      parts[2].find(USER_MARKER) != std::wstring::npos)
+    return;
+  Agent agent;
+  agent.setInstanceName(parts[1]);
+  agent.setUserName(parts[2]);
+  std::wstring result = ReplaceTEOVariables(command, &agent);
+  bool marked =
+      command.find(INSTANCE_MARKER) != std::wstring::npos || command.find(USER_MARKER) != std::wstring::npos;
+  if (!marked && result != command) stop("a command without markers was changed", selector);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  qorfuzz::setFixedEnvironment();
+  return 0;
+}
+
+// Selector: bit 7 picks the UTF-8 conversion, bit 4 the user marker or the
+// null agent, the low bits the function.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  int selector = data[0];
+  bool utf8 = (selector & 0x80) != 0;
+  switch (selector % 3) {
+    case 0:
+      tryEnvVariables(textOf(std::string(reinterpret_cast<const char*>(data + 1), size - 1), utf8), selector);
+      break;
+    case 1:
+      tryMarker(partsOf(data + 1, size - 1, utf8), selector);
+      break;
+    default:
+      tryAgentCommand(partsOf(data + 1, size - 1, utf8), selector);
+      break;
+  }
+  return 0;
+}

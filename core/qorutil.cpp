@@ -35,10 +35,24 @@ class EnvVarsLock {
   EnvVarsLock& operator=(const EnvVarsLock&) = delete;
 };
 
+// setlocale changes the process-wide locale that the conversion right after
+// it reads, and the C library does not make it safe against other threads:
+// the two conversions take turns, from setlocale to the end of the conversion.
+pthread_mutex_t localeMutex = PTHREAD_MUTEX_INITIALIZER;
+
+class LocaleLock {
+ public:
+  LocaleLock() { pthread_mutex_lock(&localeMutex); }
+  ~LocaleLock() { pthread_mutex_unlock(&localeMutex); }
+  LocaleLock(const LocaleLock&) = delete;
+  LocaleLock& operator=(const LocaleLock&) = delete;
+};
+
 }  // namespace
 
 std::wstring qor_mbstowcs(const char* text) {
   QOR_TRACE_FUNCTION();
+  LocaleLock lock;
   setlocale(LC_CTYPE, "");
   if (text == nullptr) return std::wstring();
   size_t length = strlen(text);
@@ -52,6 +66,7 @@ std::wstring qor_mbstowcs(const char* text) {
 }
 
 char* qor_wcstombs(const std::wstring& text) {
+  LocaleLock lock;
   setlocale(LC_CTYPE, "");
   size_t size = text.size() * 4 + 1;
   char* result = new char[size];

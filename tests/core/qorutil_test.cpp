@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <thread>
+#include <vector>
+
 #include "support/qortest.h"
 
 TEST(TextConversion, RoundTripInTheEnvironmentsLocale) {
@@ -21,6 +24,27 @@ TEST(TextConversion, OneInvalidByteEmptiesTheWholeText) {
   EXPECT_EQ(L"", qor_mbstowcs("good \xff bad"));
   EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("trace")), "mbstowcs returned -1"));
   EXPECT_EQ(L"", qor_mbstowcs(nullptr));
+}
+
+// Each conversion sets the locale again; threads that convert at the same
+// time must each get their own text whole (and make no report under
+// ThreadSanitizer).
+TEST(TextConversion, ThreadsThatConvertAtOnceEachGetTheirText) {
+  setenv("LC_ALL", "C.UTF-8", 1);
+  std::vector<int> wrong(4, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &wrong] {
+      const std::wstring wide = L"caf\u00e9 " + std::to_wstring(t);
+      const std::string narrow = "caf\xc3\xa9 " + std::to_string(t);
+      for (int i = 0; i < 200; ++i) {
+        if (qor_narrow(wide) != narrow) ++wrong[t];
+        if (qor_mbstowcs(narrow.c_str()) != wide) ++wrong[t];
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(std::vector<int>(4, 0), wrong);
 }
 
 TEST(Environment, TheFirstValueReadStaysForTheLifeOfTheProcess) {

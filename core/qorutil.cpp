@@ -35,25 +35,24 @@ class EnvVarsLock {
   EnvVarsLock& operator=(const EnvVarsLock&) = delete;
 };
 
-// setlocale changes the process-wide locale that the conversion right after
-// it reads, and the C library does not make it safe against other threads:
-// the two conversions take turns, from setlocale to the end of the conversion.
+// Each conversion sets LC_CTYPE from the environment again, on any thread.
+// setlocale is not promised to be safe against itself on another thread, so
+// the calls take turns; the lock covers setlocale alone, which every thread
+// sets from the same environment, so that conversions do not wait for each
+// other.
 pthread_mutex_t localeMutex = PTHREAD_MUTEX_INITIALIZER;
 
-class LocaleLock {
- public:
-  LocaleLock() { pthread_mutex_lock(&localeMutex); }
-  ~LocaleLock() { pthread_mutex_unlock(&localeMutex); }
-  LocaleLock(const LocaleLock&) = delete;
-  LocaleLock& operator=(const LocaleLock&) = delete;
-};
+void setLocaleFromEnvironment() {
+  pthread_mutex_lock(&localeMutex);
+  setlocale(LC_CTYPE, "");
+  pthread_mutex_unlock(&localeMutex);
+}
 
 }  // namespace
 
 std::wstring qor_mbstowcs(const char* text) {
   QOR_TRACE_FUNCTION();
-  LocaleLock lock;
-  setlocale(LC_CTYPE, "");
+  setLocaleFromEnvironment();
   if (text == nullptr) return std::wstring();
   size_t length = strlen(text);
   std::vector<wchar_t> buffer(length + 1, L'\0');
@@ -66,8 +65,7 @@ std::wstring qor_mbstowcs(const char* text) {
 }
 
 char* qor_wcstombs(const std::wstring& text) {
-  LocaleLock lock;
-  setlocale(LC_CTYPE, "");
+  setLocaleFromEnvironment();
   size_t size = text.size() * 4 + 1;
   char* result = new char[size];
   result[0] = '\0';

@@ -116,16 +116,17 @@ TEST(Qorhost, ShowsCapFilesFoundAddedRemovedAndRefused) {
   }
   qortest::Child host({tool("qorhost"), "--cap-dir", caps.path(), "--ip-dir", dir.path()});
   ASSERT_TRUE(host.waitForOutput("service started", 10000)) << host.out();
-  // Found at startup, in name order, before the service says it is up.
+  // Found at startup, in name order. Startup waits until the command handler
+  // has taken the files in, not until the message handler has delivered
+  // their events, so these lines may come just after "service started".
+  const std::string sleeperFound =
+      caps.file("sleeper.xml") + " CAP File Event: Agent added to system - CAP file found.\n";
+  const std::string watchedFound =
+      caps.file("watched.xml") + " CAP File Event: Agent added to system - CAP file found.\n";
+  ASSERT_TRUE(host.waitForOutput(watchedFound, 2000)) << host.out();
   std::string out = host.out();
-  size_t sleeper =
-      out.find(caps.file("sleeper.xml") + " CAP File Event: Agent added to system - CAP file found.\n");
-  size_t watched =
-      out.find(caps.file("watched.xml") + " CAP File Event: Agent added to system - CAP file found.\n");
-  ASSERT_NE(std::string::npos, sleeper) << out;
-  ASSERT_NE(std::string::npos, watched) << out;
-  EXPECT_LT(sleeper, watched);
-  EXPECT_LT(watched, out.find("service started"));
+  ASSERT_NE(std::string::npos, out.find(sleeperFound)) << out;
+  EXPECT_LT(out.find(sleeperFound), out.find(watchedFound));
 
   qortest::writeFile(caps.file("pattern.xml"),
                      qortest::readFile(qortest::sourceDir() + "/examples/cap/pattern.xml"));

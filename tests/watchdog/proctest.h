@@ -37,7 +37,7 @@ class FakeSuite {
         "if [ -f \"$home/vexinf.$option.delay\" ]; then sleep \"$(cat \"$home/vexinf.$option.delay\")\"; fi\n"
         "echo 'Suite status'\n"
         "echo 'Version 9.1'\n"
-        "echo \"Host $(hostname)\"\n"
+        "echo 'Host testhost'\n"
         "echo\n"
         "echo 'Product Host PID Kind State Instance'\n"
         "echo '------- ---- --- ---- ----- --------'\n"

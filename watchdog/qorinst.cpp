@@ -141,7 +141,11 @@ bool ParseVexinfOutput(const std::wstring& output, std::vector<QorProcess*>& pro
       it = processes.erase(it);
       continue;
     }
-    size_t nameStart = std::min(at + digits.size() + 1, output.size());
+    // The name stands one character behind the number the hit is part of, so
+    // that an id that begins a longer one takes that line's name.
+    size_t numberEnd = output.find_first_not_of(L"0123456789", at + digits.size());
+    if (numberEnd == std::wstring::npos) numberEnd = output.size();
+    size_t nameStart = std::min(numberEnd + 1, output.size());
     size_t nameEnd = output.find(L'\n', nameStart);
     process->setInstanceName(
         output.substr(nameStart, nameEnd == std::wstring::npos ? std::wstring::npos : nameEnd - nameStart));
@@ -152,17 +156,18 @@ bool ParseVexinfOutput(const std::wstring& output, std::vector<QorProcess*>& pro
 
 namespace {
 
-// Services are named by their service name. One process without a name stays,
-// unnamed; of several, those without a name are dropped.
+// Services are named by their service name. A lone process without a name
+// stays, unnamed; of several, those without a name are dropped.
 bool nameServiceProcesses(Policy* policy, std::vector<QorProcess*>& processes) {
   QOR_TRACE_FUNCTION();
   bool result = true;
+  const bool single = processes.size() == 1;
   for (auto it = processes.begin(); it != processes.end();) {
     QorProcess* process = *it;
     std::wstring name = GetServiceInstanceName(policy, process->getInstanceProcName());
     if (!name.empty()) {
       process->setServiceInstanceName(name);
-    } else if (processes.size() == 1) {
+    } else if (single) {
       process->setServiceInstanceName(L"");
       result = false;
     } else {

@@ -299,12 +299,14 @@ TEST(CommandExecution, AScriptThatEndsWhileItsDaemonHoldsThePipeEndsThroughWaitp
   qortest::traceTo(dir.file("trace"), QOR_TL_DETAIL);
   std::string daemon = proctest::copyProgram("/bin/sleep", dir.file("qorholder"));
   QorCmdUNIX* manager = fastManager(6);
-  QorScript script4 = script("echo started; " + daemon + " 20 & echo $! > " + dir.file("daemon.pid") + "; exit 4");
+  QorScript script4 =
+      script("echo started; " + daemon + " 20 & echo $! > " + dir.file("daemon.pid") + "; exit 4");
   std::wstring output, msgID;
   EXPECT_EQ(4, manager->executeCmd(&script4, output, msgID, nullptr));
   EXPECT_EQ(L"started\n", output);
   EXPECT_TRUE(manager->getDefunctProcesses().empty());
-  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("trace")), " is no longer running, rc = 1024"));
+  EXPECT_EQ(
+      1, qortest::countOccurrences(qortest::readFile(dir.file("trace")), " is no longer running, rc = 1024"));
   kill(readPid(dir.file("daemon.pid")), SIGKILL);
 }
 
@@ -401,7 +403,8 @@ TEST(CommandExecution, TheCallersListLockIsGivenUpForTheCommandAndTakenBack) {
       list->unlockList();
     }
   });
-  QorScript wait = script("i=0; while [ ! -f " + dir.file("go") + " ] && [ $i -lt 40 ]; do sleep 0.05; i=$((i+1)); done; echo seen");
+  QorScript wait = script("i=0; while [ ! -f " + dir.file("go") +
+                          " ] && [ $i -lt 40 ]; do sleep 0.05; i=$((i+1)); done; echo seen");
   std::wstring output, msgID;
   EXPECT_EQ(0, manager->executeCmd(&wait, output, msgID, nullptr));
   other.join();
@@ -444,8 +447,8 @@ TEST(AppStop, AProcessThatHasGoneIsNotSignalledAndTheResultIsZero) {
   policy.setAgentTypeElement(UnixDaemon);
   EXPECT_EQ(0, manager->appStop(L"qorvanished", pid, &policy));
   std::string trace = qortest::readFile(dir.file("trace"));
-  EXPECT_EQ(1, qortest::countOccurrences(trace, "Application qorvanished (pid = " + std::to_string(pid) +
-                                                    ") not found.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(
+                   trace, "Application qorvanished (pid = " + std::to_string(pid) + ") not found.\n"));
   EXPECT_EQ(0, qortest::countOccurrences(trace, "SIGTERM"));
 }
 
@@ -464,7 +467,8 @@ TEST(AppStop, AChildThatDoesNotDieAtOnceGetsSigkill) {
   EXPECT_TRUE(WIFSIGNALED(status));
   std::string trace = qortest::readFile(dir.file("trace"));
   if (WTERMSIG(status) == SIGKILL) {
-    EXPECT_EQ(1, qortest::countOccurrences(trace, "Application did not end with SIGTERM. Retry using SIGKILL"));
+    EXPECT_EQ(1,
+              qortest::countOccurrences(trace, "Application did not end with SIGTERM. Retry using SIGKILL"));
   } else {
     EXPECT_EQ(SIGTERM, WTERMSIG(status));
   }

@@ -51,7 +51,8 @@ TEST(EnvVariables, ADollarSignAtTheEndIsAnInvalidNameAndTheTextStays) {
   qortest::TempDir dir;
   qortest::traceTo(dir.file("trace"), QOR_TL_DETAIL);
   EXPECT_EQ(L"costs 5$", ReplaceEnvVariables(L"costs 5$"));
-  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("trace")), "Invalid var name -- null.\n"));
+  EXPECT_EQ(1,
+            qortest::countOccurrences(qortest::readFile(dir.file("trace")), "Invalid var name -- null.\n"));
 }
 
 TEST(EnvVariables, ADoubleDollarLooksUpANameThatBeginsWithDollarThenExpandsTheRest) {
@@ -195,7 +196,8 @@ TEST(RunVariables, ANullAgentLeavesTheCommandAsItIs) {
   qortest::TempDir dir;
   qortest::traceTo(dir.file("trace"), QOR_TL_DETAIL);
   EXPECT_EQ(L"run ##INSTANCE##", ReplaceTEOVariables(L"run ##INSTANCE##", nullptr));
-  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("trace")), "Agent is null - nothing to do.\n"));
+  EXPECT_EQ(
+      1, qortest::countOccurrences(qortest::readFile(dir.file("trace")), "Agent is null - nothing to do.\n"));
 }
 
 TEST(RunVariables, AValueHoldingTheVariableIsReplacedOnceAndTheLoopEnds) {

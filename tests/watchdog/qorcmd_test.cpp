@@ -510,3 +510,32 @@ TEST(AgentInformation, EmptyScriptsLeaveTheFieldsAsTheyAre) {
   EXPECT_EQ(L"kept", agent.getAgentVersion());
   EXPECT_EQ(L"", agent.getAgentBuildNumber());
 }
+
+TEST(CommandExecution, ShutdownCutsTheCommandShortAfterWaitingForTheShell) {
+  qortest::TempDir dir;
+  QorCmdUNIX* manager = fastManager(30);
+  setenv("QOR_CAP_DIR", dir.path().c_str(), 1);
+  qortest::traceTo(dir.file("trace"), QOR_TL_DETAIL);
+  QOR_QueryService* service = QOR_QueryService::initQueryService();
+  service->startQueryService();
+  int rc = 0;
+  std::atomic<bool> started{false};
+  std::thread runner([&] {
+    QorScript slow = script("echo $$ > " + dir.file("shell.pid") + "; sleep 2");
+    std::wstring output, msgID;
+    started = true;
+    rc = manager->executeCmd(&slow, output, msgID, nullptr);
+  });
+  ASSERT_TRUE(
+      qortest::waitFor([&] { return started.load() && qortest::fileExists(dir.file("shell.pid")); }, 3000));
+  service->releaseQueryService(false);
+  runner.join();
+  EXPECT_EQ(-1, rc);
+  std::string trace = qortest::readFile(dir.file("trace"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace, "Shutdown -- before sleep.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace, "Shutdown processing."));
+  EXPECT_EQ(0, qortest::countOccurrences(trace, "Command did not finish within timeout"));
+  // The shell was waited for, not left behind.
+  EXPECT_TRUE(manager->getDefunctProcesses().empty());
+  EXPECT_EQ(-1, kill(readPid(dir.file("shell.pid")), 0));
+}

@@ -103,15 +103,15 @@ inline std::string copyProgram(const std::string& from, const std::string& to) {
   return to;
 }
 
-// Whether a process has called exec on its final program: its exe link then
-// shows `exe`.
+// Whether a process runs `exe` and its command line is in place: during an
+// exec the executable link changes before the new command line can be read.
 inline bool runsExecutable(int pid, const std::string& exe) {
   char buffer[512];
-  std::string link = "/proc/" + std::to_string(pid) + "/exe";
-  ssize_t length = readlink(link.c_str(), buffer, sizeof buffer - 1);
+  std::string proc = "/proc/" + std::to_string(pid);
+  ssize_t length = readlink((proc + "/exe").c_str(), buffer, sizeof buffer - 1);
   if (length <= 0) return false;
   buffer[length] = '\0';
-  return exe == buffer;
+  return exe == buffer && !qortest::readFile(proc + "/cmdline").empty();
 }
 
 // The processes whose parent is `parent`, read from /proc independently of

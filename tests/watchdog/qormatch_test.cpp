@@ -57,7 +57,7 @@ class Lab {
   int start(const std::vector<std::string>& argv, const std::string& exe) {
     processes_.emplace_back(new proctest::Process(argv));
     int pid = processes_.back()->pid();
-    qortest::waitFor([&] { return proctest::runsExecutable(pid, exe); }, 3000);
+    EXPECT_TRUE(qortest::waitFor([&] { return proctest::runsExecutable(pid, exe); }, 5000)) << exe;
     return pid;
   }
 

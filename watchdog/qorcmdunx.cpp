@@ -58,10 +58,7 @@ QorCmdUNIX::QorCmdUNIX() = default;
 
 QorCmdUNIX::~QorCmdUNIX() = default;
 
-namespace {
-
-// How the poll loop of a command ended.
-struct PollOutcome {
+struct QorCmdUNIX::PollOutcome {
   int remaining = 0;
   bool appStarted = false;
   bool shutdown = false;
@@ -71,44 +68,51 @@ struct PollOutcome {
   bool normalEnd() const { return remaining != 0 && readError == 0 && !appStarted && !shutdown; }
 };
 
-}  // namespace
-
 int QorCmdUNIX::executeCmd(const std::wstring& command, std::string& output, QorScript* script,
                            Agent* agent) {
   QOR_TRACE_FUNCTION();
   std::string narrow = qor_narrow(command);
-  const bool noMaps = script->emptyRCs();
-
   int pid = -1;
   FILE* stream = qor_popen(narrow.c_str(), pid);
   if (stream == nullptr) {
     QOR_TRACE_ERROR("Error: qor_popen failed, errno = %d", errno);
     return QOR_TRACE_RETURN(-1);
   }
-
   PollOutcome end;
   end.remaining = timeout;
   if (agent != nullptr && agent->availCheckRetryEnabled()) end.remaining *= 2;
-  int pauseSeconds = 0;
+  pollCommand(stream, pid, script, agent, output, end);
+  int result =
+      end.normalEnd() ? finishCommand(stream, pid, end) : abandonCommand(stream, pid, script, agent, end);
+  if (result == -1 && !end.normalEnd() && !end.shutdown) {
+    result = QOR_CMD_TIMED_OUT;
+    QOR_TRACE_ERROR("Command did not finish within timeout - cmd = %s", narrow.c_str());
+  }
+  return QOR_TRACE_RETURN(result);
+}
+
+void QorCmdUNIX::pollCommand(FILE* stream, int pid, QorScript* script, Agent* agent, std::string& output,
+                             PollOutcome& end) {
+  QOR_TRACE_FUNCTION();
+  const bool noMaps = script->emptyRCs();
+  auto shuttingDown = [&] {
+    if (!controller->isShuttingDown()) return false;
+    QOR_TRACE_DETAIL("Shutdown -- before sleep.\n");
+    end.shutdown = true;
+    return true;
+  };
   int descriptor = fileno(stream);
   fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
 
   // One read a second, on purpose: the loop is simple, and the first pass,
   // which does not sleep, costs a second of the budget all the same.
+  int pauseSeconds = 0;
   char buffer[1024];
   while (!feof(stream) && end.remaining > 0) {
     QOR_TRACE_DETAIL("Waiting for command to complete for %d seconds.\n", end.remaining);
-    if (controller->isShuttingDown()) {
-      QOR_TRACE_DETAIL("Shutdown -- before sleep.\n");
-      end.shutdown = true;
-      break;
-    }
+    if (shuttingDown()) return;
     sleep(pauseSeconds);
-    if (controller->isShuttingDown()) {
-      QOR_TRACE_DETAIL("Shutdown -- before sleep.\n");
-      end.shutdown = true;
-      break;
-    }
+    if (shuttingDown()) return;
     pauseSeconds = 1;
     --end.remaining;
 
@@ -127,71 +131,65 @@ int QorCmdUNIX::executeCmd(const std::wstring& command, std::string& output, Qor
       QOR_TRACE_DETAIL("There is an error returned from reading buffer. %d\n", error);
       if (error != EAGAIN && error != EINTR) {
         end.readError = error;
-        break;
+        return;
       }
       // A script that has ended while a process it started still holds the
       // pipe never reaches end-of-file: ask for the script itself.
-      if (!output.empty()) {
-        int status = 0;
-        if (waitpid(pid, &status, WNOHANG) == pid) {
-          QOR_TRACE_DETAIL("Child pid %d is no longer running, rc = %d", pid, status);
-          end.childStatus = status;
-          break;
-        }
+      int status = 0;
+      if (!output.empty() && waitpid(pid, &status, WNOHANG) == pid) {
+        QOR_TRACE_DETAIL("Child pid %d is no longer running, rc = %d", pid, status);
+        end.childStatus = status;
+        return;
       }
     }
     // The start script of a daemon may never end: it is done once the
     // application runs.
     if (script->isStartCommand() && noMaps && isAppRunning(agent)) {
       end.appStarted = true;
-      break;
+      return;
     }
   }
+}
 
-  int result;
-  if (end.normalEnd()) {
-    int status = end.childStatus;
-    if (status != -1) {
-      keepStream(stream);
-    } else {
-      status = qor_pclose(stream, pid);
-    }
-    if (status == -1) {
-      QOR_TRACE_ERROR("qor_pclose failed - errno %d", errno);
-      result = -1;
-    } else {
-      QOR_TRACE_DETAIL("qor_pclose returned %d", status);
-      // A shell killed by a signal has 0 here, and so reads as success.
-      result = (status & 0xff00) >> 8;
-    }
-    return QOR_TRACE_RETURN(result);
-  }
-
-  if (end.appStarted) {
-    result = 0;
-    addDefunctProcess(pid, stream);
+int QorCmdUNIX::finishCommand(FILE* stream, int pid, const PollOutcome& end) {
+  QOR_TRACE_FUNCTION();
+  int status = end.childStatus;
+  if (status != -1) {
+    keepStream(stream);
   } else {
-    // A start that ran out of time still succeeded if the application runs,
-    // a stop if it is gone. Without an agent neither can be known, and the
-    // command counts as not finished.
-    result = -1;
-    if (script->isStartCommand() && isAppRunning(agent)) {
-      result = 0;
-    } else if (script->isStopCommand() && agent != nullptr && !isAppRunning(agent)) {
-      result = 0;
-    }
-    if (end.remaining != 0) {
-      qor_pclose(stream, pid);
-    } else {
-      addDefunctProcess(pid, stream);
-    }
+    status = qor_pclose(stream, pid);
   }
-  if (end.shutdown) {
-    QOR_TRACE_DETAIL("Shutdown processing.");
-  } else if (result == -1) {
-    result = QOR_CMD_TIMED_OUT;
-    QOR_TRACE_ERROR("Command did not finish within timeout - cmd = %s", narrow.c_str());
+  if (status == -1) {
+    QOR_TRACE_ERROR("qor_pclose failed - errno %d", errno);
+    return QOR_TRACE_RETURN(-1);
   }
+  QOR_TRACE_DETAIL("qor_pclose returned %d", status);
+  // A shell killed by a signal has 0 here, and so reads as success.
+  return QOR_TRACE_RETURN((status & 0xff00) >> 8);
+}
+
+int QorCmdUNIX::abandonCommand(FILE* stream, int pid, QorScript* script, Agent* agent,
+                               const PollOutcome& end) {
+  QOR_TRACE_FUNCTION();
+  if (end.appStarted) {
+    addDefunctProcess(pid, stream);
+    return QOR_TRACE_RETURN(0);
+  }
+  // A start that ran out of time still succeeded if the application runs, a
+  // stop if it is gone. Without an agent neither can be known, and the
+  // command counts as not finished.
+  int result = -1;
+  if (script->isStartCommand() && isAppRunning(agent)) {
+    result = 0;
+  } else if (script->isStopCommand() && agent != nullptr && !isAppRunning(agent)) {
+    result = 0;
+  }
+  if (end.remaining != 0) {
+    qor_pclose(stream, pid);
+  } else {
+    addDefunctProcess(pid, stream);
+  }
+  if (end.shutdown) QOR_TRACE_DETAIL("Shutdown processing.");
   return QOR_TRACE_RETURN(result);
 }
 
@@ -296,29 +294,33 @@ int QorCmdUNIX::getAppOperatingState(std::wstring processName, std::wstring inst
   return QOR_TRACE_RETURN(state);
 }
 
+namespace {
+
+// Runs a service script for its return code alone.
+int runForCode(QorCmd* manager, QorScript& script, Agent* agent) {
+  std::wstring output;
+  std::wstring msgID;
+  return manager->executeCmd(&script, output, msgID, agent);
+}
+
+}  // namespace
+
 int QorCmdUNIX::systemStart(const std::wstring& name, Agent* agent) {
   QorScript script = getSystemStartScript(name);
   script.setIsStartCommand();
-  std::wstring output;
-  std::wstring msgID;
-  return QorCmd::executeCmd(&script, output, msgID, agent);
+  return runForCode(this, script, agent);
 }
 
 int QorCmdUNIX::systemStop(const std::wstring& name) {
   QorScript script = getSystemStopScript(name);
   script.setIsStopCommand();
-  std::wstring output;
-  std::wstring msgID;
-  return QorCmd::executeCmd(&script, output, msgID, nullptr);
+  return runForCode(this, script, nullptr);
 }
 
 int QorCmdUNIX::getSystemOperatingState(const std::wstring& name) {
   QorScript script = getSystemIsUpScript(name);
   if (script.empty()) return 0;
-  std::wstring output;
-  std::wstring msgID;
-  int rc = QorCmd::executeCmd(&script, output, msgID, nullptr);
-  return rc == 0 ? OpRunning : OpStopped;
+  return runForCode(this, script, nullptr) == 0 ? OpRunning : OpStopped;
 }
 
 std::wstring QorCmdUNIX::idToUserName(int id) { return ResolveUserName(id); }

@@ -89,6 +89,15 @@ class QorCmdUNIX : public QorCmd {
   static std::mutex upTimeMutex;
 
  private:
+  struct PollOutcome;
+  // Reads the command's output a second at a time until one of its ends.
+  void pollCommand(FILE* stream, int pid, QorScript* script, Agent* agent, std::string& output,
+                   PollOutcome& end);
+  // The exit status of a command that ended by itself.
+  int finishCommand(FILE* stream, int pid, const PollOutcome& end);
+  // The result of a command that did not end by itself: 0 when its start or
+  // stop is seen to have worked, else -1.
+  int abandonCommand(FILE* stream, int pid, QorScript* script, Agent* agent, const PollOutcome& end);
   // Hands a child that is left running, and the read end of its pipe, to
   // cleanUpDefunctProcesses.
   void addDefunctProcess(int pid, FILE* stream);

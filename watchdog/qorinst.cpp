@@ -87,7 +87,7 @@ std::vector<std::wstring> GetZELInstances(Policy* policy) {
 
 void Policy::loadZELInstances() {
   QOR_TRACE_FUNCTION();
-  // A specific policy has its instances from its CAP file.
+  // A policy that names its instances has them from its CAP file.
   if (productCode.empty() || !generic) return;
   std::vector<std::wstring> names = GetZELInstances(this);
   bool timedOut = false;
@@ -197,8 +197,8 @@ bool GetInstanceNames(Policy* policy, std::vector<QorProcess*>& processes) {
   } else if (!policy->isConsole()) {
     return QOR_TRACE_RETURN(nameServiceProcesses(policy, processes));
   }
-  // A specific policy keeps its own instances; a generic one leaves those of
-  // a more specific policy to it.
+  // A policy that names its instances keeps those; a generic one leaves the
+  // instances that another policy names to that one.
   for (auto it = processes.begin(); it != processes.end();) {
     const std::wstring instance = (*it)->getInstanceName();
     bool keep = policy->isGeneric() ? !policy->isExceptionInstance(instance) : policy->isInstance(instance);

@@ -78,6 +78,20 @@ std::wstring groupText(const icu::UnicodeString& group) {
   return std::wstring(buffer, length);
 }
 
+// Whether the last place of `instance` in the command line ends a word: at
+// the end, or before a quotation mark, a blank, a full stop or a slash. A
+// prefix of a longer word there is no match.
+bool instanceEndsAWord(const std::wstring& commandLine, const std::wstring& instance) {
+  QOR_TRACE_FUNCTION();
+  size_t at = commandLine.rfind(instance);
+  if (at == std::wstring::npos) return false;
+  QOR_TRACE_DETAIL("Found inst name substr in command parms. pos: %d, inst.size: %d\n", static_cast<int>(at),
+                   static_cast<int>(instance.size()));
+  size_t end = at + instance.size();
+  return end == commandLine.size() || commandLine[end] == L'"' || commandLine[end] == L' ' ||
+         commandLine[end] == L'.' || commandLine[end] == L'/';
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -165,19 +179,7 @@ bool QorCmdUNIX::applicationMatch(int pid, const std::wstring& commandLine, std:
     const bool hasPattern = policy != nullptr && !policy->getCommandLine().empty();
     if (!instance.empty()) {
       if (hasPattern) match = compareCommandLine(GetCommandLine(pid), policy, instance);
-      if (match && instance != kNoInstance) {
-        size_t at = commandLine.rfind(instance);
-        if (at == std::wstring::npos) {
-          match = false;
-        } else {
-          QOR_TRACE_DETAIL("Found inst name substr in command parms. pos: %d, inst.size: %d\n",
-                           static_cast<int>(at), static_cast<int>(instance.size()));
-          // Only the last place counts; a prefix of a longer word there is no match.
-          size_t end = at + instance.size();
-          match = end == commandLine.size() || commandLine[end] == L'"' || commandLine[end] == L' ' ||
-                  commandLine[end] == L'.' || commandLine[end] == L'/';
-        }
-      }
+      if (match && instance != kNoInstance) match = instanceEndsAWord(commandLine, instance);
     } else if (hasPattern) {
       match = compareCommandLine(GetCommandLine(pid), policy, instance);
     } else {

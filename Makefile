@@ -65,7 +65,7 @@ demo: build
 	@echo "qorhost on $(DEMO_DIR)/cap (a copy of examples/cap): add or remove CAP files there."
 	@echo "Error traces go to standard error; set QOR_TRACE_LEVEL=146 for the whole story."
 	@echo "Press Ctrl-C to stop."
-	$(BUILD_DIR)/tools/qorhost --cap-dir $(DEMO_DIR)/cap --ip-dir $(DEMO_DIR)/ip \
+	QOR_EXAMPLES=$(CURDIR)/examples $(BUILD_DIR)/tools/qorhost --cap-dir $(DEMO_DIR)/cap --ip-dir $(DEMO_DIR)/ip \
 	  --trace-level $${QOR_TRACE_LEVEL:-128}
 
 clean:

@@ -1,5 +1,6 @@
 #include "agents/qoragt.h"
 
+#include "cap/qorconv.h"
 #include "platform/log1.h"
 #include "watchdog/qorcmd.h"
 #include "watchdog/qorunx.h"
@@ -116,8 +117,13 @@ void Agent::resetReportCountExceeded() {
 
 void Agent::setID(const std::wstring& text) {
   id = text;
-  std::string utf8 = LOG1_Narrow(text);
-  if (!utf8.empty() || text.empty()) shortID = utf8;
+  char buffer[1024];
+  int length = 0;
+  int error = 0;
+  char* utf8 = qor_u_strToUTF8(buffer, sizeof buffer, &length, text.c_str(), -1, &error);
+  // A text that does not convert leaves the old short id in place.
+  if (utf8 != nullptr && error == 0) shortID = utf8;
+  if (utf8 != buffer) delete[] utf8;
 }
 
 void Agent::setPath(const std::wstring& text) { path = ReplaceEnvVariables(text); }

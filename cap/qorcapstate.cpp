@@ -1,14 +1,52 @@
 // The Controller's answer to CAP files: the initial scan at startup, and what
-// a file's arrival or removal does to policies and agents.
+// a file's arrival or removal does to policies and agents. Runs on the command
+// handler thread with the discovery lock and the lock of the managed list
+// held; the watchdog list is locked only around its own reads and changes,
+// never while a script runs.
+#include <algorithm>
+
+#include "agents/qoragt.h"
 #include "cap/qorunx.h"
+#include "cap/qorxmlproc.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "platform/log1.h"
+#include "watchdog/qorwd.h"
 
 QOR_TRACE_UNIT();
 
+namespace {
+
+// True when some agent of `list` carries `id`. Requires: `list` locked.
+bool hasAgentWithId(ManagedProcessList& list, const std::wstring& id) {
+  for (Agent* agent : list) {
+    if (agent->getID() == id) return true;
+  }
+  return false;
+}
+
+bool belongsToFile(const Agent* agent, const std::wstring& capFileName) {
+  return agent->getPolicy() != nullptr && agent->getPolicy()->getCAPFileName() == capFileName;
+}
+
+// An agent made from a policy for the messages of a file's removal; it does
+// not own the policy.
+Agent* temporaryAgentFor(Policy* policy) {
+  Agent* agent = new Agent();
+  agent->setID(policy->getSubagentID());
+  agent->setPolicy(policy);
+  agent->setName(policy->buildAgentName());
+  agent->setProcName(policy->getProcName());
+  agent->setPath(policy->getAgentPath());
+  agent->setType(policy->getAgentTypeElement());
+  return agent;
+}
+
+}  // namespace
+
 void Controller::initialDiscovery() {
   QOR_TRACE_FUNCTION();
+  // The process table of the scan joins with the process layer.
   for (const std::wstring& directory : capDirPaths) {
     for (const std::wstring& name : GetCAPDirFiles(directory)) {
       std::wstring path = directory + name;
@@ -26,6 +64,185 @@ void Controller::initialDiscovery() {
   complete->processEvent();
 }
 
-void Controller::ProcessCAPStateChange(CAPFileEvent* /*event*/) {
-  // Policies and agents from CAP files join with CAP state processing.
+bool Controller::ParseCAPFile(const std::wstring& path, Policy& policy) {
+  return xmlProcessor->parse(path, policy) == 0;
+}
+
+bool Controller::isOSAgent(Policy* policy) {
+  if (policy->getManagerTypeElement() == WatchDog) return true;
+  std::wstring code = policy->getProductCode();
+  return code == L"qa" || code == L"qb" || code == L"qc";
+}
+
+void Controller::ProcessCAPStateChange(CAPFileEvent* event) {
+  if (event->getCAPState() == 0 && event->getEventTypeID() == cap_added) {
+    capFileAdded(event);
+  } else if (event->getCAPState() == 1 && event->getEventTypeID() == cap_removed) {
+    capFileRemoved(event);
+  }
+}
+
+void Controller::capFileAdded(CAPFileEvent* event) {
+  QOR_TRACE_FUNCTION();
+  Policy* policy = new Policy();
+  if (!ParseCAPFile(event->getCAPFileName(), *policy)) {
+    QOR_TRACE_ERROR("ParseCAPFile failed.\n");
+    delete policy;
+    return;
+  }
+  // The first file wins for as long as it has agents; a policy without any
+  // agent does not block its id.
+  bool duplicate = hasAgentWithId(managedEndpointProcesses, policy->getSubagentID());
+  if (!duplicate && watchdogList.lockList()) {
+    duplicate = hasAgentWithId(watchdogList, policy->getSubagentID());
+    watchdogList.unlockList();
+  }
+  if (duplicate) {
+    QOR_TRACE_DETAIL("Duplicate subagent ID found, ignoring this subagent. CAP file: %s\n",
+                     QOR_N(event->getCAPFileName()));
+    delete policy;
+    return;
+  }
+  if (!isWatchDog && isOSAgent(policy)) {
+    // The service runs inside the OS agent and cannot supervise itself.
+    addOSAgentRecord(event, policy);
+    return;
+  }
+  if (isWatchDog && !isOSAgent(policy)) {
+    QOR_TRACE_DETAIL("WatchDog monitors only the OS Agent. Ignoring CAP file: %s \n",
+                     QOR_N(event->getCAPFileName()));
+    delete policy;
+    return;
+  }
+  processPolicyInstances(policy, cap_added);
+  policies.push_back(policy);
+  // The agents of the policy come from reconciliation, which joins later.
+}
+
+void Controller::addOSAgentRecord(CAPFileEvent* event, Policy* policy) {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_DETAIL("Agent does not monitor itself. Watchdog CAP file: %s \n", QOR_N(event->getCAPFileName()));
+  Agent* agent = new Agent();
+  agent->setID(policy->getSubagentID());
+  agent->setPolicy(policy);
+  agent->setName(policy->buildAgentName());
+  agent->setProcName(policy->getProcName());
+  agent->setInstanceProcName(policy->getProcName());
+  if (policy->isZELAgent()) agent->setInstanceName(L"None");
+  agent->setPath(policy->getAgentPath());
+  agent->setType(policy->getAgentTypeElement());
+  agent->setAgentInformation();
+  agent->setManagedState(policy->getManagerTypeElement() == WatchDog ? WatchdogManaged : Unmanaged);
+  Watchdog* watchdog = new Watchdog();
+  watchdog->setAgent(agent);
+  agent->setWatchdog(watchdog);
+
+  // The state file's records join with the state file; until then the
+  // temporary list stays empty.
+  if (agent->getManagedState() == Unmanaged) {
+    AgentMgmtEvent unmanaged;
+    unmanaged.setAgent(agent);
+    unmanaged.setMgmtState(Unmanaged);
+    RawEvent::logUnreliableMessage(&unmanaged);
+  }
+  if (watchdogList.lockList()) {
+    watchdogList.push_back(agent);
+    watchdogList.unlockList();
+  }
+}
+
+void Controller::capFileRemoved(CAPFileEvent* event) {
+  QOR_TRACE_FUNCTION();
+  const std::wstring capFileName = event->getCAPFileName();
+  std::vector<Policy*> removal;
+  for (;;) {
+    auto found = std::find_if(managedEndpointProcesses.begin(), managedEndpointProcesses.end(),
+                              [&](Agent* agent) { return belongsToFile(agent, capFileName); });
+    if (found == managedEndpointProcesses.end()) break;
+    Agent* agent = *found;
+    QOR_TRACE_DETAIL("Found agent with matching policy cap file to remove. %s\n",
+                     agent->getshortID().c_str());
+    event->setAgent(new Agent(*agent, true));  // the last one found is what the message tells
+    if (agent->isWatchDogAgent()) RawEvent::logUnreliableMessage(event);
+    managedEndpointProcesses.erase(found);
+    if (std::find(removal.begin(), removal.end(), agent->getPolicy()) == removal.end()) {
+      removal.push_back(agent->getPolicy());
+    }
+    // Other agents still share the policy until the pass ends.
+    agent->setPolicy(nullptr);
+    delete agent;
+  }
+
+  if (removal.empty()) {
+    auto found = std::find_if(policies.begin(), policies.end(),
+                              [&](Policy* policy) { return policy->getCAPFileName() == capFileName; });
+    if (found != policies.end()) {
+      QOR_TRACE_DETAIL("Found a agentless policy with matching policy cap file to remove. %s\n",
+                       (*found)->getShortSID().c_str());
+      removal.push_back(*found);
+      Agent* temporary = temporaryAgentFor(*found);
+      event->setAgent(new Agent(*temporary, true));
+      temporary->setPolicy(nullptr);
+      delete temporary;
+    }
+  }
+
+  // A file that was refused, and the OS agent's own file, leave nothing to
+  // remove: nobody is told.
+  if (removal.empty()) event->suppressMessages();
+
+  for (Policy* policy : removal) {
+    auto listed = std::find(policies.begin(), policies.end(), policy);
+    if (listed != policies.end()) {
+      policies.erase(listed);
+      QOR_TRACE_DETAIL("Found policy and removed from available policies list.\n");
+    }
+    if (!policy->isGeneric()) processPolicyInstances(policy, cap_removed);
+    delete policy;
+  }
+}
+
+void Controller::processPolicyInstances(Policy* policy, TEOEvents event) {
+  QOR_TRACE_FUNCTION();
+  for (Policy* other : policies) {
+    if (other == policy || other->getAgentNameElement() != policy->getAgentNameElement()) continue;
+    if (!policy->isGeneric()) {
+      if (!other->isGeneric()) continue;
+      if (event == cap_added) {
+        // A specific policy wins its instances from the generic one.
+        other->addExceptionInstances(policy);
+        removeAgentExceptionInstances(other);
+      } else if (event == cap_removed) {
+        // ...and gives them back when it goes; the generic policy's agents
+        // for them come from reconciliation, which joins later.
+        other->removeExceptionInstances(policy);
+      }
+    } else if (event == cap_added) {
+      if (!other->isGeneric()) {
+        policy->addExceptionInstances(other);
+        removeAgentExceptionInstances(policy);
+      } else {
+        QOR_TRACE_ERROR("Generic policy for agent %s already defined by agent %s.\n",
+                        policy->getShortSID().c_str(), other->getShortSID().c_str());
+      }
+    }
+  }
+}
+
+void Controller::removeAgentExceptionInstances(Policy* policy) {
+  QOR_TRACE_FUNCTION();
+  for (auto it = managedEndpointProcesses.begin(); it != managedEndpointProcesses.end();) {
+    Agent* agent = *it;
+    if (belongsToFile(agent, policy->getCAPFileName()) &&
+        policy->isExceptionInstance(agent->getInstanceName())) {
+      QOR_TRACE_DETAIL("Found agent with matching instance to remove. %s : %s\n", agent->getshortID().c_str(),
+                       QOR_N(agent->getInstanceName()));
+      it = managedEndpointProcesses.erase(it);
+      // No event, and the record is not destroyed: it is kept aside, where
+      // an event still on its way may point at it.
+      retiredAgents.push_back(agent);
+    } else {
+      ++it;
+    }
+  }
 }

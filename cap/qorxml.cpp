@@ -58,17 +58,21 @@ void writeIndent(std::ostream& out, int depth) {
 }
 
 // Reads a signed whole number from the front of the text, the way every
-// integer parser of the schema does.
-bool readLong(const std::wstring& text, long& number) {
+// integer parser of the schema does, and leaves 60 or, when `accepts` takes
+// the number, 0. The number is handed out in either case, 0 when none was read.
+long parseWhole(const std::wstring& text, int* result, unsigned long* number, bool (*accepts)(long)) {
   std::wistringstream stream(text);
-  number = 0;
-  stream >> number;
-  if (stream.fail()) {
-    number = 0;
-    return false;
-  }
-  return true;
+  long num = 0;
+  stream >> num;
+  if (stream.fail()) num = 0;
+  *result = !stream.fail() && accepts(num) ? XML_OK : XML_VALUE_NOT_ALLOWED;
+  if (number != nullptr) *number = static_cast<unsigned long>(num);
+  return num;
 }
+
+bool isPositive(long number) { return number >= 1; }
+bool isPositiveMultipleOfFive(long number) { return number >= 5 && number % 5 == 0; }
+bool isNonNegative(long number) { return number >= 0; }
 
 }  // namespace
 
@@ -197,10 +201,7 @@ void parsePosInt(const std::wstring& text, int* result) { parsePosInt(text, resu
 
 void parsePosInt(const std::wstring& text, int* result, unsigned long* number) {
   QOR_TRACE_FUNCTION();
-  *result = XML_VALUE_NOT_ALLOWED;
-  long num = 0;
-  if (readLong(text, num) && num >= 1) *result = XML_OK;
-  if (number != nullptr) *number = static_cast<unsigned long>(num);
+  long num = parseWhole(text, result, number, isPositive);
   QOR_TRACE_DETAIL("parsePosInt:result:%d:num:%d.", *result, static_cast<int>(num));
 }
 
@@ -208,10 +209,7 @@ void parsePosIntMod5(const std::wstring& text, int* result) { parsePosIntMod5(te
 
 void parsePosIntMod5(const std::wstring& text, int* result, unsigned long* number) {
   QOR_TRACE_FUNCTION();
-  *result = XML_VALUE_NOT_ALLOWED;
-  long num = 0;
-  if (readLong(text, num) && num >= 5 && num % 5 == 0) *result = XML_OK;
-  if (number != nullptr) *number = static_cast<unsigned long>(num);
+  long num = parseWhole(text, result, number, isPositiveMultipleOfFive);
   QOR_TRACE_DETAIL("parsePosIntMod5:result:%d:num:%d.", *result, static_cast<int>(num));
 }
 
@@ -219,10 +217,7 @@ void parseNonNegInt(const std::wstring& text, int* result) { parseNonNegInt(text
 
 void parseNonNegInt(const std::wstring& text, int* result, unsigned long* number) {
   QOR_TRACE_FUNCTION();
-  *result = XML_VALUE_NOT_ALLOWED;
-  long num = 0;
-  if (readLong(text, num) && num >= 0) *result = XML_OK;
-  if (number != nullptr) *number = static_cast<unsigned long>(num);
+  long num = parseWhole(text, result, number, isNonNegative);
   QOR_TRACE_DETAIL("parseNonNegInt:result:%d:num:%d.", *result, static_cast<int>(num));
 }
 
@@ -421,17 +416,9 @@ int XMLElementConstraints::checkStartLevel(XMLElement& element, XMLElementConstr
 int XMLElementConstraints::checkStart(XMLElement& element) {
   QOR_TRACE_FUNCTION();
   if (element.getName() != getName()) {
-    if (count < minOccurs) {
-      QOR_XML_VIOLATION("The minimum occurrences constraint for %s has not been met.",
-                        qor_utf8(getName()).c_str());
-      return XML_MIN_OCCURS_NOT_MET;
-    }
-    if (count > maxOccurs) {
-      QOR_XML_VIOLATION("The maxiumum occurrences constraint for %s has been exceeded.",
-                        qor_utf8(getName()).c_str());
-      return XML_MAX_OCCURS_EXCEEDED;
-    }
-    return XML_NO_MATCH;
+    // Another element: this one is done, and its occurrences must hold.
+    int result = checkConstraints();
+    return result != XML_OK ? result : XML_NO_MATCH;
   }
 
   int result = initOnMatchStart(element);

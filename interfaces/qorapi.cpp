@@ -2,6 +2,9 @@
 
 #include <cstdlib>
 
+#include <cwchar>
+
+#include "cap/qorconv.h"
 #include "core/qorevt.h"
 #include "core/qorutil.h"
 #include "platform/log1.h"
@@ -193,3 +196,14 @@ void QOR_SetTraceLevel(unsigned mask) { LOG1_SetMask(mask); }
 unsigned QOR_GetTraceLevel() { return LOG1_GetMask(); }
 
 char* QOR_wcstombs(std::wstring text) { return qor_wcstombs(text); }
+
+wchar_t* QOR_u_strFromUTF8(const char* text) {
+  wchar_t local[512];
+  int length = 0;
+  int error = 0;
+  wchar_t* converted = qor_u_strFromUTF8(local, 512, &length, text, -1, &error);
+  if (converted != local) return converted;  // already a new[] array, or null on failure
+  wchar_t* copy = new wchar_t[length + 1];
+  std::wmemcpy(copy, local, static_cast<size_t>(length) + 1);
+  return copy;
+}

@@ -5,6 +5,7 @@
 #include <unicode/regex.h>
 
 #include "capfiles.h"
+#include "core/qorctrl.h"
 #include "platform/log1.h"
 #include "support/qortest.h"
 
@@ -363,3 +364,13 @@ TEST(ScriptMapping, UnknownReturnCodeTypeIsTracedAndIgnored) {
 }
 
 }  // namespace
+
+TEST(ControllerProcessor, ControllerOwnsOneProcessorThatReadsCapFiles) {
+  qortest::TempDir dir;
+  XMLprocessor* processor = Controller::getController()->getXMLProcessor();
+  ASSERT_NE(nullptr, processor);
+  EXPECT_EQ(processor, Controller::getController()->getXMLProcessor());
+  Policy policy;
+  EXPECT_EQ(0, captest::parseText(*processor, dir, captest::document(captest::Subagent()), policy));
+  EXPECT_EQ(L"test.agent", policy.getSubagentID());
+}

@@ -7,6 +7,7 @@
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
 #include "core/qormsghand.h"
+#include "core/qorutil.h"
 #include "support/qortest.h"
 #include "watchdog/qorwd.h"
 
@@ -410,14 +411,16 @@ TEST(EventProcessing, TheEndOfTheInitialScanSendsNoMessage) {
 }
 
 TEST(EventProcessing, ACapFileMessageIsAPlainCopy) {
+  qortest::TempDir dir;
+  qortest::writeFile(dir.file("new.xml"), "not a CAP file");  // refused, yet its message goes out
+  std::wstring path = qor_mbstowcs(dir.file("new.xml").c_str());
   CAPFileEvent event;
   event.setEventTypeID(cap_added);
-  event.setCAPFileName(L"/cap/new.xml");
+  event.setCAPFileName(path);
   event.doCommandProcessing();
   std::vector<Event*> messages = takeMessages();
   ASSERT_EQ(1u, messages.size());
-  EXPECT_EQ(L"/cap/new.xml CAP File Event: Agent added to system - CAP file found.",
-            messages[0]->getLogMessage());
+  EXPECT_EQ(path + L" CAP File Event: Agent added to system - CAP file found.", messages[0]->getLogMessage());
   deleteAll(messages);
 }
 

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstdio>
+
 #include "support/qortest.h"
 
 namespace {
@@ -104,4 +106,45 @@ TEST(Qorctl, HelpListsTheCommands) {
   EXPECT_EQ(0, result.exitCode);
   EXPECT_NE(std::string::npos, result.out.find("Usage: qorctl COMMAND"));
   EXPECT_EQ(2, qortest::runProgram({tool("qorctl")}).exitCode);
+}
+
+TEST(Qorhost, ShowsCapFilesFoundAddedRemovedAndRefused) {
+  qortest::TempDir dir;
+  qortest::TempDir caps;
+  for (const char* name : {"sleeper.xml", "watched.xml"}) {
+    qortest::writeFile(caps.file(name), qortest::readFile(qortest::sourceDir() + "/examples/cap/" + name));
+  }
+  qortest::Child host({tool("qorhost"), "--cap-dir", caps.path(), "--ip-dir", dir.path()});
+  ASSERT_TRUE(host.waitForOutput("service started", 10000)) << host.out();
+  // Found at startup, in name order, before the service says it is up.
+  std::string out = host.out();
+  size_t sleeper =
+      out.find(caps.file("sleeper.xml") + " CAP File Event: Agent added to system - CAP file found.\n");
+  size_t watched =
+      out.find(caps.file("watched.xml") + " CAP File Event: Agent added to system - CAP file found.\n");
+  ASSERT_NE(std::string::npos, sleeper) << out;
+  ASSERT_NE(std::string::npos, watched) << out;
+  EXPECT_LT(sleeper, watched);
+  EXPECT_LT(watched, out.find("service started"));
+
+  qortest::writeFile(caps.file("pattern.xml"),
+                     qortest::readFile(qortest::sourceDir() + "/examples/cap/pattern.xml"));
+  EXPECT_TRUE(host.waitForOutput(
+      caps.file("pattern.xml") + " CAP File Event: Agent added to system - CAP file found.\n", 8000));
+
+  std::remove(caps.file("watched.xml").c_str());
+  EXPECT_TRUE(host.waitForOutput(
+      caps.file("watched.xml") + " CAP File Event: Agent removed from system - CAP file removed.\n", 8000));
+  EXPECT_TRUE(host.waitForOutput("[ 1] ALERT agent '", 2000));
+
+  qortest::writeFile(caps.file("broken.xml"), "<subagents>\n");
+  EXPECT_TRUE(host.waitForOutput(
+      caps.file("broken.xml") + " CAP File Event: Agent added to system - CAP file found.\n", 8000));
+  // Why it was refused stands in the error traces on standard error.
+  EXPECT_TRUE(
+      qortest::waitFor([&] { return host.err().find("ParseCAPFile failed.") != std::string::npos; }, 2000))
+      << host.err();
+
+  host.signal(SIGINT);
+  EXPECT_EQ(0, host.wait(10000));
 }

@@ -7,6 +7,7 @@
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
+#include "core/qorutil.h"
 #include "support/qortest.h"
 
 namespace {
@@ -230,13 +231,18 @@ TEST(QueryListeners, EventsReachTheHostThroughTheRunningQueues) {
   RecordingLog log;
   service->registerLogListener(&log);
   service->startQueryService();
+  // A file the watcher would report; it is no CAP file, and its message goes
+  // out all the same.
+  qortest::TempDir files;
+  qortest::writeFile(files.file("one.xml"), "not a CAP file");
+  std::wstring path = qor_mbstowcs(files.file("one.xml").c_str());
   auto* event = new CAPFileEvent();
   event->setEventTypeID(cap_added);
-  event->setCAPFileName(L"/cap/one.xml");
+  event->setCAPFileName(path);
   event->processEvent();
   ASSERT_TRUE(qortest::waitFor([] { return !recorded().empty(); }, 5000));
   EXPECT_EQ(std::vector<std::string>({"log 0"}), recorded());
-  EXPECT_EQ(L"/cap/one.xml CAP File Event: Agent added to system - CAP file found.", log.last.logMessage);
+  EXPECT_EQ(path + L" CAP File Event: Agent added to system - CAP file found.", log.last.logMessage);
   service->deregisterLogListener(&log);
   service->releaseQueryService(false);
 }
@@ -272,4 +278,16 @@ TEST(QueryService, WideToNarrowForHosts) {
   char* text = QOR_wcstombs(L"plain text");
   EXPECT_STREQ("plain text", text);
   delete[] text;
+}
+
+TEST(QueryService, Utf8ToWideForHosts) {
+  wchar_t* text = QOR_u_strFromUTF8("caf\xc3\xa9");
+  ASSERT_NE(nullptr, text);
+  EXPECT_EQ(std::wstring(L"caf\u00e9"), std::wstring(text));
+  delete[] text;
+  std::string longText(2000, 'x');
+  wchar_t* longWide = QOR_u_strFromUTF8(longText.c_str());
+  ASSERT_NE(nullptr, longWide);
+  EXPECT_EQ(std::wstring(2000, L'x'), std::wstring(longWide));
+  delete[] longWide;
 }

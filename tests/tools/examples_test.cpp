@@ -5,13 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "cap/qorxmlproc.h"
 #include "support/qortest.h"
-#include "tools/tooltest.h"
 
 namespace {
 
@@ -41,7 +42,7 @@ qortest::RunResult xmllint(const std::vector<std::string>& files) {
 }
 
 qortest::RunResult validate(const std::vector<std::string>& files) {
-  std::vector<std::string> args = {tooltest::qorctlPath(), "validate"};
+  std::vector<std::string> args = {qortest::binaryDir() + "/tools/qorctl", "validate"};
   args.insert(args.end(), files.begin(), files.end());
   return qortest::runProgram(args);
 }
@@ -130,6 +131,23 @@ struct Mutation {
   const char* to;
 };
 
+void PrintTo(const Mutation& mutation, std::ostream* out) { *out << mutation.what; }
+
+// "element order" becomes "ElementOrder": test names that read as the change.
+std::string mutationName(const ::testing::TestParamInfo<Mutation>& info) {
+  std::string name;
+  bool upper = true;
+  for (const char* c = info.param.what; *c != '\0'; ++c) {
+    if (*c == ' ') {
+      upper = true;
+    } else {
+      name += upper ? static_cast<char>(std::toupper(static_cast<unsigned char>(*c))) : *c;
+      upper = false;
+    }
+  }
+  return name;
+}
+
 class SchemaAgreement : public ::testing::TestWithParam<Mutation> {};
 
 std::string exampleText() { return qortest::readFile(examplesDir() + "/cap/watched.xml"); }
@@ -160,7 +178,7 @@ const std::string kReturnCode = "<returnCode type=\"OK\">0</returnCode>";
 const std::string kReturnCodes21 = repeated(kReturnCode, 21);
 
 INSTANTIATE_TEST_SUITE_P(
-    Changes, SchemaAgreement,
+    RefusedChanges, SchemaAgreement,
     ::testing::Values(
         Mutation{"element order",
                  "<agentName>Example watched program</agentName>\n    <procName>qor-watched</procName>",
@@ -196,7 +214,8 @@ INSTANTIATE_TEST_SUITE_P(
                  "type=\"Fine\" msg_id=\"WATCHED_STOPPED\""},
         Mutation{"subagent without id", " id=\"example.watched\"", ""},
         Mutation{"unknown attribute", "<agentName>", "<agentName lang=\"en\">"},
-        Mutation{"other namespace", "xmlns=\"urn:qor:cap\"", "xmlns=\"urn:other\""}));
+        Mutation{"other namespace", "xmlns=\"urn:qor:cap\"", "xmlns=\"urn:other\""}),
+    mutationName);
 
 TEST(SchemaAgreementOnCounts, TwentySubagentsPassAndTwentyOneFailBoth) {
   std::string content = exampleText();

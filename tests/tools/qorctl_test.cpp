@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -8,7 +7,6 @@
 
 #include "cap/capfiles.h"
 #include "support/qortest.h"
-#include "tools/tooltest.h"
 
 namespace {
 
@@ -30,7 +28,7 @@ class QorctlValidate : public ::testing::Test {
   }
 
   qortest::RunResult qorctl(std::vector<std::string> args) {
-    args.insert(args.begin(), tooltest::qorctlPath());
+    args.insert(args.begin(), qortest::binaryDir() + "/tools/qorctl");
     return qortest::runProgram(args);
   }
 
@@ -160,13 +158,10 @@ TEST_F(QorctlValidate, DirectoryIsNoCapFile) {
   EXPECT_EQ(dir.path() + ": error 46: cannot be opened: is a directory\n", run.out);
 }
 
-TEST_F(QorctlValidate, UnreadableFileIsReported) {
-  if (geteuid() == 0) GTEST_SKIP() << "root reads every file";
-  std::string file = capFile("a.xml", agent);
-  chmod(file.c_str(), 0);
-  qortest::RunResult run = qorctl({"validate", file});
+TEST_F(QorctlValidate, DeviceIsNoCapFile) {
+  qortest::RunResult run = qorctl({"validate", "/dev/null"});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ(file + ": error 46: cannot be opened: Permission denied\n", run.out);
+  EXPECT_EQ("/dev/null: error 46: cannot be opened: is not a regular file\n", run.out);
 }
 
 TEST_F(QorctlValidate, EveryFileIsReportedAndOneFailureFailsThemAll) {

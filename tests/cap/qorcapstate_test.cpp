@@ -1,0 +1,378 @@
+// What a CAP file's arrival or removal does to the Controller's policies and
+// agents. The events are applied on the test's thread, as the command handler
+// would apply them; the service's threads are not started, so the messages
+// stay on the message queue for the test to read.
+#include <gtest/gtest.h>
+
+#include "agents/qoragt.h"
+#include "cap/capfiles.h"
+#include "core/qorctrl.h"
+#include "core/qorevt.h"
+#include "core/qormsghand.h"
+#include "support/qortest.h"
+#include "watchdog/qorwd.h"
+
+namespace {
+
+class CapState : public ::testing::Test {
+ protected:
+  void SetUp() override { qortest::traceTo(dir.file("trace"), 1 | 128); }
+
+  Controller* controller() { return Controller::getController(); }
+  std::vector<Policy*>& policies() { return controller()->getPolicies(); }
+  ManagedProcessList* managed() { return controller()->getManagedEndpointProcesses(); }
+  ManagedProcessList* watched() { return controller()->getWatchdogList(); }
+  std::string trace() { return qortest::readFile(dir.file("trace")); }
+
+  std::wstring path(const std::string& name) { return captest::wide(dir.file(name)); }
+
+  void write(const std::string& name, const captest::Subagent& subagent) {
+    qortest::writeFile(dir.file(name), captest::document(subagent));
+  }
+
+  // Applies the event of a file's arrival or removal; returns the messages it sent.
+  std::vector<Event*> apply(const std::string& name, bool added) {
+    CAPFileEvent event;
+    event.setCAPState(added ? 0 : 1);
+    event.setEventTypeID(added ? cap_added : cap_removed);
+    event.setCAPFileName(path(name));
+    event.doCommandProcessing();
+    return takeMessages();
+  }
+  void add(const std::string& name) { deleteAll(apply(name, true)); }
+
+  std::vector<Event*> takeMessages() {
+    MessageHandler* queue = controller()->getMessageHandler();
+    std::vector<Event*> events;
+    queue->lockEventQueue();
+    while (Event* event = queue->popEvent()) events.push_back(event);
+    queue->unlockEventQueue();
+    return events;
+  }
+  static void deleteAll(std::vector<Event*> events) {
+    for (Event* event : events) delete event;
+  }
+
+  // An agent of a policy, put in a list as reconciliation would put it.
+  Agent* addAgent(ManagedProcessList* list, Policy* policy, const std::wstring& id,
+                  const std::wstring& instance, const std::wstring& name) {
+    Agent* agent = new Agent();
+    agent->setID(id);
+    agent->setPolicy(policy);
+    agent->setName(name);
+    agent->setInstanceName(instance);
+    agent->setManagedState(Managed);
+    list->lockList();
+    list->push_back(agent);
+    list->unlockList();
+    return agent;
+  }
+
+  std::vector<std::wstring> listIds(ManagedProcessList* list) {
+    std::vector<std::wstring> ids;
+    list->lockList();
+    for (Agent* agent : *list) ids.push_back(agent->getID() + L"/" + agent->getInstanceName());
+    list->unlockList();
+    return ids;
+  }
+
+  Policy* policyOfFile(const std::string& name) {
+    for (Policy* policy : policies()) {
+      if (policy->getCAPFileName() == path(name)) return policy;
+    }
+    return nullptr;
+  }
+
+  static captest::Subagent subagent(const std::string& id, const std::string& agentName = "Test agent") {
+    captest::Subagent agent;
+    agent.id = id;
+    agent.agentName = "<agentName>" + agentName + "</agentName>";
+    return agent;
+  }
+  static captest::Subagent specific(const std::string& id, const std::string& agentName,
+                                    const std::vector<std::string>& instances) {
+    captest::Subagent agent = subagent(id, agentName);
+    agent.instance = "<instance>";
+    for (const std::string& instance : instances) agent.instance += "<name>" + instance + "</name>";
+    agent.instance += "</instance>";
+    return agent;
+  }
+
+  qortest::TempDir dir;
+};
+
+}  // namespace
+
+TEST_F(CapState, AnAcceptedFileJoinsThePoliciesAndTellsTheListeners) {
+  write("a.xml", subagent("agent.a"));
+  std::vector<Event*> messages = apply("a.xml", true);
+  ASSERT_EQ(1u, policies().size());
+  EXPECT_EQ(L"agent.a", policies()[0]->getSubagentID());
+  EXPECT_EQ(path("a.xml"), policies()[0]->getCAPFileName());
+  EXPECT_TRUE(listIds(managed()).empty());  // agents come from reconciliation
+  ASSERT_EQ(1u, messages.size());
+  EXPECT_EQ(path("a.xml") + L" CAP File Event: Agent added to system - CAP file found.",
+            messages[0]->getLogMessage());
+  deleteAll(messages);
+}
+
+TEST_F(CapState, ARefusedFileIsTracedAndItsMessageStillGoesOut) {
+  qortest::writeFile(dir.file("broken.xml"), "<subagents>");
+  std::vector<Event*> messages = apply("broken.xml", true);
+  EXPECT_TRUE(policies().empty());
+  EXPECT_EQ(1u, messages.size());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "ParseCAPFile failed.\n"));
+  deleteAll(messages);
+}
+
+TEST_F(CapState, ASubagentIdInUseByAManagedAgentLeavesEveryListUnchanged) {
+  Policy* existing = new Policy();
+  existing->setSubagentID(L"agent.dup");
+  addAgent(managed(), existing, L"agent.dup", L"", L"first");
+  write("dup.xml", subagent("agent.dup"));
+  add("dup.xml");
+  EXPECT_TRUE(policies().empty());
+  EXPECT_EQ(std::vector<std::wstring>({L"agent.dup/"}), listIds(managed()));
+  EXPECT_TRUE(listIds(watched()).empty());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Duplicate subagent ID found, ignoring this subagent. CAP file: " +
+                                             dir.file("dup.xml") + "\n"));
+}
+
+TEST_F(CapState, ASubagentIdInUseByTheOsAgentRecordIsRefusedTheSameWay) {
+  Policy* os = new Policy();
+  os->setSubagentID(L"os.agent");
+  addAgent(watched(), os, L"os.agent", L"", L"OS agent");
+  write("dup.xml", subagent("os.agent"));
+  add("dup.xml");
+  EXPECT_TRUE(policies().empty());
+  EXPECT_TRUE(listIds(managed()).empty());
+  EXPECT_EQ(std::vector<std::wstring>({L"os.agent/"}), listIds(watched()));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Duplicate subagent ID found, ignoring this subagent."));
+}
+
+TEST_F(CapState, AnAgentlessPolicyDoesNotBlockItsId) {
+  write("one.xml", subagent("agent.same"));
+  write("two.xml", subagent("agent.same"));
+  add("one.xml");
+  add("two.xml");
+  EXPECT_EQ(2u, policies().size());
+}
+
+TEST_F(CapState, RemovingAFileWithThreeAgentsRemovesThemAndItsPolicyAndTellsOfTheLast) {
+  write("multi.xml", specific("agent.multi", "Multi", {"a", "b", "c"}));
+  add("multi.xml");
+  Policy* policy = policyOfFile("multi.xml");
+  ASSERT_NE(nullptr, policy);
+  addAgent(managed(), policy, L"agent.multi", L"a", L"Multi a");
+  addAgent(managed(), policy, L"agent.multi", L"b", L"Multi b");
+  addAgent(managed(), policy, L"agent.multi", L"c", L"Multi c");
+
+  std::vector<Event*> messages = apply("multi.xml", false);
+  EXPECT_TRUE(listIds(managed()).empty());
+  EXPECT_TRUE(policies().empty());
+  ASSERT_EQ(1u, messages.size());
+  EventData data;
+  messages[0]->getEventData(data);
+  EXPECT_EQ(L"Multi c", data.agentName);
+  EXPECT_EQ(cap_removed, data.eventID);
+  EXPECT_EQ(path("multi.xml") + L" CAP File Event: Agent removed from system - CAP file removed.",
+            messages[0]->getLogMessage());
+  EXPECT_EQ(3, qortest::countOccurrences(
+                   trace(), "Found agent with matching policy cap file to remove. agent.multi\n"));
+  EXPECT_EQ(1,
+            qortest::countOccurrences(trace(), "Found policy and removed from available policies list.\n"));
+  deleteAll(messages);
+}
+
+TEST_F(CapState, RemovingAnAgentlessPolicyNamesItThroughATemporaryAgent) {
+  write("lonely.xml", specific("agent.lonely", "Lonely", {"x", "y"}));
+  add("lonely.xml");
+  ASSERT_EQ(1u, policies().size());
+  std::vector<Event*> messages = apply("lonely.xml", false);
+  EXPECT_TRUE(policies().empty());
+  ASSERT_EQ(1u, messages.size());
+  EventData data;
+  messages[0]->getEventData(data);
+  EXPECT_EQ(L"Lonely: x, y", data.agentName);
+  EXPECT_EQ(Console, data.agentType);
+  EXPECT_EQ(1,
+            qortest::countOccurrences(
+                trace(), "Found a agentless policy with matching policy cap file to remove. agent.lonely\n"));
+  deleteAll(messages);
+}
+
+TEST_F(CapState, RemovingAFileThatWasNeverAcceptedSendsNoMessage) {
+  qortest::writeFile(dir.file("broken.xml"), "not xml");
+  add("broken.xml");
+  std::vector<Event*> messages = apply("broken.xml", false);
+  EXPECT_TRUE(messages.empty());
+  deleteAll(messages);
+}
+
+TEST_F(CapState, AnEventWithAMismatchedStateAndIdChangesNothing) {
+  write("a.xml", subagent("agent.a"));
+  CAPFileEvent event;
+  event.setCAPState(1);
+  event.setEventTypeID(cap_added);
+  event.setCAPFileName(path("a.xml"));
+  event.doCommandProcessing();
+  EXPECT_TRUE(policies().empty());
+  deleteAll(takeMessages());
+}
+
+TEST_F(CapState, GenericThenSpecificTakesTheSpecificInstancesAwayFromTheGeneric) {
+  write("generic.xml", subagent("agent.g", "Shared"));
+  add("generic.xml");
+  Policy* generic = policyOfFile("generic.xml");
+  ASSERT_NE(nullptr, generic);
+  addAgent(managed(), generic, L"agent.g", L"a", L"Shared a");
+  addAgent(managed(), generic, L"agent.g", L"b", L"Shared b");
+
+  write("specific.xml", specific("agent.s", "Shared", {"a"}));
+  add("specific.xml");
+  EXPECT_TRUE(generic->isExceptionInstance(L"a"));
+  EXPECT_FALSE(generic->isExceptionInstance(L"b"));
+  EXPECT_EQ(std::vector<std::wstring>({L"agent.g/b"}), listIds(managed()));
+  EXPECT_EQ(2u, policies().size());
+  EXPECT_EQ(
+      1, qortest::countOccurrences(trace(), "Found agent with matching instance to remove. agent.g : a\n"));
+
+  // When the specific file goes, the generic policy takes the instance back.
+  deleteAll(apply("specific.xml", false));
+  EXPECT_FALSE(generic->isExceptionInstance(L"a"));
+  EXPECT_EQ(1u, policies().size());
+}
+
+TEST_F(CapState, SpecificThenGenericLeavesTheGenericWithoutThoseInstances) {
+  write("specific.xml", specific("agent.s", "Shared", {"a", "c"}));
+  add("specific.xml");
+  write("generic.xml", subagent("agent.g", "Shared"));
+  add("generic.xml");
+  Policy* generic = policyOfFile("generic.xml");
+  ASSERT_NE(nullptr, generic);
+  EXPECT_TRUE(generic->isExceptionInstance(L"a"));
+  EXPECT_TRUE(generic->isExceptionInstance(L"c"));
+  EXPECT_FALSE(generic->isInstance(L"a"));
+}
+
+TEST_F(CapState, PoliciesOfOtherAgentNamesAreLeftAlone) {
+  write("generic.xml", subagent("agent.g", "One name"));
+  add("generic.xml");
+  write("specific.xml", specific("agent.s", "Another name", {"a"}));
+  add("specific.xml");
+  EXPECT_FALSE(policyOfFile("generic.xml")->isExceptionInstance(L"a"));
+}
+
+TEST_F(CapState, TwoGenericPoliciesOfOneNameAreBothKeptWithAnError) {
+  write("g1.xml", subagent("agent.g1", "Shared"));
+  write("g2.xml", subagent("agent.g2", "Shared"));
+  add("g1.xml");
+  add("g2.xml");
+  EXPECT_EQ(2u, policies().size());
+  EXPECT_EQ(1, qortest::countOccurrences(
+                   trace(), "Generic policy for agent agent.g2 already defined by agent agent.g1.\n"));
+}
+
+TEST_F(CapState, TheOsAgentsFileInEmbeddedModeGivesAWatchdogRecordAndNoPolicy) {
+  captest::Subagent os = subagent("os.agent", "OS agent");
+  os.managerType = "<managerType>WatchDog</managerType>";
+  os.procName = "<procName>osagent</procName>";
+  write("os.xml", os);
+  add("os.xml");
+  EXPECT_TRUE(policies().empty());
+  EXPECT_TRUE(listIds(managed()).empty());
+  watched()->lockList();
+  ASSERT_EQ(1u, watched()->size());
+  Agent* record = watched()->front();
+  watched()->unlockList();
+  EXPECT_EQ(L"os.agent", record->getID());
+  EXPECT_EQ(WatchdogManaged, record->getManagedState());
+  EXPECT_EQ(L"OS agent", record->getName());
+  EXPECT_EQ(L"osagent", record->getProcName());
+  EXPECT_EQ(L"osagent", record->getInstanceProcName());
+  EXPECT_EQ(L"", record->getInstanceName());
+  ASSERT_NE(nullptr, record->getWatchdog());
+  EXPECT_EQ(record, record->getWatchdog()->getAgent());
+  EXPECT_EQ(path("os.xml"), record->getPolicy()->getCAPFileName());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Agent does not monitor itself. Watchdog CAP file: " +
+                                                      dir.file("os.xml") + " \n"));
+
+  // Its removal finds nothing to remove: the record stays, and nobody is told.
+  std::vector<Event*> messages = apply("os.xml", false);
+  EXPECT_TRUE(messages.empty());
+  EXPECT_EQ(std::vector<std::wstring>({L"os.agent/"}), listIds(watched()));
+  deleteAll(messages);
+}
+
+TEST_F(CapState, AnOsAgentNotManagedByTheWatchdogStartsUnmanagedAndSaysNothingGuardsIt) {
+  captest::Subagent os = subagent("os.qb", "OS agent");
+  os.productCode = "<productCode>qb</productCode>";
+  os.agentType = "<agentType>ZEL_UNIX</agentType>";
+  write("os.xml", os);
+  std::vector<Event*> messages = apply("os.xml", true);
+  EXPECT_TRUE(policies().empty());
+  watched()->lockList();
+  ASSERT_EQ(1u, watched()->size());
+  Agent* record = watched()->front();
+  watched()->unlockList();
+  EXPECT_EQ(Unmanaged, record->getManagedState());
+  EXPECT_EQ(L"None", record->getInstanceName());  // a suite agent
+  // The warning goes out first, straight to the message queue, then the file's own message.
+  ASSERT_EQ(2u, messages.size());
+  EXPECT_EQ(watchdog_unreliable, messages[0]->getEventTypeID());
+  EXPECT_EQ(L"Teo Services watchdog not reliable", messages[0]->getLogMessage());
+  EventData data;
+  messages[0]->getEventData(data);
+  EXPECT_EQ(L"OS agent", data.agentName);
+  EXPECT_EQ(cap_added, messages[1]->getEventTypeID());
+  deleteAll(messages);
+}
+
+TEST_F(CapState, OsAgentProductCodesAndTheWatchdogManagerMakeTheOsAgent) {
+  Policy policy;
+  EXPECT_FALSE(controller()->isOSAgent(&policy));
+  policy.setManagerTypeElement(WatchDog);
+  EXPECT_TRUE(controller()->isOSAgent(&policy));
+  for (const wchar_t* code : {L"qa", L"qb", L"qc"}) {
+    Policy coded;
+    coded.setProductCode(code);
+    EXPECT_TRUE(controller()->isOSAgent(&coded)) << code;
+  }
+  Policy other;
+  other.setProductCode(L"qd");
+  EXPECT_FALSE(controller()->isOSAgent(&other));
+}
+
+TEST(CapStateWatchdogMode, AnOrdinaryAgentsFileIsIgnoredAndTheOsAgentsGoesTheNormalWay) {
+  qortest::TempDir dir;
+  qortest::traceTo(dir.file("trace"), 1 | 128);
+  Controller::setWatchDogMode();
+  Controller* controller = Controller::getController();
+
+  captest::Subagent ordinary;
+  ordinary.id = "agent.plain";
+  qortest::writeFile(dir.file("plain.xml"), captest::document(ordinary));
+  CAPFileEvent first;
+  first.setEventTypeID(cap_added);
+  first.setCAPFileName(captest::wide(dir.file("plain.xml")));
+  first.doCommandProcessing();
+  EXPECT_TRUE(controller->getPolicies().empty());
+  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("trace")),
+                                         "WatchDog monitors only the OS Agent. Ignoring CAP file: " +
+                                             dir.file("plain.xml") + " \n"));
+
+  captest::Subagent os;
+  os.id = "os.agent";
+  os.managerType = "<managerType>WatchDog</managerType>";
+  qortest::writeFile(dir.file("os.xml"), captest::document(os));
+  CAPFileEvent second;
+  second.setEventTypeID(cap_added);
+  second.setCAPFileName(captest::wide(dir.file("os.xml")));
+  second.doCommandProcessing();
+  ASSERT_EQ(1u, controller->getPolicies().size());
+  EXPECT_EQ(L"os.agent", controller->getPolicies()[0]->getSubagentID());
+  controller->getWatchdogList()->lockList();
+  EXPECT_TRUE(controller->getWatchdogList()->empty());
+  controller->getWatchdogList()->unlockList();
+}

@@ -60,6 +60,12 @@ class FakeSuite {
   qortest::TempDir dir_;
 };
 
+// Kills one process by its id. An id that was never read (0, or -1) would
+// signal the whole process group, the test runner with it: such ids are refused.
+inline void killProcess(int pid) {
+  if (pid > 1) kill(pid, SIGKILL);
+}
+
 // A child process started with `argv`, its output thrown away; killed and
 // reaped at the end.
 class Process {
@@ -86,7 +92,7 @@ class Process {
   // Kills the whole group of descendants this process started as well.
   void stop() {
     if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
+    killProcess(pid_);
     waitpid(pid_, nullptr, 0);
     pid_ = -1;
   }

@@ -287,11 +287,13 @@ TEST(CommandExecution, AStartScriptThatLeavesADaemonRunningSucceedsOnceTheDaemon
   long long started = qortest::nowMs();
   EXPECT_EQ(0, manager->executeCmd(&start, output, msgID, agent));
   EXPECT_LT(qortest::nowMs() - started, 3500);  // long before the time-out
+  // The daemon may be seen before the shell has written its id.
+  ASSERT_TRUE(qortest::waitFor([&] { return readPid(dir.file("shell.pid")) > 0; }, 3000));
   int shell = readPid(dir.file("shell.pid"));
   EXPECT_EQ(std::vector<int>{shell}, manager->getDefunctProcesses());
   EXPECT_TRUE(proctest::runsExecutable(agent->getProcID(), daemon));
-  kill(agent->getProcID(), SIGKILL);
-  kill(shell, SIGKILL);
+  proctest::killProcess(agent->getProcID());
+  proctest::killProcess(shell);
   delete agent;
 }
 
@@ -308,7 +310,7 @@ TEST(CommandExecution, AScriptThatEndsWhileItsDaemonHoldsThePipeEndsThroughWaitp
   EXPECT_TRUE(manager->getDefunctProcesses().empty());
   EXPECT_EQ(
       1, qortest::countOccurrences(qortest::readFile(dir.file("trace")), " is no longer running, rc = 1024"));
-  kill(readPid(dir.file("daemon.pid")), SIGKILL);
+  proctest::killProcess(readPid(dir.file("daemon.pid")));
 }
 
 TEST(CommandExecution, AStartScriptThatPrintsNothingRunsIntoTheTimeoutAndTheStartTestDecides) {
@@ -325,7 +327,7 @@ TEST(CommandExecution, AStartScriptThatPrintsNothingRunsIntoTheTimeoutAndTheStar
   EXPECT_EQ(L"started", msgID);
   EXPECT_EQ(readPid(dir.file("daemon.pid")), agent->getProcID());
   EXPECT_EQ(1u, manager->getDefunctProcesses().size());
-  kill(agent->getProcID(), SIGKILL);
+  proctest::killProcess(agent->getProcID());
   delete agent;
 }
 
@@ -544,5 +546,7 @@ TEST(CommandExecution, ShutdownCutsTheCommandShortAfterWaitingForTheShell) {
   EXPECT_EQ(0, qortest::countOccurrences(trace, "Command did not finish within timeout"));
   // The shell was waited for, not left behind.
   EXPECT_TRUE(manager->getDefunctProcesses().empty());
-  EXPECT_EQ(-1, kill(readPid(dir.file("shell.pid")), 0));
+  int shell = readPid(dir.file("shell.pid"));
+  ASSERT_GT(shell, 1);
+  EXPECT_EQ(-1, kill(shell, 0));
 }

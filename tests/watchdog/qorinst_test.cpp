@@ -160,11 +160,11 @@ TEST(ConfiguredInstances, AnExceptionInstanceIsNotTakenBack) {
   fastCommands();
   proctest::FakeSuite suite;
   suite.answer("o", "qa db1\nqa db2\n");
-  Policy specific;
-  specific.setGeneric(false);
-  specific.addInstance(L"db2");
+  Policy owner;
+  owner.setGeneric(false);
+  owner.addInstance(L"db2");
   Policy generic;
-  generic.addExceptionInstances(&specific);
+  generic.addExceptionInstances(&owner);
   generic.setProductCode(L"qa");
   EXPECT_EQ(Names{L"db1"}, generic.getInstances());
 }
@@ -266,7 +266,7 @@ TEST(RunningInstances, NoAnswerFromTheToolNamesEveryProcessEmpty) {
   EXPECT_EQ(L"", processes.owned[0]->getInstanceName());
 }
 
-TEST(RunningInstances, ASpecificPolicyKeepsOnlyItsOwnInstances) {
+TEST(RunningInstances, APolicyThatNamesItsInstancesKeepsOnlyThose) {
   fastCommands();
   proctest::FakeSuite suite;
   suite.answer("r", runningLine("qa", 4242, "db1") + runningLine("qa", 4343, "db2"));
@@ -281,13 +281,13 @@ TEST(RunningInstances, ASpecificPolicyKeepsOnlyItsOwnInstances) {
   EXPECT_EQ(std::vector<QorProcess*>{processes.owned[1].get()}, processes.list);
 }
 
-TEST(RunningInstances, AGenericConsolePolicyLeavesExceptionInstancesToTheSpecificPolicy) {
-  Policy specific;
-  specific.setGeneric(false);
-  specific.addInstance(L"db2");
+TEST(RunningInstances, AGenericConsolePolicyLeavesInstancesThatAnotherPolicyNamesToIt) {
+  Policy owner;
+  owner.setGeneric(false);
+  owner.addInstance(L"db2");
   Policy policy;
   policy.setAgentTypeElement(Console);
-  policy.addExceptionInstances(&specific);
+  policy.addExceptionInstances(&owner);
   Processes processes;
   processes.add(1)->setInstanceName(L"db1");
   processes.add(2)->setInstanceName(L"db2");

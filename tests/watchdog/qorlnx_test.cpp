@@ -281,12 +281,12 @@ TEST(ThreadChildren, AProcessWhoseParentIsProcessOneIsNeverAThreadChild) {
       },
       2000));
   if (record.ppid != 1) {
-    kill(orphan, SIGKILL);
+    proctest::killProcess(orphan);
     GTEST_SKIP() << "orphans go to a subreaper here, not to process 1";
   }
   // Even the very command line of process 1 does not make it a thread child.
   EXPECT_FALSE(IsThreadChildProcess(orphan, GetCommandLine(1)));
-  kill(orphan, SIGKILL);
+  proctest::killProcess(orphan);
 }
 
 TEST(ThreadChildren, AChildWithItsParentsCommandLineIsAThreadChildAndTheParentIsNot) {

@@ -66,8 +66,8 @@ class Lab {
 };
 
 // A policy of a plain daemon (so that no suite tool is asked) with the path
-// of its executable; `code` is set on a specific policy, which lists no
-// instances through the tool.
+// of its executable; `code` is set on a policy that names its instances, so
+// that no tool is asked to list them.
 Policy* daemonPolicy(const std::string& exe, const std::string& code = "") {
   Policy* policy = new Policy();
   policy->setAgentTypeElement(UnixDaemon);
@@ -318,7 +318,7 @@ TEST(OpenApplication, AProcessOfAnotherNameOrAGoneProcessIsNotFound) {
   int state =
       manager()->getAppOperatingState(L"qorwrongd", L"", wide(lab.path("qorwrongd")), pid, policy.get());
   EXPECT_EQ(OpRunning, state);
-  kill(pid, SIGKILL);
+  proctest::killProcess(pid);
   ASSERT_TRUE(qortest::waitFor([&] { return GetCommandLine(pid).empty(); }, 3000));
   EXPECT_EQ(OpStopped, manager()->getAppOperatingState(L"qorwrongd", L"", wide(lab.path("qorwrongd")), pid,
                                                        policy.get()));
@@ -337,7 +337,7 @@ TEST(CollectProcessData, AnAgentIsTiedToItsProcessAndLetGoWhenItEnds) {
   EXPECT_EQ(L"qorcollectd", agent.getInstanceProcName());
   EXPECT_EQ(GetCommandLine(pid), agent.getCmdLine());
   EXPECT_EQ(manager()->getUserID(pid, nullptr), agent.getUserName());  // not a suite agent: the real owner
-  kill(pid, SIGKILL);
+  proctest::killProcess(pid);
   ASSERT_TRUE(qortest::waitFor([&] { return GetCommandLine(pid).empty(); }, 3000));
   EXPECT_FALSE(manager()->isAppRunning(&agent));
   EXPECT_EQ(0, agent.getProcID());

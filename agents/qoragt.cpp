@@ -2,6 +2,7 @@
 
 #include "cap/qorconv.h"
 #include "platform/log1.h"
+#include "watchdog/qorcmd.h"
 #include "watchdog/qorunx.h"
 #include "watchdog/qorwd.h"
 
@@ -196,9 +197,32 @@ void Agent::setCheckTime(time_t when) {
   checked = true;
 }
 
+namespace {
+
+// Runs one of the agent's information scripts; the first line of its output.
+// The return code is not looked at.
+std::wstring firstOutputLine(QorScript* script, Agent* agent) {
+  std::wstring output;
+  std::wstring msgID;
+  GetCmdManager()->executeCmd(script, output, msgID, agent);
+  return output.substr(0, output.find(L'\n'));
+}
+
+}  // namespace
+
 void Agent::setAgentInformation() {
-  // The version and build scripts run through the command layer, which joins
-  // with command execution; until then both stay as they are.
+  QOR_TRACE_FUNCTION();
+  if (policy == nullptr) return;
+  // Each script runs on the caller's thread; a list lock that the caller
+  // holds is given up while it runs.
+  if (!policy->getAgentVersionScript()->empty()) {
+    agentVersion = firstOutputLine(policy->getAgentVersionScript(), this);
+    QOR_TRACE_DETAIL("agentVersion = %s\n", QOR_N(agentVersion));
+  }
+  if (!policy->getAgentBuildNumberScript()->empty()) {
+    agentBuildNumber = firstOutputLine(policy->getAgentBuildNumberScript(), this);
+    QOR_TRACE_DETAIL("agentBuildNumber = %s\n", QOR_N(agentBuildNumber));
+  }
 }
 
 void Agent::setZELUserName() {

@@ -145,3 +145,8 @@ bool ManagedProcessList::unlockList() {
   QOR_TRACE_DETAIL("Unlock failed: list locked by one thread and unlock tried by another one\n");
   return false;
 }
+
+bool ManagedProcessList::isLockedByCaller() const {
+  return locked.load(std::memory_order_acquire) &&
+         pthread_equal(lockOwner.load(std::memory_order_relaxed), pthread_self());
+}

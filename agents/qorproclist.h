@@ -37,6 +37,9 @@ class ManagedProcessList : public std::list<Agent*> {
   // a second unlock by the holder: a command run gives the lock up only when
   // its caller really holds it.
   bool unlockList();
+  // True when the calling thread holds the lock: code reached both with and
+  // without the list in hand decides by it whether to take the lock itself.
+  bool isLockedByCaller() const;
 
   // Rebuilds the schedule when it is dirty and returns a copy of the mask.
   // Requires: the list lock NOT held by the caller, since the rebuild takes it.

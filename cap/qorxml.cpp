@@ -416,17 +416,9 @@ int XMLElementConstraints::checkStartLevel(XMLElement& element, XMLElementConstr
 int XMLElementConstraints::checkStart(XMLElement& element) {
   QOR_TRACE_FUNCTION();
   if (element.getName() != getName()) {
-    if (count < minOccurs) {
-      QOR_XML_VIOLATION("The minimum occurrences constraint for %s has not been met.",
-                        qor_utf8(getName()).c_str());
-      return XML_MIN_OCCURS_NOT_MET;
-    }
-    if (count > maxOccurs) {
-      QOR_XML_VIOLATION("The maxiumum occurrences constraint for %s has been exceeded.",
-                        qor_utf8(getName()).c_str());
-      return XML_MAX_OCCURS_EXCEEDED;
-    }
-    return XML_NO_MATCH;
+    // Another element: this one is done, and its occurrences must hold.
+    int result = checkConstraints();
+    return result != XML_OK ? result : XML_NO_MATCH;
   }
 
   int result = initOnMatchStart(element);

@@ -133,6 +133,29 @@ class Controller {
   bool isAVSleeping() const { return avSleeping.load(std::memory_order_acquire); }
   bool isDISleeping() const { return diSleeping.load(std::memory_order_acquire); }
 
+  // Finding agents by a mask of fields.
+  // Each bit of the mask names one field of the agent and the entry of the
+  // eight criteria that it is compared with; the bit order and the entry
+  // order differ. A mask of 0 takes every agent.
+  enum MatchField : int {
+    MATCH_NAME = 1,                    // criteria[0], getName
+    MATCH_ID = 2,                      // criteria[3], getID
+    MATCH_PROC_ID = 4,                 // criteria[1] as a number, getProcID
+    MATCH_INSTANCE_PROC_NAME = 8,      // criteria[2], getInstanceProcName
+    MATCH_OPERATING_STATE = 16,        // criteria[4] as a number, getOperatingState
+    MATCH_INSTANCE_NAME = 32,          // criteria[5], getInstanceName
+    MATCH_SERVICE_INSTANCE_NAME = 64,  // criteria[6], getServiceInstanceName
+    MATCH_GUID = 128,                  // criteria[7] as a number, getGUID
+  };
+  static constexpr int MATCH_CRITERIA_COUNT = 8;
+  // The live agents of managedEndpointProcesses that meet every criterion of
+  // the mask, in list order. `criteria` points at MATCH_CRITERIA_COUNT strings.
+  // Requires: managedEndpointProcesses locked by the caller.
+  std::vector<Agent*> getManagedEndpointProcess(int mask, const std::wstring* criteria);
+  // The same, taking and releasing the list lock; empty when the lock cannot
+  // be had.
+  std::vector<Agent*> getManagedEndpointProcessLOCK(int mask, const std::wstring* criteria);
+
  private:
   Controller();
   Controller(const Controller&) = delete;

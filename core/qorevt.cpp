@@ -2,6 +2,7 @@
 
 #include <ctime>
 #include <cwchar>
+#include <functional>
 
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
@@ -89,6 +90,35 @@ void fillAgentFields(EventData& data, const Agent* agent) {
 
 MessageHandler* messageQueue() { return Controller::getController()->getMessageHandler(); }
 
+// With the list locked, runs `apply` when the event's agent is still listed;
+// otherwise drops the event: no agent and no message. Nothing happens when the
+// list cannot be locked.
+void applyIfListed(AgentEvent* event, const std::function<void(Controller*)>& apply) {
+  QOR_TRACE_FUNCTION();
+  Controller* controller = Controller::getController();
+  ManagedProcessList* list = controller->getManagedEndpointProcesses();
+  if (!list->lockList()) return;
+  if (list->inList(event->getAgent())) {
+    apply(controller);
+  } else {
+    QOR_TRACE_DETAIL("Invalid/deleted agent in process list-- event ignored.");
+    event->setAgent(nullptr);
+    event->suppressMessages();
+  }
+  list->unlockList();
+}
+
+// Puts the event's message on the message queue unless it is suppressed; the
+// message is made only when it is sent.
+void passOn(Event* event, const std::function<Event*()>& makeMessage) {
+  QOR_TRACE_FUNCTION();
+  if (event->messagesSuppressed()) {
+    QOR_TRACE_DETAIL("Message suppressed for event id %d.", event->getEventTypeID());
+    return;
+  }
+  messageQueue()->pushEvent(makeMessage());
+}
+
 }  // namespace
 
 AgentEvent::AgentEvent() : agent(nullptr), ownsAgent(false) {}
@@ -119,25 +149,9 @@ AgentOpEvent::AgentOpEvent(const AgentOpEvent& other)
       actionFlag(other.actionFlag) {}
 
 void AgentOpEvent::doCommandProcessing() {
-  QOR_TRACE_FUNCTION();
-  Controller* controller = Controller::getController();
-  ManagedProcessList* list = controller->getManagedEndpointProcesses();
-  if (list->lockList()) {
-    if (!list->inList(getAgent())) {
-      QOR_TRACE_DETAIL("Invalid/deleted agent in process list-- event ignored.");
-      setAgent(nullptr);
-      suppressMessages();
-    } else {
-      controller->ProcessOpStateChange(this);
-    }
-    list->unlockList();
-  }
-  if (messagesSuppressed()) {
-    QOR_TRACE_DETAIL("Message suppressed for event id %d.", getEventTypeID());
-    return;
-  }
+  applyIfListed(this, [this](Controller* controller) { controller->ProcessOpStateChange(this); });
   // The message carries its own copy of the agent as it is now.
-  messageQueue()->pushEvent(makeCopy(true));
+  passOn(this, [this] { return makeCopy(true); });
 }
 
 std::wstring AgentOpEvent::getLogMessage() {
@@ -166,26 +180,10 @@ AgentMgmtEvent::AgentMgmtEvent(const AgentMgmtEvent& other)
     : AgentOpEvent(other), mgmtState(other.mgmtState), newAgent(false) {}
 
 void AgentMgmtEvent::doCommandProcessing() {
-  QOR_TRACE_FUNCTION();
-  Controller* controller = Controller::getController();
-  ManagedProcessList* list = controller->getManagedEndpointProcesses();
-  if (list->lockList()) {
-    if (!list->inList(getAgent())) {
-      QOR_TRACE_DETAIL("Invalid/deleted agent in process list-- event ignored.");
-      setAgent(nullptr);
-      suppressMessages();
-    } else {
-      controller->ProcessMgmtStateChange(this);
-    }
-    list->unlockList();
-  }
-  if (messagesSuppressed()) {
-    QOR_TRACE_DETAIL("Message suppressed for event id %d.", getEventTypeID());
-    return;
-  }
+  applyIfListed(this, [this](Controller* controller) { controller->ProcessMgmtStateChange(this); });
   // A plain copy: the message shows the live agent as it is when the message
   // handler copies it, not as it was here.
-  messageQueue()->pushEvent(new AgentMgmtEvent(*this));
+  passOn(this, [this] { return new AgentMgmtEvent(*this); });
 }
 
 std::wstring AgentMgmtEvent::getLogMessage() {
@@ -202,20 +200,12 @@ Event* AgentMgmtEvent::makeCopy(bool shallow) {
 
 AgentAVCheckEvent::AgentAVCheckEvent() : checkTime(0) { setEventTypeID(agent_health_check); }
 
+// No message, whatever the flag says.
 void AgentAVCheckEvent::doCommandProcessing() {
-  QOR_TRACE_FUNCTION();
-  Controller* controller = Controller::getController();
-  ManagedProcessList* list = controller->getManagedEndpointProcesses();
-  if (!list->lockList()) return;
-  if (list->inList(getAgent())) {
+  applyIfListed(this, [this](Controller* controller) {
     checkTime = time(nullptr);
     controller->ProcessAvCheck(this);
-  } else {
-    QOR_TRACE_DETAIL("Invalid/deleted agent in process list-- event ignored.");
-    setAgent(nullptr);
-    suppressMessages();
-  }
-  list->unlockList();
+  });
 }
 
 std::wstring AgentAVCheckEvent::getLogMessage() {
@@ -266,11 +256,7 @@ void CAPFileEvent::doCommandProcessing() {
     }
     controller->unlockDiscovery();
   }
-  if (messagesSuppressed()) {
-    QOR_TRACE_DETAIL("Message suppressed for event id %d.", getEventTypeID());
-    return;
-  }
-  messageQueue()->pushEvent(new CAPFileEvent(*this));
+  passOn(this, [this] { return new CAPFileEvent(*this); });
 }
 
 std::wstring CAPFileEvent::getLogMessage() {
@@ -289,12 +275,7 @@ WatchdogEvent::WatchdogEvent() : agent(nullptr) {}
 WatchdogEvent::WatchdogEvent(const WatchdogEvent& other) : Event(other), agent(nullptr) {}
 
 void WatchdogEvent::doCommandProcessing() {
-  QOR_TRACE_FUNCTION();
-  if (messagesSuppressed()) {
-    QOR_TRACE_DETAIL("Message suppressed for event id %d.", getEventTypeID());
-    return;
-  }
-  messageQueue()->pushEvent(new WatchdogEvent(*this));
+  passOn(this, [this] { return new WatchdogEvent(*this); });
 }
 
 std::wstring WatchdogEvent::getLogMessage() { return L" Watchdog Event: " + teoMessage(getEventTypeID()); }

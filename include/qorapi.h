@@ -202,6 +202,11 @@ QOR_EXPORT void RearmWatchdog(int ignored);
 QOR_EXPORT wchar_t* QOR_u_strFromUTF8(const char* text);
 QOR_EXPORT char* QOR_wcstombs(std::wstring text);
 
+// Gives the variable `name` of the agent with product code `code` a value for
+// "$name@code" in CAP files. A value the service already holds is kept.
+QOR_EXPORT void QOR_SetZELAgentEnvironment(const std::wstring& code, const std::wstring& name,
+                                           const std::wstring& value);
+
 // The main loop of the qorwd program, and its last words.
 QOR_EXPORT void WatchdogMain();
 QOR_EXPORT void stop_exit();

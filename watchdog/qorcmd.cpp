@@ -1,4 +1,119 @@
-// Command execution: the running of CAP scripts with their time-out.
+#include "watchdog/qorcmd.h"
+
+#include "agents/qoragt.h"
+#include "agents/qorproclist.h"
+#include "cap/qorpol.h"
+#include "core/qorctrl.h"
+#include "core/qorutil.h"
 #include "include/qorapi.h"
+#include "platform/log1.h"
+#include "watchdog/qorunx.h"
+
+QOR_TRACE_UNIT();
 
 int32_t MIN_CMD_TIMEOUT = 30;
+
+const std::wstring ZEL_CMD_STR = L"zelcmd";
+const std::wstring AGENT_INST_CMD_STR = L"agentInstanceCommand";
+const std::wstring AGENT_INST_CMD_START = L"START";
+const std::wstring AGENT_INST_CMD_STOP = L"STOP";
+
+namespace {
+
+// Holds cmdMutex for one serialised command. A thread cancelled in the middle
+// of the command unwinds through here, so the suite's next command is not
+// blocked for good.
+class SerialLock {
+ public:
+  explicit SerialLock(pthread_mutex_t* mutex) : mutex_(mutex) {}
+  ~SerialLock() { release(); }
+  SerialLock(const SerialLock&) = delete;
+  SerialLock& operator=(const SerialLock&) = delete;
+
+  int acquire() {
+    int rc = pthread_mutex_lock(mutex_);
+    held_ = rc == 0;
+    return rc;
+  }
+  int release() {
+    if (!held_) return 0;
+    held_ = false;
+    return pthread_mutex_unlock(mutex_);
+  }
+
+ private:
+  pthread_mutex_t* mutex_;
+  bool held_ = false;
+};
+
+}  // namespace
+
+QorCmd::QorCmd() : timeout(MIN_CMD_TIMEOUT), controller(Controller::getController()) {
+  QOR_TRACE_FUNCTION();
+  int value = 0;
+  if (!QOR_GetEnvironmentAsInt("QOR_CMD_TIMEOUT", value)) {
+    QOR_TRACE_DETAIL("Invalid timeout specified by QOR_CMD_TIMEOUT.\n");
+  } else if (value >= MIN_CMD_TIMEOUT) {
+    timeout = value;
+  }
+  QOR_TRACE_DETAIL("Using command timeout = %d.\n", timeout);
+  pthread_mutex_init(&cmdMutex, nullptr);
+}
+
+QorCmd::~QorCmd() { pthread_mutex_destroy(&cmdMutex); }
+
+int QorCmd::executeCmd(QorScript* script, std::wstring& output, std::wstring& msgID, Agent* agent) {
+  QOR_TRACE_FUNCTION();
+  std::wstring command = ReplaceTEOVariables(script->getCommand(), agent);
+  QOR_TRACE_DETAIL("Executing command < %s >.\n", QOR_N(command));
+
+  // A command may run for its whole time-out: a caller that holds the list
+  // gives it up meanwhile. unlockList refuses any thread that does not hold
+  // the lock, so for every other caller this changes nothing. The list may
+  // have changed by the time it is taken back.
+  ManagedProcessList* list = controller->getManagedEndpointProcesses();
+  const bool relock = list->unlockList();
+
+  std::string rawOutput;
+  int rc;
+  {
+    // cmdMutex is only waited for with the list given up.
+    SerialLock serial(&cmdMutex);
+    if (serializeCommand(command)) {
+      int lockRc = serial.acquire();
+      if (lockRc != 0) {
+        QOR_TRACE_ERROR("Error: pthread_mutex_lock failed rc=%d \n", lockRc);
+        return QOR_TRACE_RETURN(-1);
+      }
+      QOR_TRACE_DETAIL("Executing serialized ZEL command\n");
+    }
+    rc = executeCmd(command, rawOutput, script, agent);
+    int unlockRc = serial.release();
+    if (unlockRc != 0) QOR_TRACE_ERROR("Error: pthread_mutex_unlock failed, rc=%d \n", unlockRc);
+  }
+
+  if (relock) {
+    list->lockList();
+    QOR_TRACE_DETAIL("Command rc < %d >.\n", rc);
+  }
+
+  // A CAP file may call any exit code a success, also a non-zero one, and
+  // any an error, also 0; a code in both maps is a success.
+  if (!script->emptyRCs()) {
+    if (script->isSuccessRC(rc)) {
+      msgID = script->getSuccessRCMsg(rc);
+      rc = 0;
+      QOR_TRACE_DETAIL("Expected success rc - msg_id %s. Setting it to < %d >.\n", QOR_N(msgID), rc);
+    } else if (script->isErrorRC(rc)) {
+      msgID = script->getErrorRCMsg(rc);
+      if (rc == 0) rc = 1;
+      QOR_TRACE_DETAIL("Expected error rc - msg_id %s.\n", QOR_N(msgID));
+    } else {
+      QOR_TRACE_DETAIL("Script ended with unexpected rc < %d >.\n", rc);
+    }
+  }
+
+  QOR_TRACE_DETAIL("Command output < %s >.\n", rawOutput.c_str());
+  if (!rawOutput.empty()) output = qor_mbstowcs(rawOutput.c_str());
+  return QOR_TRACE_RETURN(rc);
+}

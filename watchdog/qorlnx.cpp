@@ -1,4 +1,171 @@
-// Linux process inspection: the figures of processes read from /proc.
+#include "watchdog/qorlnx.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "core/qorutil.h"
 #include "include/qorapi.h"
+#include "platform/log1.h"
+
+QOR_TRACE_UNIT();
 
 uint64_t qor_hz = 100;
+
+namespace {
+
+// The classic fields of a stat line, and four more that some kernels add and
+// that then hold the CPU times. `comm` is read up to the first blank, so a
+// name with a blank in it stops the scan early; what it did not reach stays.
+const char* const kStatFormat =
+    "%lld (%96s  %c %lld %lld %lld %lld %lld %llu %llu %llu %llu %llu %llu %llu %lld %lld %lld %lld %lld "
+    "%lld %llu %llu %lld %llu %llu %llu %llu %llu %llu %*s %*s %*s %*s %llu %llu %llu %*d %d%*d %*d %llu "
+    "%llu %llu %llu";
+const char* const kBriefStatFormat = "%lld (%96s  %c %lld";
+constexpr int kStatItemsWithCPUExtras = 38;
+
+std::string procPath(int pid, const char* file) { return "/proc/" + std::to_string(pid) + "/" + file; }
+
+}  // namespace
+
+int ReadStatFile(const char* path, qor_proc_stat& r, bool brief) {
+  QOR_TRACE_FUNCTION();
+  FILE* file = fopen(path, "r");
+  if (file == nullptr) {
+    QOR_TRACE_ERROR("Error: file open failed %s, errno = %d", path, errno);
+    return -1;
+  }
+  long long pid = r.pid;
+  int items;
+  if (brief) {
+    items = fscanf(file, kBriefStatFormat, &pid, r.comm, &r.state, &r.ppid);
+  } else {
+    items = fscanf(file, kStatFormat, &pid, r.comm, &r.state, &r.ppid, &r.pgrp, &r.session, &r.tty_nr,
+                   &r.tpgid, &r.flags, &r.minflt, &r.cminflt, &r.majflt, &r.cmajflt, &r.utime, &r.stime,
+                   &r.cutime, &r.cstime, &r.priority, &r.nice, &r.num_threads, &r.itrealvalue, &r.starttime,
+                   &r.vsize, &r.rss, &r.rlim, &r.startcode, &r.endcode, &r.startstack, &r.kstkesp, &r.kstkeip,
+                   &r.wchan, &r.nswap, &r.cnswap, &r.processor, &r.extra1, &r.extra2, &r.extra3, &r.extra4);
+    if (items == kStatItemsWithCPUExtras) {
+      r.utime = r.extra1;
+      r.stime = r.extra2;
+      r.cutime = static_cast<long long>(r.extra3);
+      r.cstime = static_cast<long long>(r.extra4);
+    }
+  }
+  r.pid = static_cast<int>(pid);
+  fclose(file);
+  return items;
+}
+
+void GetStatData(int pid, qor_proc_stat& record, bool brief) {
+  ReadStatFile(procPath(pid, "stat").c_str(), record, brief);
+}
+
+int ReadStatMFile(const char* path, qor_memory_stat& r) {
+  QOR_TRACE_FUNCTION();
+  FILE* file = fopen(path, "r");
+  if (file == nullptr) {
+    QOR_TRACE_ERROR("Error: file open failed %s, errno = %d", path, errno);
+    return -1;
+  }
+  int items = fscanf(file, "%lld %lld %lld %lld %lld %lld %lld", &r.size, &r.resident, &r.share, &r.text,
+                     &r.lib, &r.data, &r.dirty);
+  fclose(file);
+  return items;
+}
+
+void GetStatMData(int pid, qor_memory_stat& record) { ReadStatMFile(procPath(pid, "statm").c_str(), record); }
+
+void ReadStatusFile(const char* path, qor_status_stat& record) {
+  QOR_TRACE_FUNCTION();
+  record.threads = 0;
+  record.threadsFound = false;
+  FILE* file = fopen(path, "r");
+  if (file == nullptr) {
+    QOR_TRACE_ERROR("Error: file open failed %s, errno = %d", path, errno);
+    return;
+  }
+  // Each scan matches only at the start of the line where the stream stands;
+  // the rest of the line is then skipped. Old kernels have no Threads: line.
+  bool uidFound = false;
+  char rest[100];
+  while (!(uidFound && record.threadsFound)) {
+    if (!uidFound && fscanf(file, "Uid: %d", &record.uid) == 1) uidFound = true;
+    if (!record.threadsFound && fscanf(file, "Threads: %lld", &record.threads) == 1)
+      record.threadsFound = true;
+    if (fgets(rest, sizeof rest, file) == nullptr) break;
+  }
+  fclose(file);
+}
+
+void GetStatusData(int pid, qor_status_stat& record) {
+  ReadStatusFile(procPath(pid, "status").c_str(), record);
+}
+
+void GetFileContents(const std::string& path, std::string& contents) {
+  QOR_TRACE_FUNCTION();
+  std::string text;
+  FILE* file = fopen(path.c_str(), "r");
+  if (file == nullptr) {
+    QOR_TRACE_ERROR("Error: file read failed, errno = %d", errno);
+  } else {
+    char buffer[1024];
+    size_t bytes;
+    while ((bytes = fread(buffer, 1, sizeof buffer, file)) > 0) text.append(buffer, bytes);
+    fclose(file);
+  }
+  contents = text;
+}
+
+std::string JoinCommandLine(std::string contents) {
+  for (char& c : contents) {
+    if (c == '\0') c = ' ';
+  }
+  size_t last = contents.find_last_not_of(' ');
+  contents.erase(last == std::string::npos ? 0 : last + 1);
+  return contents;
+}
+
+std::wstring GetCommandLine(int pid) {
+  QOR_TRACE_FUNCTION();
+  std::string path = procPath(pid, "cmdline");
+  QOR_TRACE_DETAIL("Procss id = %d", pid);
+  std::string contents;
+  GetFileContents(path, contents);
+  contents = JoinCommandLine(contents);
+  QOR_TRACE_DETAIL("cmdline contents = %s", contents.c_str());
+  return qor_mbstowcs(contents.c_str());
+}
+
+std::wstring GetExecutablePath(int pid, const std::wstring& /*unused*/) {
+  // A longer path comes back cut at 256 bytes.
+  char buffer[257];
+  ssize_t length = readlink(procPath(pid, "exe").c_str(), buffer, 256);
+  if (length <= 0) return std::wstring();
+  buffer[length] = '\0';
+  return qor_mbstowcs(buffer);
+}
+
+bool IsThreadChildProcess(int pid, const std::wstring& commandLine) {
+  QOR_TRACE_FUNCTION();
+  qor_proc_stat record;
+  GetStatData(pid, record, true);
+  if (record.ppid == 1) return false;
+  bool child = commandLine == GetCommandLine(static_cast<int>(record.ppid));
+  if (child) QOR_TRACE_DETAIL("Process pid %d is child process\n", pid);
+  return child;
+}
+
+bool ReadProcessIDs(std::vector<int>& ids) {
+  DIR* directory = opendir("/proc");
+  if (directory == nullptr) return false;
+  while (struct dirent* entry = readdir(directory)) {
+    if (isdigit(static_cast<unsigned char>(entry->d_name[0]))) ids.push_back(atoi(entry->d_name));
+  }
+  closedir(directory);
+  return true;
+}

@@ -2,17 +2,16 @@
 
 #include "core/qorctrl.h"
 #include "include/qorapi.h"
+#include "watchdog/qorcmd.h"
 
 int32_t WD_START_RETRY_COUNT = 3;
 int32_t WD_START_RETRY_INTERVAL = 3;
 int32_t WD_STATUS_RETRY_COUNT = 1;
 
-// The command manager joins with command execution; until then a Watchdog
-// has none.
 Watchdog::Watchdog()
     : controller(Controller::getController()),
       agent(nullptr),
-      cmdManager(nullptr),
+      cmdManager(GetCmdManager()),
       startRetryCount(WD_START_RETRY_COUNT) {}
 
 Watchdog::Watchdog(const Watchdog& source)

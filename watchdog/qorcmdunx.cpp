@@ -1,0 +1,326 @@
+#include "watchdog/qorcmdunx.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "agents/qoragt.h"
+#include "core/qorctrl.h"
+#include "core/qorutil.h"
+#include "platform/log1.h"
+#include "watchdog/qorusr.h"
+#include "watchdog/qorwdproc.h"
+
+QOR_TRACE_UNIT();
+
+const char* SH_PATH = "/bin/sh";
+
+FILE* qor_popen(const char* command, int& pid) {
+  int fds[2];
+  // Close-on-exec keeps this pipe out of the children that other threads
+  // start meanwhile: one of them living on would otherwise hold it open.
+  if (pipe2(fds, O_CLOEXEC) != 0) return nullptr;
+  pid = fork();
+  if (pid < 0) return nullptr;
+  if (pid == 0) {
+    close(fds[0]);
+    if (fds[1] != 1) {
+      dup2(fds[1], 1);  // the copy does not inherit close-on-exec
+      close(fds[1]);
+    } else {
+      fcntl(1, F_SETFD, 0);
+    }
+    UnblockSignals();
+    execl(SH_PATH, "sh", "-c", command, static_cast<char*>(nullptr));
+    // A shell that cannot be run reads as success with no output. _exit, not
+    // exit: the child must not run this process's exit handlers nor flush the
+    // stdio buffers it inherited.
+    _exit(0);
+  }
+  close(fds[1]);
+  return fdopen(fds[0], "r");
+}
+
+int qor_pclose(FILE* stream, int pid) {
+  if (fclose(stream) != 0) return -1;
+  int status = 0;
+  while (waitpid(pid, &status, 0) == -1) {
+    if (errno != EINTR && errno != EAGAIN) return -1;
+  }
+  return status;
+}
+
+QorCmdUNIX::QorCmdUNIX() = default;
+
+QorCmdUNIX::~QorCmdUNIX() = default;
+
+struct QorCmdUNIX::PollOutcome {
+  int remaining = 0;
+  bool appStarted = false;
+  bool shutdown = false;
+  int readError = 0;
+  int childStatus = -1;  // -1: the child was not reaped in the loop
+
+  bool normalEnd() const { return remaining != 0 && readError == 0 && !appStarted && !shutdown; }
+};
+
+int QorCmdUNIX::executeCmd(const std::wstring& command, std::string& output, QorScript* script,
+                           Agent* agent) {
+  QOR_TRACE_FUNCTION();
+  std::string narrow = qor_narrow(command);
+  int pid = -1;
+  FILE* stream = qor_popen(narrow.c_str(), pid);
+  if (stream == nullptr) {
+    QOR_TRACE_ERROR("Error: qor_popen failed, errno = %d", errno);
+    return QOR_TRACE_RETURN(-1);
+  }
+  PollOutcome end;
+  end.remaining = timeout;
+  if (agent != nullptr && agent->availCheckRetryEnabled()) end.remaining *= 2;
+  pollCommand(stream, pid, script, agent, output, end);
+  int result =
+      end.normalEnd() ? finishCommand(stream, pid, end) : abandonCommand(stream, pid, script, agent, end);
+  if (result == -1 && !end.normalEnd() && !end.shutdown) {
+    result = QOR_CMD_TIMED_OUT;
+    QOR_TRACE_ERROR("Command did not finish within timeout - cmd = %s", narrow.c_str());
+  }
+  return QOR_TRACE_RETURN(result);
+}
+
+void QorCmdUNIX::pollCommand(FILE* stream, int pid, QorScript* script, Agent* agent, std::string& output,
+                             PollOutcome& end) {
+  QOR_TRACE_FUNCTION();
+  const bool noMaps = script->emptyRCs();
+  auto shuttingDown = [&] {
+    if (!controller->isShuttingDown()) return false;
+    QOR_TRACE_DETAIL("Shutdown -- before sleep.\n");
+    end.shutdown = true;
+    return true;
+  };
+  int descriptor = fileno(stream);
+  fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+
+  // One read a second, on purpose: the loop is simple, and the first pass,
+  // which does not sleep, costs a second of the budget all the same.
+  int pauseSeconds = 0;
+  char buffer[1024];
+  while (!feof(stream) && end.remaining > 0) {
+    QOR_TRACE_DETAIL("Waiting for command to complete for %d seconds.\n", end.remaining);
+    if (shuttingDown()) return;
+    sleep(pauseSeconds);
+    if (shuttingDown()) return;
+    pauseSeconds = 1;
+    --end.remaining;
+
+    // The error and end-of-file flags are sticky: clear them so that they
+    // tell of this read only.
+    clearerr(stream);
+    errno = 0;
+    size_t bytes = fread(buffer, 1, sizeof buffer, stream);
+    if (bytes > 0) {
+      QOR_TRACE_DETAIL("Command bytes read without error. %d\n", static_cast<int>(bytes));
+      output.append(buffer, bytes);
+      continue;
+    }
+    if (ferror(stream)) {
+      int error = errno;
+      QOR_TRACE_DETAIL("There is an error returned from reading buffer. %d\n", error);
+      if (error != EAGAIN && error != EINTR) {
+        end.readError = error;
+        return;
+      }
+      // A script that has ended while a process it started still holds the
+      // pipe never reaches end-of-file: ask for the script itself.
+      int status = 0;
+      if (!output.empty() && waitpid(pid, &status, WNOHANG) == pid) {
+        QOR_TRACE_DETAIL("Child pid %d is no longer running, rc = %d", pid, status);
+        end.childStatus = status;
+        return;
+      }
+    }
+    // The start script of a daemon may never end: it is done once the
+    // application runs.
+    if (script->isStartCommand() && noMaps && isAppRunning(agent)) {
+      end.appStarted = true;
+      return;
+    }
+  }
+}
+
+int QorCmdUNIX::finishCommand(FILE* stream, int pid, const PollOutcome& end) {
+  QOR_TRACE_FUNCTION();
+  int status = end.childStatus;
+  if (status != -1) {
+    keepStream(stream);
+  } else {
+    status = qor_pclose(stream, pid);
+  }
+  if (status == -1) {
+    QOR_TRACE_ERROR("qor_pclose failed - errno %d", errno);
+    return QOR_TRACE_RETURN(-1);
+  }
+  QOR_TRACE_DETAIL("qor_pclose returned %d", status);
+  // A shell killed by a signal has 0 here, and so reads as success.
+  return QOR_TRACE_RETURN((status & 0xff00) >> 8);
+}
+
+int QorCmdUNIX::abandonCommand(FILE* stream, int pid, QorScript* script, Agent* agent,
+                               const PollOutcome& end) {
+  QOR_TRACE_FUNCTION();
+  if (end.appStarted) {
+    addDefunctProcess(pid, stream);
+    return QOR_TRACE_RETURN(0);
+  }
+  // A start that ran out of time still succeeded if the application runs, a
+  // stop if it is gone. Without an agent neither can be known, and the
+  // command counts as not finished.
+  int result = -1;
+  if (script->isStartCommand() && isAppRunning(agent)) {
+    result = 0;
+  } else if (script->isStopCommand() && agent != nullptr && !isAppRunning(agent)) {
+    result = 0;
+  }
+  if (end.remaining != 0) {
+    qor_pclose(stream, pid);
+  } else {
+    addDefunctProcess(pid, stream);
+  }
+  if (end.shutdown) QOR_TRACE_DETAIL("Shutdown processing.");
+  return QOR_TRACE_RETURN(result);
+}
+
+void QorCmdUNIX::addDefunctProcess(int pid, FILE* stream) {
+  std::lock_guard<std::mutex> lock(defunctMutex);
+  defunctProcesses.push_back(pid);
+  keptStreams.push_back(stream);
+}
+
+void QorCmdUNIX::keepStream(FILE* stream) {
+  std::lock_guard<std::mutex> lock(defunctMutex);
+  keptStreams.push_back(stream);
+}
+
+std::vector<int> QorCmdUNIX::getDefunctProcesses() {
+  std::lock_guard<std::mutex> lock(defunctMutex);
+  return defunctProcesses;
+}
+
+namespace {
+
+// Reads what waits in a kept stream, so that its writer never blocks on a
+// full pipe; true once every writer has closed it.
+bool drainedToEnd(FILE* stream) {
+  char buffer[1024];
+  clearerr(stream);
+  while (fread(buffer, 1, sizeof buffer, stream) > 0) {
+  }
+  return feof(stream) != 0;
+}
+
+}  // namespace
+
+void QorCmdUNIX::cleanUpDefunctProcesses() {
+  QOR_TRACE_FUNCTION();
+  std::lock_guard<std::mutex> lock(defunctMutex);
+  for (auto it = defunctProcesses.begin(); it != defunctProcesses.end();) {
+    if (waitpid(*it, nullptr, WNOHANG) == *it) {
+      QOR_TRACE_DETAIL("Child pid %d is not running", *it);
+      it = defunctProcesses.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  for (auto it = keptStreams.begin(); it != keptStreams.end();) {
+    if (drainedToEnd(*it)) {
+      fclose(*it);
+      it = keptStreams.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+bool QorCmdUNIX::serializeCommand(const std::wstring& command) {
+  auto holds = [&command](const std::wstring& marker) { return command.find(marker) != std::wstring::npos; };
+  if (holds(ZEL_CMD_STR)) return true;
+  return holds(AGENT_INST_CMD_STR) && (holds(AGENT_INST_CMD_START) || holds(AGENT_INST_CMD_STOP));
+}
+
+int QorCmdUNIX::appStop(const std::wstring& name, int pid, Policy* policy) {
+  QOR_TRACE_FUNCTION();
+  // Opening the application again checks, at the moment of the kill, that the
+  // process id still belongs to that name.
+  std::wstring processName = name;
+  std::wstring instance;
+  std::wstring commandLine;
+  int target = pid;
+  QorAppHandle handle = openApplication(processName, L"", instance, target, commandLine, policy);
+  if (handle == nullptr) {
+    QOR_TRACE_DETAIL("Application %s (pid = %d) not found.\n", QOR_N(name), pid);
+    return QOR_TRACE_RETURN(0);
+  }
+  kill(target, SIGTERM);
+  int status = 0;
+  errno = 0;
+  int reaped = waitpid(target, &status, WNOHANG);
+  int error = errno;
+  QOR_TRACE_DETAIL("retpid %d - errno %d", reaped, error);
+  // A process that is not our child cannot be waited for: SIGTERM is all it
+  // gets. Our child that has not died at once gets SIGKILL.
+  if (reaped == target || error == ECHILD) {
+    QOR_TRACE_DETAIL("Application ended with SIGTERM.");
+  } else {
+    QOR_TRACE_DETAIL("Application did not end with SIGTERM. Retry using SIGKILL");
+    kill(target, SIGKILL);
+  }
+  closeApplication(handle);
+  return QOR_TRACE_RETURN(0);
+}
+
+int QorCmdUNIX::getAppOperatingState(std::wstring processName, std::wstring instanceName, std::wstring path,
+                                     int& pid, Policy* policy) {
+  QOR_TRACE_FUNCTION();
+  int state = OpStopped;
+  std::wstring commandLine;
+  QorAppHandle handle = openApplication(processName, path, instanceName, pid, commandLine, policy);
+  if (handle != nullptr) {
+    state = OpRunning;
+    closeApplication(handle);
+  }
+  return QOR_TRACE_RETURN(state);
+}
+
+namespace {
+
+// Runs a service script for its return code alone.
+int runForCode(QorCmd* manager, QorScript& script, Agent* agent) {
+  std::wstring output;
+  std::wstring msgID;
+  return manager->executeCmd(&script, output, msgID, agent);
+}
+
+}  // namespace
+
+int QorCmdUNIX::systemStart(const std::wstring& name, Agent* agent) {
+  QorScript script = getSystemStartScript(name);
+  script.setIsStartCommand();
+  return runForCode(this, script, agent);
+}
+
+int QorCmdUNIX::systemStop(const std::wstring& name) {
+  QorScript script = getSystemStopScript(name);
+  script.setIsStopCommand();
+  return runForCode(this, script, nullptr);
+}
+
+int QorCmdUNIX::getSystemOperatingState(const std::wstring& name) {
+  QorScript script = getSystemIsUpScript(name);
+  if (script.empty()) return 0;
+  return runForCode(this, script, nullptr) == 0 ? OpRunning : OpStopped;
+}
+
+std::wstring QorCmdUNIX::idToUserName(int id) { return ResolveUserName(id); }

@@ -1,0 +1,85 @@
+#include "watchdog/qorusr.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <mutex>
+
+#include "core/qorutil.h"
+#include "platform/log1.h"
+
+QOR_TRACE_UNIT();
+
+namespace {
+
+// Filled as processes are inspected and never invalidated: a user renamed
+// while the service runs keeps the old name.
+std::map<int, std::wstring> idUserNames;
+std::mutex idUserNamesMutex;
+
+// getpwuid returns a static record that the next call overwrites.
+std::mutex passwdMutex;
+
+std::wstring currUser;
+std::mutex currUserMutex;
+
+// Requires: idUserNamesMutex held.
+void cacheUserName(int id, const std::wstring& name) {
+  QOR_TRACE_FUNCTION();
+  if (name.empty()) return;
+  QOR_TRACE_DETAIL("Adding userName %s (key = %d) to cache\n", QOR_N(name), id);
+  idUserNames.insert(std::make_pair(id, name));
+}
+
+// Requires: idUserNamesMutex held.
+std::wstring cachedUserName(int id) {
+  auto found = idUserNames.find(id);
+  return found == idUserNames.end() ? std::wstring() : found->second;
+}
+
+}  // namespace
+
+std::wstring GetIDUserName(int id) {
+  std::lock_guard<std::mutex> lock(idUserNamesMutex);
+  return cachedUserName(id);
+}
+
+void SetIDUserName(int id, const std::wstring& name) {
+  std::lock_guard<std::mutex> lock(idUserNamesMutex);
+  cacheUserName(id, name);
+}
+
+std::wstring GetUserNameFromID(int id) {
+  QOR_TRACE_FUNCTION();
+  std::lock_guard<std::mutex> lock(passwdMutex);
+  errno = 0;
+  struct passwd* entry = getpwuid(static_cast<uid_t>(id));
+  if (entry == nullptr) {
+    QOR_TRACE_ERROR("Error executing getpwuid - errno = %d", errno);
+    return std::wstring();
+  }
+  return qor_mbstowcs(entry->pw_name);
+}
+
+std::wstring ResolveUserName(int id) {
+  // One lock over the whole lookup, so that two threads asking for the same
+  // unknown id cause one passwd lookup between them.
+  std::lock_guard<std::mutex> lock(idUserNamesMutex);
+  std::wstring name = cachedUserName(id);
+  if (!name.empty()) return name;
+  name = GetUserNameFromID(id);
+  if (name.empty()) name = L"NOT_AVAILABLE";
+  cacheUserName(id, name);
+  return name;
+}
+
+std::wstring GetCurrentUser() {
+  std::lock_guard<std::mutex> lock(currUserMutex);
+  if (currUser.empty()) {
+    currUser = QOR_GetEnvironment(L"USER");
+    if (currUser.empty()) currUser = GetUserNameFromID(static_cast<int>(getuid()));
+  }
+  return currUser;
+}

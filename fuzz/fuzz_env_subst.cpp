@@ -64,15 +64,12 @@ void tryEnvVariables(const std::wstring& text, int selector) {
   if (text.find(L'$') == std::wstring::npos && result != text) stop("a text without $ was changed", selector);
 }
 
-// The callers replace the two markers by an agent's instance or user name. A
-// value that holds its own marker would be replaced for ever, which no agent's
-// name does, so such a value is not tried.
+// The callers replace the two markers by an agent's instance or user name,
+// which may hold the marker itself.
 void tryMarker(const std::vector<std::wstring>& parts, int selector) {
   const std::wstring& marker = (selector & 0x10) != 0 ? USER_MARKER : INSTANCE_MARKER;
-  const std::wstring& value = parts[1];
-  if (value.find(marker) != std::wstring::npos) return;
   std::wstring text = parts[0];
-  ReplaceTEOVariables(text, marker, value);
+  ReplaceTEOVariables(text, marker, parts[1]);
   if (parts[0].find(marker) == std::wstring::npos && text != parts[0])
     stop("a text without the marker was changed", selector);
 }
@@ -83,9 +80,6 @@ void tryAgentCommand(const std::vector<std::wstring>& parts, int selector) {
     if (ReplaceTEOVariables(command, nullptr) != command) stop("a null agent changed the command", selector);
     return;
   }
-  if (parts[1].find(INSTANCE_MARKER) != std::wstring::npos ||
-      parts[2].find(USER_MARKER) != std::wstring::npos)
-    return;
   Agent agent;
   agent.setInstanceName(parts[1]);
   agent.setUserName(parts[2]);

@@ -67,12 +67,14 @@ TEST(UserNames, ThreadsAskingForOneUnknownIdCauseOnePasswdLookup) {
   qortest::TempDir dir;
   qortest::traceTo(dir.file("trace"), QOR_TL_ERROR);
   std::atomic<int> wrong{0};
+  // getpwuid is not reentrant: the expected name is read before the threads.
+  const std::wstring realName = realUserName();
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 50; ++i) {
         if (ResolveUserName(id) != L"NOT_AVAILABLE") ++wrong;
-        if (ResolveUserName(static_cast<int>(getuid())) != realUserName()) ++wrong;
+        if (ResolveUserName(static_cast<int>(getuid())) != realName) ++wrong;
       }
     });
   }

@@ -11,6 +11,7 @@
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "platform/log1.h"
+#include "watchdog/qorcmd.h"
 #include "watchdog/qorwd.h"
 
 QOR_TRACE_UNIT();
@@ -46,7 +47,9 @@ Agent* temporaryAgentFor(Policy* policy) {
 
 void Controller::initialDiscovery() {
   QOR_TRACE_FUNCTION();
-  // The process table of the scan joins with the process layer.
+  // One reading of the process table serves every file of the scan; it is
+  // freed when the scan's last event has been handled.
+  GetCmdManager()->getRunningProcesses(runningProcesses);
   for (const std::wstring& directory : capDirPaths) {
     for (const std::wstring& name : GetCAPDirFiles(directory)) {
       std::wstring path = directory + name;

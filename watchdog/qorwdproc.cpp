@@ -11,6 +11,7 @@
 #include "include/qorapi.h"
 #include "platform/int1.h"
 #include "platform/log1.h"
+#include "watchdog/qorcmd.h"
 
 QOR_TRACE_UNIT();
 
@@ -61,14 +62,15 @@ void UnblockSignals() {
 
 void WatchdogMain() {
   QOR_TRACE_FUNCTION();
+  QorCmd* commands = GetCmdManager();
   const int interval = Controller::getController()->getDiscoveryInterval();
   int ticks = 0;
   while (!watchdogShutdown) {
     sleep(1);
     // The test uses the count before the increment, so the cleaning comes
-    // once in interval + 2 seconds. Reaping the children left behind joins
-    // with command execution.
+    // once in interval + 2 seconds.
     if (ticks > interval) {
+      commands->cleanUpDefunctProcesses();
       ticks = 0;
     } else {
       ++ticks;

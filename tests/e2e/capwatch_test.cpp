@@ -27,6 +27,13 @@ class CollectingLog : public QOR_LogListener {
     std::lock_guard<std::mutex> lock(mutex);
     return messages;
   }
+  // startQueryService returns once the command handler has taken the files of
+  // the initial scan in; the message handler delivers their events on its own
+  // thread, maybe just after. Waits for `count` messages, then takes them.
+  std::vector<std::string> snapshotOf(size_t count) {
+    qortest::waitFor([&] { return snapshot().size() >= count; }, 5000);
+    return snapshot();
+  }
 
  private:
   std::mutex mutex;
@@ -97,7 +104,8 @@ TEST_F(CapWatch, FilesFoundAtStartupAreReportedOnceEachInOrder) {
   writeCap("b.xml", "agent.b");
   writeCap("a.xml", "agent.a");
   start();
-  EXPECT_EQ(std::vector<std::string>({capFile("a.xml") + kAdded, capFile("b.xml") + kAdded}), log.snapshot());
+  EXPECT_EQ(std::vector<std::string>({capFile("a.xml") + kAdded, capFile("b.xml") + kAdded}),
+            log.snapshotOf(2));
   waitForNextPoll();
   waitForNextPoll();
   EXPECT_EQ(2u, log.snapshot().size());
@@ -218,7 +226,7 @@ TEST(CapWatchDirectories, TheInitialScanGoesByDirectoryThenByName) {
   service->startQueryService();
   EXPECT_EQ(std::vector<std::string>(
                 {first.file("m.xml") + kAdded, first.file("z.xml") + kAdded, second.file("a.xml") + kAdded}),
-            log.snapshot());
+            log.snapshotOf(3));
   service->deregisterLogListener(&log);
   service->releaseQueryService(false);
 }

@@ -261,7 +261,11 @@ TEST(CommandExecution, TheRetryFlagDoublesTheTimeoutForThisRunOnly) {
   QorCmdUNIX* manager = fastManager();
   Agent agent;
   agent.setAvailCheckRetry();
-  QorScript slow = script("sleep 2; echo done");
+  // Reads come at 0, 1, 2, ... seconds. The output comes half a second after
+  // the last read of the plain budget, and in time for the read at 3 of the
+  // doubled one, which leaves a pass to see the end: neither run then
+  // depends on which of two things a few milliseconds apart comes first.
+  QorScript slow = script("sleep 2.5; echo done");
   std::wstring output, msgID;
   EXPECT_EQ(0, manager->executeCmd(&slow, output, msgID, &agent));
   EXPECT_EQ(L"done\n", output);

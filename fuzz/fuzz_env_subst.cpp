@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "agents/qoragt.h"
-#include "cap/qorconv.h"
 #include "fuzz/fuzzenv.h"
 #include "watchdog/qorunx.h"
 
@@ -25,36 +24,19 @@ void stop(const char* what, int selector) {
   __builtin_trap();
 }
 
-std::wstring textOf(const std::string& bytes, bool utf8) {
-  std::wstring text;
-  if (utf8) {
-    wchar_t buffer[128];
-    int length = 0;
-    int error = 0;
-    wchar_t* wide =
-        qor_u_strFromUTF8(buffer, 128, &length, bytes.data(), static_cast<int>(bytes.size()), &error);
-    if (wide == nullptr) return text;
-    text.assign(wide, static_cast<size_t>(length));
-    if (wide != buffer) delete[] wide;
-    return text;
-  }
-  for (unsigned char c : bytes) text.push_back(static_cast<wchar_t>(c));
-  return text;
-}
-
 // The rest of the input split at NUL bytes, always at least three parts.
 std::vector<std::wstring> partsOf(const uint8_t* data, size_t size, bool utf8) {
   std::vector<std::wstring> parts;
   std::string part;
   for (size_t i = 0; i < size; ++i) {
     if (data[i] == 0) {
-      parts.push_back(textOf(part, utf8));
+      parts.push_back(qorfuzz::wideText(part.data(), part.size(), utf8));
       part.clear();
     } else {
       part.push_back(static_cast<char>(data[i]));
     }
   }
-  parts.push_back(textOf(part, utf8));
+  parts.push_back(qorfuzz::wideText(part.data(), part.size(), utf8));
   while (parts.size() < 3) parts.emplace_back();
   return parts;
 }
@@ -104,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   bool utf8 = (selector & 0x80) != 0;
   switch (selector % 3) {
     case 0:
-      tryEnvVariables(textOf(std::string(reinterpret_cast<const char*>(data + 1), size - 1), utf8), selector);
+      tryEnvVariables(qorfuzz::wideText(reinterpret_cast<const char*>(data + 1), size - 1, utf8), selector);
       break;
     case 1:
       tryMarker(partsOf(data + 1, size - 1, utf8), selector);

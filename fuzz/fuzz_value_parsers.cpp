@@ -10,7 +10,6 @@
 #include <string>
 
 #include "cap/qorcapschema.h"
-#include "cap/qorconv.h"
 #include "cap/qorxml.h"
 #include "fuzz/fuzzenv.h"
 
@@ -19,23 +18,6 @@ namespace {
 void stop(const char* what, int selector) {
   fprintf(stderr, "qor fuzz: %s (selector %d)\n", what, selector);
   __builtin_trap();
-}
-
-std::wstring textOf(const uint8_t* data, size_t size, bool utf8) {
-  std::wstring text;
-  if (utf8) {
-    wchar_t buffer[128];
-    int length = 0;
-    int error = 0;
-    wchar_t* wide = qor_u_strFromUTF8(buffer, 128, &length, reinterpret_cast<const char*>(data),
-                                      static_cast<int>(size), &error);
-    if (wide == nullptr) return text;
-    text.assign(wide, static_cast<size_t>(length));
-    if (wide != buffer) delete[] wide;
-    return text;
-  }
-  for (size_t i = 0; i < size; ++i) text.push_back(static_cast<wchar_t>(data[i]));
-  return text;
 }
 
 bool isCode(int result) { return result == XML_OK || result == XML_VALUE_NOT_ALLOWED; }
@@ -124,7 +106,8 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   int selector = data[0];
-  std::wstring text = textOf(data + 1, size - 1, (selector & 0x80) != 0);
+  std::wstring text =
+      qorfuzz::wideText(reinterpret_cast<const char*>(data + 1), size - 1, (selector & 0x80) != 0);
   int choice = (selector & 0x7f) % (4 + TABLE_COUNT);
   if (choice < 3) {
     tryWholeNumber(WHOLE_NUMBER_PARSERS[choice], text, selector);

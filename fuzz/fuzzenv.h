@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <string>
 
+#include "cap/qorconv.h"
 #include "platform/log1.h"
 
 namespace qorfuzz {
@@ -76,6 +77,25 @@ inline void setFixedEnvironment() {
   setenv("QOR_TRACE_LEVEL", traceLevel.c_str(), 1);
   setenv("QOR_TRACE_FILE", traceFile.c_str(), 1);
   LOG1_Reconfigure();
+}
+
+// Input bytes as wide text: through the UTF-8 conversion that expat's text
+// goes through (empty when they are not UTF-8), or one character per byte.
+inline std::wstring wideText(const char* bytes, size_t size, bool utf8) {
+  std::wstring text;
+  if (!utf8) {
+    for (size_t i = 0; i < size; ++i)
+      text.push_back(static_cast<wchar_t>(static_cast<unsigned char>(bytes[i])));
+    return text;
+  }
+  wchar_t buffer[128];
+  int length = 0;
+  int error = 0;
+  wchar_t* wide = qor_u_strFromUTF8(buffer, 128, &length, bytes, static_cast<int>(size), &error);
+  if (wide == nullptr) return text;
+  text.assign(wide, static_cast<size_t>(length));
+  if (wide != buffer) delete[] wide;
+  return text;
 }
 
 }  // namespace qorfuzz

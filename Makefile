@@ -62,7 +62,7 @@ test-sanitize: deps
 	cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest -j $(JOBS) --output-on-failure --timeout 600
 
-# ThreadSanitizer needs clang for the same reason. tsan.supp holds the few
+# The ThreadSanitizer build uses clang too. tsan.supp holds the few
 # reports that come from outside our code, each with its reason.
 test-tsan: deps
 	CC=clang CXX=clang++ cmake -S . -B $(TSAN_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DQOR_TSAN=ON

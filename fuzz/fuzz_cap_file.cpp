@@ -16,6 +16,7 @@
 #include "cap/qorpol.h"
 #include "cap/qorxmlproc.h"
 #include "fuzz/fuzzenv.h"
+#include "watchdog/qorcmd.h"
 
 namespace {
 
@@ -135,5 +136,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fprintf(stderr, "qor fuzz: the same file gave %d, then %d\n", result, second);
     __builtin_trap();
   }
+  // A product code lists its instances through the suite's tool; commands cut
+  // short by their time-out are reaped by the service's own loops, which a
+  // fuzz target does not run, so they are reaped here.
+  GetCmdManager()->cleanUpDefunctProcesses();
   return 0;
 }

@@ -12,6 +12,7 @@
 
 #include "agents/qoragt.h"
 #include "fuzz/fuzzenv.h"
+#include "watchdog/qorcmd.h"
 #include "watchdog/qorunx.h"
 
 namespace {
@@ -95,5 +96,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       tryAgentCommand(partsOf(data + 1, size - 1, utf8), selector);
       break;
   }
+  // Commands cut short by their time-out are left running and reaped later by
+  // the service's own loops, which a fuzz target does not run: reap them here,
+  // or their exits and pipes pile up over millions of inputs.
+  GetCmdManager()->cleanUpDefunctProcesses();
   return 0;
 }

@@ -44,6 +44,10 @@ class String {
   std::u16string units_;
 };
 
+// Reads both pipes of a child until both are closed, so that neither can fill
+// up and stall the child, and closes them.
+void drainPipes(int outFd, int errFd, std::string& out, std::string& err);
+
 class Util {
  public:
   static String getHostName();

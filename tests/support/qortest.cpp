@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "platform/hlx.h"
 #include "platform/log1.h"
 
 extern char** environ;
@@ -213,24 +214,7 @@ RunResult runProgram(const std::vector<std::string>& argv, const std::vector<std
   int errFd = -1;
   pid_t child = spawn(argv, extraEnv, outFd, errFd);
   if (child < 0) return result;
-  struct pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  int open = 2;
-  char buffer[4096];
-  while (open > 0) {
-    if (::poll(fds, 2, -1) < 0 && errno != EINTR) break;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      ssize_t count = read(fds[i].fd, buffer, sizeof buffer);
-      if (count > 0) {
-        sinks[i]->append(buffer, static_cast<size_t>(count));
-      } else if (count == 0 || errno != EINTR) {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open;
-      }
-    }
-  }
+  HLX::drainPipes(outFd, errFd, result.out, result.err);
   int status = 0;
   waitpid(child, &status, 0);
   result.exitCode = exitCodeOf(status);

@@ -203,8 +203,7 @@ namespace {
 // The return code is not looked at.
 std::wstring firstOutputLine(QorScript* script, Agent* agent) {
   std::wstring output;
-  std::wstring msgID;
-  GetCmdManager()->executeCmd(script, output, msgID, agent);
+  GetCmdManager()->executeCmd(script, output, agent);
   return output.substr(0, output.find(L'\n'));
 }
 

@@ -68,6 +68,11 @@ class QorCmd {
   // script's maps. `agent` may be null. `output` keeps what it held when the
   // command printed nothing.
   int executeCmd(QorScript* script, std::wstring& output, std::wstring& msgID, Agent* agent);
+  // The same, for the callers that have no use for the message id.
+  int executeCmd(QorScript* script, std::wstring& output, Agent* agent) {
+    std::wstring msgID;
+    return executeCmd(script, output, msgID, agent);
+  }
 
   // Refreshes the agent's process data; true when its process runs.
   bool isAppRunning(Agent* agent);

@@ -299,8 +299,7 @@ namespace {
 // Runs a service script for its return code alone.
 int runForCode(QorCmd* manager, QorScript& script, Agent* agent) {
   std::wstring output;
-  std::wstring msgID;
-  return manager->executeCmd(&script, output, msgID, agent);
+  return manager->executeCmd(&script, output, agent);
 }
 
 }  // namespace

@@ -27,13 +27,6 @@ void fillScript(QorScript* script, const std::wstring& command) {
   script->addSuccessRC(0, L"");
 }
 
-// Runs one of the policy's scripts with no agent; `output` stays empty when
-// the command printed nothing.
-int runScript(QorScript* script, std::wstring& output) {
-  std::wstring msgID;
-  return GetCmdManager()->executeCmd(script, output, msgID, nullptr);
-}
-
 bool contains(const std::vector<std::wstring>& names, const std::wstring& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
@@ -60,14 +53,14 @@ void CreateZELInstancesScript(const std::wstring& code, QorScript* script) {
 
 std::wstring GetVexinfRunningInstances(Policy* policy) {
   std::wstring output;
-  int rc = runScript(policy->getVexinfRunningInstancesScript(), output);
+  int rc = GetCmdManager()->executeCmd(policy->getVexinfRunningInstancesScript(), output, nullptr);
   return rc == 0 ? output : std::wstring();
 }
 
 std::vector<std::wstring> GetZELInstances(Policy* policy) {
   QOR_TRACE_FUNCTION();
   std::wstring output;
-  int rc = runScript(policy->getZELInstancesScript(), output);
+  int rc = GetCmdManager()->executeCmd(policy->getZELInstancesScript(), output, nullptr);
   std::vector<std::wstring> names;
   if (rc == QOR_CMD_TIMED_OUT) {
     QOR_TRACE_DETAIL("Command timed out, pass back to calling routine");

@@ -30,8 +30,7 @@ std::wstring runToolCommand(const std::wstring& command) {
   script.setOriginalCommand(command);
   script.addSuccessRC(0, L"");
   std::wstring output;
-  std::wstring msgID;
-  GetCmdManager()->executeCmd(&script, output, msgID, nullptr);
+  GetCmdManager()->executeCmd(&script, output, nullptr);
   return output;
 }
 

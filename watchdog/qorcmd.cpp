@@ -83,6 +83,8 @@ int QorCmd::executeCmd(QorScript* script, std::wstring& output, std::wstring& ms
       int lockRc = serial.acquire();
       if (lockRc != 0) {
         QOR_TRACE_ERROR("Error: pthread_mutex_lock failed rc=%d \n", lockRc);
+        // The caller holds the list again on every way out, as it did on the way in.
+        if (relock) list->lockList();
         return QOR_TRACE_RETURN(-1);
       }
       QOR_TRACE_DETAIL("Executing serialized ZEL command\n");

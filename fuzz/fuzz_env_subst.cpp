@@ -6,7 +6,6 @@
 // split the rest into the arguments.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -19,11 +18,6 @@ namespace {
 
 const std::wstring INSTANCE_MARKER = L"##INSTANCE##";
 const std::wstring USER_MARKER = L"##USER##";
-
-void stop(const char* what, int selector) {
-  fprintf(stderr, "qor fuzz: %s (selector %d)\n", what, selector);
-  __builtin_trap();
-}
 
 // The rest of the input split at NUL bytes, always at least three parts.
 std::vector<std::wstring> partsOf(const uint8_t* data, size_t size, bool utf8) {
@@ -44,7 +38,8 @@ std::vector<std::wstring> partsOf(const uint8_t* data, size_t size, bool utf8) {
 
 void tryEnvVariables(const std::wstring& text, int selector) {
   std::wstring result = ReplaceEnvVariables(text);
-  if (text.find(L'$') == std::wstring::npos && result != text) stop("a text without $ was changed", selector);
+  if (text.find(L'$') == std::wstring::npos && result != text)
+    qorfuzz::stop("a text without $ was changed", selector);
 }
 
 // The callers replace the two markers by an agent's instance or user name,
@@ -54,13 +49,14 @@ void tryMarker(const std::vector<std::wstring>& parts, int selector) {
   std::wstring text = parts[0];
   ReplaceTEOVariables(text, marker, parts[1]);
   if (parts[0].find(marker) == std::wstring::npos && text != parts[0])
-    stop("a text without the marker was changed", selector);
+    qorfuzz::stop("a text without the marker was changed", selector);
 }
 
 void tryAgentCommand(const std::vector<std::wstring>& parts, int selector) {
   const std::wstring& command = parts[0];
   if ((selector & 0x10) != 0) {
-    if (ReplaceTEOVariables(command, nullptr) != command) stop("a null agent changed the command", selector);
+    if (ReplaceTEOVariables(command, nullptr) != command)
+      qorfuzz::stop("a null agent changed the command", selector);
     return;
   }
   Agent agent;
@@ -69,7 +65,7 @@ void tryAgentCommand(const std::vector<std::wstring>& parts, int selector) {
   std::wstring result = ReplaceTEOVariables(command, &agent);
   bool marked =
       command.find(INSTANCE_MARKER) != std::wstring::npos || command.find(USER_MARKER) != std::wstring::npos;
-  if (!marked && result != command) stop("a command without markers was changed", selector);
+  if (!marked && result != command) qorfuzz::stop("a command without markers was changed", selector);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 // checkValue disagrees with a plain search of the table.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
 #include "cap/qorcapschema.h"
@@ -14,11 +13,6 @@
 #include "fuzz/fuzzenv.h"
 
 namespace {
-
-void stop(const char* what, int selector) {
-  fprintf(stderr, "qor fuzz: %s (selector %d)\n", what, selector);
-  __builtin_trap();
-}
 
 bool isCode(int result) { return result == XML_OK || result == XML_VALUE_NOT_ALLOWED; }
 
@@ -40,13 +34,14 @@ void tryWholeNumber(const WholeNumberParser& parser, const std::wstring& text, i
   int result = -2;
   unsigned long number = 12345;
   parser.threeArguments(text, &result, &number);
-  if (!isCode(result)) stop("a whole-number parser left an undefined code", selector);
-  if (result != shortResult) stop("the two forms of a whole-number parser disagree", selector);
+  if (!isCode(result)) qorfuzz::stop("a whole-number parser left an undefined code", selector);
+  if (result != shortResult) qorfuzz::stop("the two forms of a whole-number parser disagree", selector);
   if (result == XML_OK && !parser.rule(static_cast<long>(number)))
-    stop("a whole-number parser accepted a number its rule refuses", selector);
+    qorfuzz::stop("a whole-number parser accepted a number its rule refuses", selector);
   // The schema's constraints run the two-argument form through checkValue.
   XMLConstraints constraint(L"value", parser.twoArguments, nullptr);
-  if (constraint.checkValue(L"value", text) != result) stop("checkValue disagrees with its parser", selector);
+  if (constraint.checkValue(L"value", text) != result)
+    qorfuzz::stop("checkValue disagrees with its parser", selector);
 }
 
 void tryMemorySize(const std::wstring& text, int selector) {
@@ -55,12 +50,12 @@ void tryMemorySize(const std::wstring& text, int selector) {
   int result = -2;
   std::pair<unsigned long, MemoryUnit> size(12345, static_cast<MemoryUnit>(7));
   parseMemorySize(text, &result, &size);
-  if (!isCode(result)) stop("parseMemorySize left an undefined code", selector);
-  if (result != shortResult) stop("the two forms of parseMemorySize disagree", selector);
+  if (!isCode(result)) qorfuzz::stop("parseMemorySize left an undefined code", selector);
+  if (result != shortResult) qorfuzz::stop("the two forms of parseMemorySize disagree", selector);
   bool knownUnit =
       size.second == MEM_BYTES || size.second == MEM_KB || size.second == MEM_MB || size.second == MEM_GB;
-  if (!knownUnit) stop("parseMemorySize gave an unknown unit", selector);
-  if (result != XML_OK && size.second != MEM_BYTES) stop("a refused size carries a unit", selector);
+  if (!knownUnit) qorfuzz::stop("parseMemorySize gave an unknown unit", selector);
+  if (result != XML_OK && size.second != MEM_BYTES) qorfuzz::stop("a refused size carries a unit", selector);
 }
 
 const XMLValueMap* const* const TABLES[] = {
@@ -81,16 +76,19 @@ void tryTable(int index, const std::wstring& text, int selector) {
   XMLConstraints constraint(L"name", nullptr, table);
   const XMLValueMap* entry = findValueMap(table, text);
   int expected = entry != nullptr ? XML_OK : XML_VALUE_NOT_ALLOWED;
-  if (constraint.checkValue(L"name", text) != expected) stop("checkValue disagrees with its table", selector);
+  if (constraint.checkValue(L"name", text) != expected)
+    qorfuzz::stop("checkValue disagrees with its table", selector);
   if (constraint.checkValue(text + L"x", text) != XML_NO_MATCH)
-    stop("checkValue matched another name", selector);
+    qorfuzz::stop("checkValue matched another name", selector);
   if (entry == nullptr) return;
   if (table == ELEMENT_VALUES_AGENTTYPE) {
     int type = static_cast<const XMLValueMap_AgentType*>(entry)->getType();
-    if (type < ZEL_UNIX || type > ZEL_Windows) stop("an agent type outside its enumeration", selector);
+    if (type < ZEL_UNIX || type > ZEL_Windows)
+      qorfuzz::stop("an agent type outside its enumeration", selector);
   } else if (table == ELEMENT_VALUES_MANAGERTYPE) {
     int type = static_cast<const XMLValueMap_ManagerType*>(entry)->getType();
-    if (type < NotManaged || type > External) stop("a manager type outside its enumeration", selector);
+    if (type < NotManaged || type > External)
+      qorfuzz::stop("a manager type outside its enumeration", selector);
   }
 }
 

@@ -79,6 +79,13 @@ inline void setFixedEnvironment() {
   LOG1_Reconfigure();
 }
 
+// Ends the run on a broken promise of the code under test; libFuzzer keeps the
+// input that did it.
+[[noreturn]] inline void stop(const char* what, int selector) {
+  fprintf(stderr, "qor fuzz: %s (selector %d)\n", what, selector);
+  __builtin_trap();
+}
+
 // Input bytes as wide text: through the UTF-8 conversion that expat's text
 // goes through (empty when they are not UTF-8), or one character per byte.
 inline std::wstring wideText(const char* bytes, size_t size, bool utf8) {

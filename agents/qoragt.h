@@ -76,6 +76,8 @@ class Agent {
   // Deletes the Watchdog and the Policy it points to: whoever destroys a
   // listed agent whose Policy lives on nulls the pointer first.
   virtual ~Agent();
+  // A plain copy would share the Policy and the Watchdog it deletes.
+  Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
   int getGUID() const { return guid; }

@@ -130,10 +130,7 @@ bool ManagedProcessList::lockList() {
 
 bool ManagedProcessList::unlockList() {
   QOR_TRACE_FUNCTION();
-  // `locked` is read by threads that do not hold the mutex; lockOwner is only
-  // compared once `locked` says the holder has written it.
-  if (locked.load(std::memory_order_acquire) &&
-      pthread_equal(lockOwner.load(std::memory_order_relaxed), pthread_self())) {
+  if (isLockedByCaller()) {
     locked.store(false, std::memory_order_release);
     int rc = pthread_mutex_unlock(&listMutex);
     if (rc != 0) {
@@ -147,6 +144,8 @@ bool ManagedProcessList::unlockList() {
 }
 
 bool ManagedProcessList::isLockedByCaller() const {
+  // `locked` is read by threads that do not hold the mutex; lockOwner is only
+  // compared once `locked` says the holder has written it.
   return locked.load(std::memory_order_acquire) &&
          pthread_equal(lockOwner.load(std::memory_order_relaxed), pthread_self());
 }

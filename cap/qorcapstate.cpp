@@ -30,9 +30,8 @@ bool belongsToFile(const Agent* agent, const std::wstring& capFileName) {
   return agent->getPolicy() != nullptr && agent->getPolicy()->getCAPFileName() == capFileName;
 }
 
-// An agent made from a policy for the messages of a file's removal; it does
-// not own the policy.
-Agent* temporaryAgentFor(Policy* policy) {
+// An agent with the identity of a policy: its id, names, path and type.
+Agent* agentFor(Policy* policy) {
   Agent* agent = new Agent();
   agent->setID(policy->getSubagentID());
   agent->setPolicy(policy);
@@ -125,15 +124,9 @@ void Controller::capFileAdded(CAPFileEvent* event) {
 void Controller::addOSAgentRecord(CAPFileEvent* event, Policy* policy) {
   QOR_TRACE_FUNCTION();
   QOR_TRACE_DETAIL("Agent does not monitor itself. Watchdog CAP file: %s \n", QOR_N(event->getCAPFileName()));
-  Agent* agent = new Agent();
-  agent->setID(policy->getSubagentID());
-  agent->setPolicy(policy);
-  agent->setName(policy->buildAgentName());
-  agent->setProcName(policy->getProcName());
+  Agent* agent = agentFor(policy);
   agent->setInstanceProcName(policy->getProcName());
   if (policy->isZELAgent()) agent->setInstanceName(L"None");
-  agent->setPath(policy->getAgentPath());
-  agent->setType(policy->getAgentTypeElement());
   agent->setAgentInformation();
   agent->setManagedState(policy->getManagerTypeElement() == WatchDog ? WatchdogManaged : Unmanaged);
   Watchdog* watchdog = new Watchdog();
@@ -183,7 +176,7 @@ void Controller::capFileRemoved(CAPFileEvent* event) {
       QOR_TRACE_DETAIL("Found a agentless policy with matching policy cap file to remove. %s\n",
                        (*found)->getShortSID().c_str());
       removal.push_back(*found);
-      Agent* temporary = temporaryAgentFor(*found);
+      Agent* temporary = agentFor(*found);
       event->setAgent(new Agent(*temporary, true));
       temporary->setPolicy(nullptr);
       delete temporary;

@@ -68,13 +68,7 @@ void compareOnce(std::vector<std::wstring>& known, const std::vector<std::wstrin
 
 }  // namespace
 
-bool Match(const std::wstring& first, const std::wstring& second) {
-  if (first.size() != second.size()) return false;
-  for (size_t i = 0; i < first.size(); ++i) {
-    if (first[i] != second[i]) return false;
-  }
-  return true;
-}
+bool Match(const std::wstring& first, const std::wstring& second) { return first == second; }
 
 bool RegisterFileChangeHandlers(pthread_t* thread) {
   return Controller::getController()->startDetachedThread(thread, HandleDirectoryChanges, nullptr);

@@ -502,7 +502,6 @@ int XMLElementConstraints::checkConstraints() {
 }
 
 void XMLElementConstraints::reset() {
-  currentChild = children->begin();
   for (pimpl<XMLElementConstraints>& child : *children) child->reset();
   currentChild = children->begin();
   count = 0;

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
-#include <memory>
 #include <new>
 #include <vector>
 
@@ -201,7 +200,7 @@ void qorXmlDeclHandler(void* /*userData*/, const XML_Char* version, const XML_Ch
 
 XMLprocessor::XMLprocessor() : parser(nullptr), constraints(nullptr) { create(); }
 
-XMLprocessor::XMLprocessor(const char* /*unused*/) : parser(nullptr), constraints(nullptr) { create(); }
+XMLprocessor::XMLprocessor(const char* /*unused*/) : XMLprocessor() {}
 
 XMLprocessor::~XMLprocessor() { freeMemory(); }
 
@@ -238,14 +237,13 @@ int XMLprocessor::parse(const std::wstring& path, XMLElement& top) {
   XML_ParserReset(parser, nullptr);
   constraints->reset();
 
-  std::unique_ptr<std::wstring> fileName(new std::wstring(path));
-  std::unique_ptr<std::stack<XMLElementConstraints*>> constraintStack(
-      new std::stack<XMLElementConstraints*>());
-  constraintStack->push(constraints);
+  std::wstring fileName = path;
+  std::stack<XMLElementConstraints*> constraintStack;
+  constraintStack.push(constraints);
   userData.parser = parser;
-  userData.fileName = fileName.get();
+  userData.fileName = &fileName;
   userData.currentElement = &top;
-  userData.constraintStack = constraintStack.get();
+  userData.constraintStack = &constraintStack;
   XML_SetUserData(parser, &userData);
   XML_SetElementHandler(parser, qorStartElement, qorEndElement);
   XML_SetCharacterDataHandler(parser, qorCharacterDataHandlerCopy);

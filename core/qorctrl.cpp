@@ -282,11 +282,8 @@ void Controller::requestLoop() {
     if (isShuttingDown()) {
       QOR_TRACE_STORY("Processing shutdown request\n");
       shutdownTEO();
-      pthread_mutex_lock(&shutdownRendezvous.mutex);
-      shutdownRendezvous.flag = true;
       QOR_TRACE_STORY("Signalling shutdown complete\n");
-      pthread_cond_signal(&shutdownRendezvous.condition);
-      pthread_mutex_unlock(&shutdownRendezvous.mutex);
+      setRendezvous(shutdownRendezvous);
     }
   }
 }

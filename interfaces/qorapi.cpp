@@ -1,8 +1,8 @@
 #include "include/qorapi.h"
 
+#include <algorithm>
 #include <cstdlib>
-
-#include <cwchar>
+#include <vector>
 
 #include "cap/qorconv.h"
 #include "core/qorevt.h"
@@ -45,6 +45,15 @@ void fillAlertData(QOR_AlertData& alert, const EventData& data) {
   alert.spareValue = data.spareValue;
   alert.eventID = data.eventID;
   alert.userMessage = data.userMessage;
+}
+
+// Removes the first registration of `listener`; false when it had none.
+template <typename Listener>
+bool eraseFirst(std::vector<Listener*>& listeners, Listener* listener) {
+  auto found = std::find(listeners.begin(), listeners.end(), listener);
+  if (found == listeners.end()) return false;
+  listeners.erase(found);
+  return true;
 }
 
 bool lockMutex(pthread_mutex_t* mutex) {
@@ -90,28 +99,14 @@ bool QOR_QueryService::registerLogListener(QOR_LogListener* listener) {
 
 bool QOR_QueryService::deregisterAlertListener(QOR_AlertListener* listener) {
   if (!m_bIsInitialized || !lockAlertListenerList()) return false;
-  bool found = false;
-  for (auto it = alertListeners.begin(); it != alertListeners.end(); ++it) {
-    if (*it == listener) {
-      alertListeners.erase(it);
-      found = true;
-      break;
-    }
-  }
+  bool found = eraseFirst(alertListeners, listener);
   unlockAlertListenerList();
   return found;
 }
 
 bool QOR_QueryService::deregisterLogListener(QOR_LogListener* listener) {
   if (!m_bIsInitialized || !lockLogListenerList()) return false;
-  bool found = false;
-  for (auto it = logListeners.begin(); it != logListeners.end(); ++it) {
-    if (*it == listener) {
-      logListeners.erase(it);
-      found = true;
-      break;
-    }
-  }
+  bool found = eraseFirst(logListeners, listener);
   unlockLogListenerList();
   return found;
 }
@@ -198,12 +193,9 @@ unsigned QOR_GetTraceLevel() { return LOG1_GetMask(); }
 char* QOR_wcstombs(std::wstring text) { return qor_wcstombs(text); }
 
 wchar_t* QOR_u_strFromUTF8(const char* text) {
-  wchar_t local[512];
+  // Given no room of its own, the conversion always answers with a new[]
+  // array, which the caller owns, or null.
   int length = 0;
   int error = 0;
-  wchar_t* converted = qor_u_strFromUTF8(local, 512, &length, text, -1, &error);
-  if (converted != local) return converted;  // already a new[] array, or null on failure
-  wchar_t* copy = new wchar_t[length + 1];
-  std::wmemcpy(copy, local, static_cast<size_t>(length) + 1);
-  return copy;
+  return qor_u_strFromUTF8(nullptr, 0, &length, text, -1, &error);
 }

@@ -159,9 +159,8 @@ bool QorCmdUNIX::applicationMatch(int pid, const std::wstring& commandLine, std:
   const std::wstring policyDir = directoryOf(path);
   QOR_TRACE_DETAIL("Application %s, instance %s, path = %s\n", QOR_N(appName), QOR_N(instance), QOR_N(path));
   const std::wstring exePath = GetExecutablePath(pid, policyDir);
-  const size_t slash = exePath.rfind(L'/');
-  const std::wstring exeDir = slash == std::wstring::npos ? std::wstring() : exePath.substr(0, slash);
-  const std::wstring exeName = slash == std::wstring::npos ? exePath : exePath.substr(slash + 1);
+  const std::wstring exeDir = directoryOf(exePath);
+  const std::wstring exeName = exePath.substr(exePath.rfind(L'/') + 1);  // all of it without a slash
 
   const bool directoryOK =
       policy == nullptr || isDatabaseCode(policy) || policyDir.empty() || policyDir == exeDir;

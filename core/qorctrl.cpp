@@ -3,10 +3,12 @@
 #include <cerrno>
 
 #include "agents/qoragt.h"
+#include "cap/qorunx.h"
 #include "cap/qorxmlproc.h"
 #include "core/qorcmdhand.h"
 #include "core/qormsghand.h"
 #include "core/qorutil.h"
+#include "interfaces/qorsockserv.h"
 #include "platform/log1.h"
 
 QOR_TRACE_UNIT();
@@ -14,14 +16,6 @@ QOR_TRACE_UNIT();
 Controller* Controller::pCtrlrInstance = nullptr;
 bool Controller::isWatchDog = false;
 std::atomic<bool> Controller::bRecycleOS{false};
-
-// Declared by the units that own these threads.
-void* messageHandlerThreadEntry(void* handler);
-void* commandHandlerThreadEntry(void* handler);
-bool RegisterFileChangeHandlers(pthread_t* thread);
-void StopFileChangeHandlers();
-void* TEOSocketSrvThreadEntry(void* unused);
-void* WatchdogSocketSrvThreadEntry(void* unused);
 
 namespace {
 
@@ -90,7 +84,7 @@ Controller::Controller()
       watchdogDataValid(false),
       wdCache(nullptr),
       teoThread(),
-      threadRequest(0),
+      threadRequest(NO_THREAD_REQUEST),
       shuttingDown(false),
       messageHandler(new MessageHandler()),
       messageHandlerThread(),
@@ -227,8 +221,9 @@ void Controller::startTEOThread() {
   QOR_TRACE_STORY("Enter wait for TEO startup complete.\n");
   waitStandard(startupRendezvous, true);
   QOR_TRACE_STORY("startup complete message received.\n");
-  // Embedded mode collects here what the watchdog process cached while this
-  // service was down; that cache joins with the watchdog process.
+  // Stand-in: embedded mode collects here what the watchdog process cached
+  // while this service was down (Message_Cache::receiveCachedEvents,
+  // interfaces/qormsgcache.cpp).
 }
 
 void* TEOThreadEntry(void* /*unused*/) {
@@ -240,10 +235,17 @@ void Controller::TEOThreadExecution() {
   QOR_TRACE_FUNCTION();
   startMessageHandler();
   startCommandHandler();
+  // Stand-in: watchdog mode creates its event cache here and registers its
+  // listener (Message_Cache, interfaces/qormsgcache.cpp).
 
   clearRendezvous(initialDiscoveryRendezvous);
   initialDiscovery();
   waitStandard(initialDiscoveryRendezvous, true);
+
+  // Stand-in: watchdog mode brings the OS agent's record up to date here
+  // (updateOSAgent), and embedded mode stops managing it when the watchdog
+  // process does not (StopManageTEO); both come with OS agent supervision
+  // (interfaces/qorosagt.cpp).
 
   // The order matters: the watcher starts with the scan's files already in
   // its list, and the cycle starts after every policy is known.
@@ -264,7 +266,7 @@ void Controller::requestLoop() {
   QOR_TRACE_FUNCTION();
   while (!isShuttingDown()) {
     pthread_mutex_lock(&requestMutex);
-    while (threadRequest == 0) {
+    while (threadRequest == NO_THREAD_REQUEST) {
       int rc = pthread_cond_wait(&requestCondition, &requestMutex);
       if (rc == EINTR) {
         if (!QOR_TRACE_ON(QOR_TL_STORY)) break;
@@ -272,11 +274,11 @@ void Controller::requestLoop() {
       }
     }
     QOR_TRACE_STORY("Request received: %d \n", threadRequest);
-    if (threadRequest == 1) {
+    if (threadRequest == SHUTDOWN_REQUEST) {
       QOR_TRACE_STORY("Shutdown request received \n");
       shuttingDown.store(true, std::memory_order_release);
     }
-    threadRequest = 0;
+    threadRequest = NO_THREAD_REQUEST;
     pthread_mutex_unlock(&requestMutex);
 
     if (isShuttingDown()) {
@@ -292,7 +294,7 @@ void Controller::requestShutdown() {
   QOR_TRACE_FUNCTION();
   QOR_TRACE_STORY("Signalling shutdown request. \n");
   pthread_mutex_lock(&requestMutex);
-  threadRequest = 1;
+  threadRequest = SHUTDOWN_REQUEST;
   pthread_cond_signal(&requestCondition);
   pthread_mutex_unlock(&requestMutex);
 
@@ -317,8 +319,8 @@ void Controller::shutdownTEO() {
   waitForAVShutdown();
   if (!isWatchDog && discoveryInterval != 0) waitForDIShutdown();
 
-  // Watchdog mode drops its event cache here; the cache joins with the
-  // watchdog process.
+  // Stand-in: watchdog mode deregisters and deletes its event cache here
+  // (interfaces/qormsgcache.cpp).
 
   QOR_TRACE_STORY("Shutdown command handler thread.\n");
   commandHandler->requestShutdown();

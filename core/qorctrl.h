@@ -2,6 +2,40 @@
 // lists, policies, both event queues, every long-lived thread and the
 // rendezvous on which those threads start and stop. Reached from every unit
 // through Controller::getController(); created once and never destroyed.
+//
+// The class is defined across seven files in four folders; the members below
+// are grouped by the file that defines them, named above each group.
+// doc/architecture.md tells the threads, the queues and the life of an event.
+//
+// Concurrency contract
+// --------------------
+// Lock order, outermost first; a thread holding one lock may only take locks
+// further down this list:
+//   1. the discovery mutex (lockDiscovery/tryLockDiscovery), held by a CAP
+//      event for its whole processing and by discovery for a whole cycle;
+//   2. the lock of managedEndpointProcesses (ManagedProcessList::lockList);
+//   3. the lock of watchdogList;
+//   4. leaf locks: an event queue, a listener list, the worker vector, the
+//      message cache, the small caches of the process layer. Each guards its
+//      own data, and code holding one takes no other lock, with one
+//      exception: listeners run with the listener locks held, and an
+//      embedder's listener may read the lists through the iterator. So code
+//      holding a list lock never takes a listener lock; it pushes an event
+//      on the message queue instead.
+// The two list locks record their owner: QorCmd::executeCmd gives the list up
+// for the length of a command and takes it back, so the list may change during
+// any command. The list lock is never held while waiting for cmdMutex.
+//
+// Who changes what:
+//   - the command handler thread changes agents, the lists and the policies,
+//     one event at a time, with the list locked;
+//   - a command worker acts on its private deep copy of the agent and reports
+//     by raising an event that finds the live agent again by guid;
+//   - the availability thread and the discovery thread only read the lists
+//     under their lock and push events;
+//   - every other thread (the embedder's, the socket server) reads through
+//     snapshots (deep copies) and acts by queueing events.
+// Members that need a lock held say so with a "Requires:" line.
 #ifndef QOR_CORE_QORCTRL_H
 #define QOR_CORE_QORCTRL_H
 
@@ -28,112 +62,28 @@ class AgentMgmtEvent;
 class AgentAVCheckEvent;
 class CAPFileEvent;
 
-// A flag set under a mutex and announced with one signal.
+// A flag set under a mutex and announced with one signal. The mutex is held
+// only around the flag.
 struct Rendezvous {
   pthread_mutex_t mutex;
   pthread_cond_t condition;
   bool flag = false;
 };
 
-// Thread entries.
-void* TEOThreadEntry(void* unused);
-void* AVThreadEntry(void* unused);
-void* DIThreadEntry(void* unused);
+// Thread entries, each defined beside the loop it runs.
+void* TEOThreadEntry(void* unused);  // core/qorctrl.cpp
+void* AVThreadEntry(void* unused);   // agents/qoravail.cpp
+void* DIThreadEntry(void* unused);   // interfaces/qordisc.cpp
 
 class Controller {
  public:
-  virtual ~Controller();
+  // What the TEO thread is asked through the request rendezvous.
+  enum ThreadRequest : int {
+    NO_THREAD_REQUEST = 0,
+    SHUTDOWN_REQUEST = 1,  // the only request there is
+  };
 
-  // The singleton, created on the first call; that call must come before any
-  // thread of the service starts.
-  static Controller* getController();
-  static bool isWatchDogMode() { return isWatchDog; }
-  // Chooses watchdog mode for good; before InitializeTEO.
-  static void setWatchDogMode() { isWatchDog = true; }
-  static bool isRecycleOS() { return bRecycleOS.load(); }
-  static void setRecycleOS(bool recycling) { bRecycleOS.store(recycling); }
-
-  // Startup and shutdown of the whole service. Each blocks until done.
-  void startTEOThread();
-  void requestShutdown();
-  bool isShuttingDown() const { return shuttingDown.load(std::memory_order_acquire); }
-
-  // The body of the TEO thread.
-  void TEOThreadExecution();
-
-  bool startDetachedThread(pthread_t* thread, void* (*entry)(void*), void* argument);
-  bool startMessageHandler();
-  bool startCommandHandler();
-  bool startAvailabilityChecker();
-  bool startDiscoveryThread();
-  bool startSocketServer();
-  bool startFileChangeHandler();
-
-  void signalInitialDiscoveryComplete();
-  void signalStartupComplete();
-  void signalAVShutdownComplete();
-  void signalDIShutdownComplete();
-
-  bool lockDiscovery();
-  bool unlockDiscovery();
-  // The discovery thread never waits for the mutex: false when it is taken.
-  bool tryLockDiscovery();
-
-  // Queues the initial scan of the CAP directories, last of all the event that
-  // releases the TEO thread.
-  void initialDiscovery();
-
-  // What the events do, on the command handler thread with the list locked.
-  void ProcessOpStateChange(AgentOpEvent* event);
-  void ProcessMgmtStateChange(AgentMgmtEvent* event);
-  void ProcessAvCheck(AgentAVCheckEvent* event);
-  // Also with the discovery lock held.
-  void ProcessCAPStateChange(CAPFileEvent* event);
-  // true when the file parsed into `policy`.
-  bool ParseCAPFile(const std::wstring& path, Policy& policy);
-  // The generic and specific rules between policies of one agent name.
-  void processPolicyInstances(Policy* policy, TEOEvents event);
-  // Takes out of the list the agents of instances that a specific policy took.
-  void removeAgentExceptionInstances(Policy* policy);
-  // The OS agent's policy: managed by the watchdog, or one of the OS agents' codes.
-  bool isOSAgent(Policy* policy);
-
-  // Deep copies of the agents for other threads; the caller owns them. false,
-  // with the vectors unchanged, when the list cannot be locked.
-  bool getManagedEndpointSnapshot(std::vector<Agent*>* agents);
-  // Managed agents only, and one live (not copied) policy per subagent id.
-  bool getManagedEndpointAndPolicySnapshot(std::vector<Agent*>* agents, std::vector<Policy*>* policiesOut);
-  // The OS agent's record, as the host sees it: managed when the watchdog
-  // process manages it.
-  bool getWatchDogListSnapshot(std::vector<Agent*>* agents, bool update);
-
-  // The availability and discovery loops.
-  void AvailChecking();
-  void runDiscovery();
-
-  ManagedProcessList* getManagedEndpointProcesses() { return &managedEndpointProcesses; }
-  ManagedProcessList* getWatchdogList() { return &watchdogList; }
-  MessageHandler* getMessageHandler() { return messageHandler; }
-  CommandHandler* getCommandHandler() { return commandHandler; }
-  WorkerThreadVector* getWorkerThreads() { return &workerThreads; }
-  XMLprocessor* getXMLProcessor() { return xmlProcessor; }
-  Message_Cache* getWDCache() { return wdCache; }
-  std::vector<Policy*>& getPolicies() { return policies; }
-  std::vector<QorProcess*>& getRunningProcesses() { return runningProcesses; }
-
-  std::vector<std::wstring> getCAPDirPaths() const { return capDirPaths; }
-  void setCAPDirPaths(const std::vector<std::wstring>& paths) { capDirPaths = paths; }
-  std::wstring getTEODirPath() const { return teoDirPath; }
-  void setTEODirPath(const std::wstring& path) { teoDirPath = path; }
-
-  bool isDisarmed() const { return disarmed.load(std::memory_order_acquire); }
-  time_t getStartup() const { return startup; }
-  int getDiscoveryInterval() const { return discoveryInterval; }
-  int getZelDiscoveryInterval() const { return zelDiscoveryInterval; }
-  bool isAVSleeping() const { return avSleeping.load(std::memory_order_acquire); }
-  bool isDISleeping() const { return diSleeping.load(std::memory_order_acquire); }
-
-  // Finding agents by a mask of fields.
+  // Finding agents by a mask of fields (interfaces/qoragtcmd.cpp).
   // Each bit of the mask names one field of the agent and the entry of the
   // eight criteria that it is compared with; the bit order and the entry
   // order differ. A mask of 0 takes every agent.
@@ -148,49 +98,190 @@ class Controller {
     MATCH_GUID = 128,                  // criteria[7] as a number, getGUID
   };
   static constexpr int MATCH_CRITERIA_COUNT = 8;
+
+  virtual ~Controller();
+
+  // ---- core/qorctrl.cpp: the singleton, startup, shutdown, threads -------
+
+  // The singleton, created on the first call; that call must come before any
+  // thread of the service starts.
+  static Controller* getController();
+
+  // Startup and shutdown of the whole service. Each blocks until done; each
+  // runs once in the life of the process.
+  void startTEOThread();
+  void requestShutdown();
+  // The body of the TEO thread.
+  void TEOThreadExecution();
+
+  bool startDetachedThread(pthread_t* thread, void* (*entry)(void*), void* argument);
+  bool startMessageHandler();
+  bool startCommandHandler();
+  bool startAvailabilityChecker();
+  bool startDiscoveryThread();
+  bool startSocketServer();
+  bool startFileChangeHandler();
+
+  // Called on the command handler thread when it reaches the scan's last event.
+  void signalInitialDiscoveryComplete();
+  void signalStartupComplete();
+  void signalAVShutdownComplete();
+  void signalDIShutdownComplete();
+
+  // The outermost lock: taken before the list lock, never while holding it.
+  bool lockDiscovery();
+  bool unlockDiscovery();
+  // The discovery thread never waits for the mutex: false when it is taken.
+  bool tryLockDiscovery();
+
+  // ---- cap/qorcapstate.cpp: CAP files come and go ------------------------
+
+  // Queues the initial scan of the CAP directories, last of all the event that
+  // releases the TEO thread. On the TEO thread, before any CAP event runs.
+  void initialDiscovery();
+  // Requires: the discovery mutex and managedEndpointProcesses locked by the
+  // caller (the command handler thread).
+  void ProcessCAPStateChange(CAPFileEvent* event);
+  // true when the file parsed into `policy`. No lock.
+  bool ParseCAPFile(const std::wstring& path, Policy& policy);
+  // The generic and specific rules between policies of one agent name.
+  // Requires: managedEndpointProcesses locked by the caller.
+  void processPolicyInstances(Policy* policy, TEOEvents event);
+  // Takes out of the list the agents of instances that a specific policy took.
+  // Requires: managedEndpointProcesses locked by the caller.
+  void removeAgentExceptionInstances(Policy* policy);
+  // The OS agent's policy: managed by the watchdog, or one of the OS agents'
+  // codes. No lock.
+  bool isOSAgent(Policy* policy);
+
+  // ---- agents/qoravail.cpp: the availability cycle -----------------------
+
+  // The availability thread's loop. Holds no lock across its sleep, which is
+  // what lets shutdown cancel it there.
+  void AvailChecking();
+  // Requires: managedEndpointProcesses locked by the caller (the command
+  // handler thread), with the event's agent confirmed in the list.
+  void ProcessAvCheck(AgentAVCheckEvent* event);
+
+  // ---- agents/qortrans.cpp: agent state transitions ----------------------
+
+  // What the events do to an agent's operating and managed state.
+  // Requires: managedEndpointProcesses locked by the caller (the command
+  // handler thread), with the event's agent confirmed in the list.
+  void ProcessOpStateChange(AgentOpEvent* event);
+  void ProcessMgmtStateChange(AgentMgmtEvent* event);
+
+  // ---- interfaces/qoriter.cpp: snapshots for other threads ---------------
+
+  // Deep copies of the agents; the caller owns them. Each takes and releases
+  // the list lock itself: false, with the vectors unchanged, when the list
+  // cannot be locked. Requires: no list lock held by the caller.
+  bool getManagedEndpointSnapshot(std::vector<Agent*>* agents);
+  // Managed agents only, and one live (not copied) policy per subagent id.
+  bool getManagedEndpointAndPolicySnapshot(std::vector<Agent*>* agents, std::vector<Policy*>* policiesOut);
+  // The OS agent's record, as the host sees it: managed when the watchdog
+  // process manages it.
+  bool getWatchDogListSnapshot(std::vector<Agent*>* agents, bool update);
+
+  // ---- interfaces/qoragtcmd.cpp: finding agents --------------------------
+
   // The live agents of managedEndpointProcesses that meet every criterion of
   // the mask, in list order. `criteria` points at MATCH_CRITERIA_COUNT strings.
   // Requires: managedEndpointProcesses locked by the caller.
   std::vector<Agent*> getManagedEndpointProcess(int mask, const std::wstring* criteria);
   // The same, taking and releasing the list lock; empty when the lock cannot
-  // be had.
+  // be had. Requires: no list lock held by the caller.
   std::vector<Agent*> getManagedEndpointProcessLOCK(int mask, const std::wstring* criteria);
+
+  // ---- interfaces/qordisc.cpp: instance discovery ------------------------
+
+  // The discovery thread's loop; embedded mode, and only when an interval is set.
+  void runDiscovery();
+
+  // ---- Accessors, defined here -------------------------------------------
+
+  static bool isWatchDogMode() { return isWatchDog; }
+  // Chooses watchdog mode for good; before InitializeTEO.
+  static void setWatchDogMode() { isWatchDog = true; }
+  static bool isRecycleOS() { return bRecycleOS.load(); }
+  static void setRecycleOS(bool recycling) { bRecycleOS.store(recycling); }
+  bool isShuttingDown() const { return shuttingDown.load(std::memory_order_acquire); }
+
+  // The lists carry their own owner-aware lock (see the contract above).
+  ManagedProcessList* getManagedEndpointProcesses() { return &managedEndpointProcesses; }
+  ManagedProcessList* getWatchdogList() { return &watchdogList; }
+  MessageHandler* getMessageHandler() { return messageHandler; }
+  CommandHandler* getCommandHandler() { return commandHandler; }
+  WorkerThreadVector* getWorkerThreads() { return &workerThreads; }
+  XMLprocessor* getXMLProcessor() { return xmlProcessor; }
+  Message_Cache* getWDCache() { return wdCache; }
+  // Requires: managedEndpointProcesses locked by the caller.
+  std::vector<Policy*>& getPolicies() { return policies; }
+  // The process table of the initial scan; for the command handler thread
+  // while it works through the scan's events.
+  std::vector<QorProcess*>& getRunningProcesses() { return runningProcesses; }
+
+  // Set before the service starts; read-only afterwards.
+  std::vector<std::wstring> getCAPDirPaths() const { return capDirPaths; }
+  void setCAPDirPaths(const std::vector<std::wstring>& paths) { capDirPaths = paths; }
+  std::wstring getTEODirPath() const { return teoDirPath; }
+  void setTEODirPath(const std::wstring& path) { teoDirPath = path; }
+
+  bool isDisarmed() const { return disarmed.load(std::memory_order_acquire); }
+  time_t getStartup() const { return startup; }
+  int getDiscoveryInterval() const { return discoveryInterval; }
+  int getZelDiscoveryInterval() const { return zelDiscoveryInterval; }
+  bool isAVSleeping() const { return avSleeping.load(std::memory_order_acquire); }
+  bool isDISleeping() const { return diSleeping.load(std::memory_order_acquire); }
 
  private:
   Controller();
   Controller(const Controller&) = delete;
   Controller& operator=(const Controller&) = delete;
 
+  // ---- core/qorctrl.cpp ---------------------------------------------------
   void shutdownTEO();
-  void capFileAdded(CAPFileEvent* event);
-  void capFileRemoved(CAPFileEvent* event);
-  void addOSAgentRecord(CAPFileEvent* event, Policy* policy);
   void requestLoop();
   void waitForAVShutdown();
   void waitForDIShutdown();
 
+  // ---- cap/qorcapstate.cpp ------------------------------------------------
+  // Requires: the discovery mutex and managedEndpointProcesses locked by the
+  // caller; each takes the watchdogList lock itself, around its own reads and
+  // changes only.
+  void capFileAdded(CAPFileEvent* event);
+  void capFileRemoved(CAPFileEvent* event);
+  void addOSAgentRecord(CAPFileEvent* event, Policy* policy);
+
+  // ---- State --------------------------------------------------------------
+  // The members keep the order in which they are constructed.
+
   static Controller* pCtrlrInstance;
-  static bool isWatchDog;
+  static bool isWatchDog;  // set before any thread starts, read-only after
   static std::atomic<bool> bRecycleOS;
 
-  XMLprocessor* xmlProcessor;
+  XMLprocessor* xmlProcessor;  // used by the command handler thread only
+  // Each list guards itself: lockList/unlockList.
   ManagedProcessList managedEndpointProcesses;
   ManagedProcessList watchdogList;
+  // Guarded by the watchdogList lock.
   time_t watchdogListChecked;
   bool watchdogDataValid;
-  Message_Cache* wdCache;
+  Message_Cache* wdCache;  // watchdog mode: created and deleted by the TEO thread
   pthread_t teoThread;
   Rendezvous startupRendezvous;  // startupComplete
+  // The request rendezvous: threadRequest is guarded by requestMutex.
   pthread_mutex_t requestMutex;
   pthread_cond_t requestCondition;
-  int threadRequest;  // 1, the only code: shutdown
+  int threadRequest;  // a ThreadRequest
+  // Flags read without a lock, hence atomic.
   std::atomic<bool> shuttingDown;
   Rendezvous shutdownRendezvous;          // shutdownComplete
   Rendezvous avRendezvous;                // avShutdownComplete
   Rendezvous diRendezvous;                // diShutdownComplete
   Rendezvous initialDiscoveryRendezvous;  // initialDiscoveryComplete
-  WorkerThreadVector workerThreads;
-  MessageHandler* messageHandler;
+  WorkerThreadVector workerThreads;       // guards itself: a leaf lock
+  MessageHandler* messageHandler;         // each queue guards itself: a leaf lock
   pthread_t messageHandlerThread;
   CommandHandler* commandHandler;
   pthread_t commandHandlerThread;
@@ -201,17 +292,24 @@ class Controller {
   // Read by shutdown without a lock to decide between cancel and wait.
   std::atomic<bool> avSleeping;
   std::atomic<bool> diSleeping;
+  // Set before the service starts; read-only afterwards.
   std::vector<std::wstring> capDirPaths;
   std::wstring teoDirPath;
   std::atomic<bool> disarmed;
   time_t startup;
   int discoveryInterval;
   int zelDiscoveryInterval;
+  // The outermost lock; see the contract at the top.
   pthread_mutex_t discoveryMutex;
+  // Guarded by the managedEndpointProcesses lock; changed on the command
+  // handler thread only.
   std::vector<Policy*> policies;
+  // Filled by the TEO thread before the initial scan's events are queued,
+  // read and at the scan's end freed by the command handler thread.
   std::vector<QorProcess*> runningProcesses;
   // Agents taken out of the list for a specific policy's instances: kept, not
-  // destroyed, since an event on its way may still point at one.
+  // destroyed, since an event on its way may still point at one. Guarded by
+  // the managedEndpointProcesses lock.
   std::vector<Agent*> retiredAgents;
 };
 

@@ -10,10 +10,9 @@
 #include "include/qorapi.h"
 #include "platform/log1.h"
 #include "watchdog/qorunx.h"
+#include "watchdog/qorwdproc.h"
 
 QOR_TRACE_UNIT();
-
-void InitializeWatchdog();
 
 QOR_QueryService* QOR_QueryService::m_pQSInstance = nullptr;
 int QOR_QueryService::m_referenceCount = 0;
@@ -97,7 +96,8 @@ void PersistTEO() {
   out << (managed->size() + watched->size()) << std::endl;
   if (!managed->empty()) {
     QOR_TRACE_STORY("Agent state being persisted to disk.\n");
-    // The records of each agent join with the agent records.
+    // Stand-in: each agent's record is written by the state file writer
+    // of agents/qorfst.cpp; until then the file holds the count alone.
   }
   managed->unlockList();
   if (!watched->empty()) {

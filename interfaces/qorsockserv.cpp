@@ -2,12 +2,15 @@
 // at a time and looks at shuttingDown between connections.
 #include <unistd.h>
 
+#include "interfaces/qorsockserv.h"
+
 #include "core/qorctrl.h"
 
 namespace {
 
-// The server joins with the socket protocol; until then the thread only
-// waits for shutdown, as the server loop does between connections.
+// Stand-in: SocketServer, TEOSocketServer and WatchdogSocketServer of this
+// file replace this wait; until then the thread only waits for shutdown, as
+// the server loop does between connections.
 void waitForShutdown() {
   Controller* controller = Controller::getController();
   while (!controller->isShuttingDown()) sleep(1);

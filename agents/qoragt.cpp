@@ -225,7 +225,9 @@ void Agent::setAgentInformation() {
 }
 
 void Agent::setZELUserName() {
-  // The run-as files are read by the run-as user resolution, which joins later.
+  // Stand-in: the run-as files are read by ZELUserProcessor, which comes with
+  // the run-as user resolution in watchdog/qorusr.cpp; until then the user
+  // name stays as it is.
 }
 
 bool Agent::match(QorProcess* process) const {

@@ -15,7 +15,8 @@ void* AVThreadEntry(void* /*unused*/) {
 
 void Controller::AvailChecking() {
   QOR_TRACE_FUNCTION();
-  // With no agent to schedule a pass is two cycles of 5 seconds, all sleep.
+  // Stand-in: the cycle of check masks replaces this loop here; until then
+  // a pass is two cycles of 5 seconds, all sleep, as with no agent to check.
   // The thread holds no lock across its sleep, which is what lets shutdown
   // cancel it there.
   while (!isShuttingDown()) {
@@ -45,6 +46,8 @@ void Controller::ProcessAvCheck(AgentAVCheckEvent* event) {
     QOR_TRACE_DETAIL("Retry availability check is enabled -- skip check.\n");
     return;
   }
-  // The remote deploy test and the check itself join with OS agent
-  // supervision and the watchdog checks.
+  // Stand-in: the remote deploy test comes with OS agent supervision
+  // (interfaces/qorosagt.cpp) and the check itself with the watchdog checks
+  // (Watchdog::checkAvailability, watchdog/qorwd.cpp); until then nothing
+  // is checked.
 }

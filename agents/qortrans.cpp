@@ -4,8 +4,10 @@
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 
-// The transitions join with the agent state machine; until then an event
-// changes nothing and its message goes out as it came.
+// Stand-in: the transition tables of the agent state machine replace these
+// two bodies here, in agents/qortrans.cpp, with the watchdog actions of
+// watchdog/qorwd.cpp; until then an event changes nothing and its message
+// goes out as it came.
 void Controller::ProcessOpStateChange(AgentOpEvent* /*event*/) {}
 
 void Controller::ProcessMgmtStateChange(AgentMgmtEvent* /*event*/) {}

@@ -118,7 +118,8 @@ void Controller::capFileAdded(CAPFileEvent* event) {
   }
   processPolicyInstances(policy, cap_added);
   policies.push_back(policy);
-  // The agents of the policy come from reconciliation, which joins later.
+  // Stand-in: the agents of the policy come from reconciliation
+  // (Controller::reconcile, cap/qorrecon.cpp); until then a policy has none.
 }
 
 void Controller::addOSAgentRecord(CAPFileEvent* event, Policy* policy) {
@@ -133,8 +134,9 @@ void Controller::addOSAgentRecord(CAPFileEvent* event, Policy* policy) {
   watchdog->setAgent(agent);
   agent->setWatchdog(watchdog);
 
-  // The state file's records join with the state file; until then the
-  // temporary list stays empty.
+  // Stand-in: the OS agent's record from the state file comes with the
+  // state file reader (ReadAgent, agents/qorfst.cpp); until then nothing is
+  // read back.
   if (agent->getManagedState() == Unmanaged) {
     AgentMgmtEvent unmanaged;
     unmanaged.setAgent(agent);
@@ -209,8 +211,8 @@ void Controller::processPolicyInstances(Policy* policy, TEOEvents event) {
         other->addExceptionInstances(policy);
         removeAgentExceptionInstances(other);
       } else if (event == cap_removed) {
-        // ...and gives them back when it goes; the generic policy's agents
-        // for them come from reconciliation, which joins later.
+        // ...and gives them back when it goes. Stand-in: the generic policy's
+        // agents for them come from reconciliation (cap/qorrecon.cpp).
         other->removeExceptionInstances(policy);
       }
     } else if (event == cap_added) {

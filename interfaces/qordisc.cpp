@@ -31,7 +31,8 @@ void Controller::runDiscovery() {
       continue;
     }
     QOR_TRACE_DETAIL("lockDiscovery\n");
-    // The cycle's work on instances joins with instance discovery.
+    // Stand-in: the cycle's work on instances comes here, with instance
+    // discovery in this file; until then a cycle only takes the lock.
     unlockDiscovery();
   }
   signalDIShutdownComplete();

@@ -58,8 +58,9 @@ bool Controller::getWatchDogListSnapshot(std::vector<Agent*>* agents, bool updat
       agents->push_back(new Agent(*agent, false));
       continue;
     }
-    // The refresh from the watchdog process joins with OS agent supervision;
-    // until then the record is copied as it stands.
+    // Stand-in: the refresh from the watchdog process comes with OS agent
+    // supervision (interfaces/qorosagt.cpp); until then the record is copied
+    // as it stands.
     Agent* copy = new Agent(*agent, false);
     copy->setManagedState(Managed);
     agents->push_back(copy);

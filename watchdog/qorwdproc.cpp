@@ -65,6 +65,9 @@ void WatchdogMain() {
   QorCmd* commands = GetCmdManager();
   const int interval = Controller::getController()->getDiscoveryInterval();
   int ticks = 0;
+  // Stand-in: each pass also brings the OS agent's record up to date
+  // (updateOSAgent), which comes with OS agent supervision
+  // (interfaces/qorosagt.cpp).
   while (!watchdogShutdown) {
     sleep(1);
     // The test uses the count before the increment, so the cleaning comes

@@ -5,6 +5,7 @@
 BUILD_DIR     ?= build
 SANITIZE_DIR  ?= build-sanitize
 TSAN_DIR      ?= build-tsan
+CLANG_DIR     ?= build-clang
 FUZZ_DIR      ?= build-fuzz
 BUILD_TYPE    ?= RelWithDebInfo
 JOBS          ?= $(shell nproc 2>/dev/null || echo 2)
@@ -14,13 +15,14 @@ DEMO_DIR      ?= $(CURDIR)/build/demo
 DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libicu-dev \
                  googletest libgtest-dev libgmock-dev libxml2-utils clang
 
-.PHONY: all build deps test test-sanitize test-tsan fuzz fuzz-run demo clean help
+.PHONY: all build build-clang deps test test-sanitize test-tsan fuzz fuzz-run demo clean help
 
 all: build
 
 help:
 	@echo "make               build libqor and the programs into $(BUILD_DIR)/"
 	@echo "make test          build and run the whole test suite"
+	@echo "make build-clang   build everything with clang too ($(CLANG_DIR)/), warnings as errors"
 	@echo "make test-sanitize the suite under AddressSanitizer and UBSan ($(SANITIZE_DIR)/)"
 	@echo "make test-tsan     the suite under ThreadSanitizer ($(TSAN_DIR)/)"
 	@echo "make fuzz          build the libFuzzer targets with clang ($(FUZZ_DIR)/fuzz/)"
@@ -49,6 +51,12 @@ $(BUILD_DIR)/build.ninja $(BUILD_DIR)/Makefile: | deps
 
 build: deps $(BUILD_DIR)/$(if $(GENERATOR),build.ninja,Makefile)
 	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+# The same build with clang, whose warnings (thread-safety analysis included)
+# are errors too; CI runs it before the suite.
+build-clang: deps
+	CC=clang CXX=clang++ cmake -S . -B $(CLANG_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+	cmake --build $(CLANG_DIR) -j $(JOBS)
 
 test: build
 	cd $(BUILD_DIR) && ctest -j $(JOBS) --output-on-failure --timeout 300
@@ -102,4 +110,4 @@ demo: build
 	  --trace-level $${QOR_TRACE_LEVEL:-128}
 
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR)
+	rm -rf $(BUILD_DIR) $(CLANG_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR)

@@ -97,7 +97,7 @@ void XMLErrorInfo::recordError(int code, long byte, int line, int column, const 
 
 // ---------------------------------------------------------------------------
 // The expat handlers. None lets an exception into expat: a failure becomes
-// error 63. The unwinding of a cancelled thread is let through.
+// XML_HANDLER_EXCEPTION. The unwinding of a cancelled thread is let through.
 
 void qorStartElement(void* userData, const XML_Char* name, const XML_Char** atts) {
   QOR_TRACE_FUNCTION();
@@ -657,5 +657,5 @@ int parseScript(XMLElement& element, QorScript* script) {
       }
     }
   }
-  return QOR_TRACE_RETURN(0);
+  return QOR_TRACE_RETURN(XML_OK);
 }

@@ -15,17 +15,6 @@
 #include "cap/qorpol.h"
 #include "cap/qorxml.h"
 
-// Result codes of a parse beyond expat's own and the constraint engine's.
-enum : int {
-  XML_NO_READ_BUFFER = 45,        // expat gave no buffer to read into
-  XML_OPEN_FAILED = 46,           // the file could not be opened
-  XML_READ_FAILED = 47,           // the stream failed while reading
-  XML_CONVERSION_FAILED = 48,     // a name or text was not valid UTF-8
-  XML_HANDLER_EXCEPTION = 63,     // an exception was caught in a handler
-  XML_BAD_REGEX = 70,             // a commandLine regular expression does not compile
-  XML_NO_PLATFORM_MATCH = -1000,  // no subagent is meant for this platform
-};
-
 // The size of the blocks in which a file is read.
 constexpr int BUFF_SIZE = 4096;
 
@@ -76,13 +65,14 @@ class XMLprocessor {
   XMLprocessor& operator=(const XMLprocessor&) = delete;
   virtual ~XMLprocessor();
 
-  // Parses and validates the file into children of `top`. 0 when the file is
-  // valid; else the first error's code. A file that cannot be opened is never
+  // Parses and validates the file into children of `top`. XML_OK when the file
+  // is valid; else the first error's code. A file that cannot be opened is never
   // given up on: callers make sure it can be opened first.
   int parse(const std::wstring& path, XMLElement& top);
   // Parses the file and fills `policy` from the first subagent for this
-  // platform. 0, an error code, 70 for a bad commandLine expression, or -1000
-  // when no subagent is for this platform. The policy is usable only with 0.
+  // platform. XML_OK, an error code, XML_BAD_REGEX for a bad commandLine
+  // expression, or XML_NO_PLATFORM_MATCH when no subagent is for this platform.
+  // The policy is usable only with XML_OK.
   int parse(const std::wstring& path, Policy& policy);
 
   // The first error of the last parse, with its explanation.

@@ -8,8 +8,10 @@
 
 #include <expat.h>
 
+#include <iosfwd>
 #include <stack>
 #include <string>
+#include <vector>
 
 #include "cap/qorplatform.h"
 #include "cap/qorpol.h"
@@ -79,8 +81,22 @@ class XMLprocessor {
   const XMLErrorInfo& getLastError() const { return lastError; }
 
  private:
+  // parse's trace block, which its steps write their lines under.
+  struct ParseTrace;
+
   void create();
   void freeMemory();
+
+  // The steps of a parse into an element tree, in the order parse takes them.
+  void setUpParser(const std::wstring& path, XMLElement& top, std::wstring& fileName,
+                   std::stack<XMLElementConstraints*>& constraintStack, qor_xml_userdata_t& userData);
+  bool narrowFileName(const std::wstring& path, std::vector<char>& narrowPath, const ParseTrace& trace);
+  int openFile(const std::wstring& path, const std::vector<char>& narrowPath, std::ifstream& stream,
+               const ParseTrace& trace);
+  int feedFile(const std::wstring& path, std::ifstream& stream, const qor_xml_userdata_t& userData,
+               int result, const ParseTrace& trace);
+  int readBlock(const std::wstring& path, std::ifstream& stream, int* count, const ParseTrace& trace);
+  int expatError(const std::wstring& path, const ParseTrace& trace);
 
   XML_Parser parser;
   XMLElementConstraints* constraints;

@@ -293,6 +293,21 @@ TEST_F(CapFileProcessor, SyntaxErrorGivesTheSamePolicyCode) {
             parse(std::string(captest::declaration()) + "\n" + captest::rootStart() + "</agents>\n"));
 }
 
+TEST_F(CapFileProcessor, ExpatsErrorIsTracedUnderTheNameParse) {
+  EXPECT_EQ(XML_ERROR_NO_ELEMENTS, parse(std::string()));
+  std::string text = trace();
+  EXPECT_EQ(1, qortest::countOccurrences(text, "Error " + std::to_string(XML_ERROR_NO_ELEMENTS) +
+                                                   " parsing xml document " + dir.file("agent.xml") + "."));
+  for (const char* line :
+       {" parsing xml document ", "The error string is: no element found", "Error parsing buffer at byte"}) {
+    size_t at = text.find(line);
+    ASSERT_NE(std::string::npos, at) << line;
+    size_t lineStart = text.rfind('\n', at) + 1;
+    EXPECT_NE(std::string::npos, text.substr(lineStart, at - lineStart).find(" qorxmlproc.cpp parse:"))
+        << line;
+  }
+}
+
 TEST_F(CapFileProcessor, EmptyFileHasNoElement) {
   EXPECT_EQ(XML_ERROR_NO_ELEMENTS, parse(std::string()));
   EXPECT_EQ("no element found", processor.getLastError().getErrorText());

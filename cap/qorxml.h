@@ -50,8 +50,7 @@ class XMLElement {
   // Deep for texts and lists, keeps the parent pointer, and sorts the copy's
   // attributes.
   XMLElement(const XMLElement& other);
-  // Deliberately leaves the target as it is: elements are copied into lists,
-  // never assigned over each other.
+  // Kept: assignment copies nothing; elements are copied into lists, never assigned over each other.
   XMLElement& operator=(const XMLElement& other);
   virtual ~XMLElement();
 
@@ -145,8 +144,9 @@ const XMLValueMap* findValueMap(const XMLValueMap* const* table, const std::wstr
 // XML_VALUE_NOT_ALLOWED.
 using XMLValueParser = void (*)(const std::wstring& text, int* result);
 
-// Parsers of whole numbers read from the front of the text; what follows the
-// number is ignored. The out-value is written also when the text is rejected.
+// Parsers of whole numbers read from the front of the text. The out-value is
+// written also when the text is rejected.
+// Kept: what follows the number is ignored, so "12abc" is accepted as 12.
 void parsePosInt(const std::wstring& text, int* result);
 void parsePosInt(const std::wstring& text, int* result, unsigned long* number);
 void parsePosIntMod5(const std::wstring& text, int* result);

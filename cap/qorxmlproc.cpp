@@ -120,8 +120,7 @@ void qorStartElement(void* userData, const XML_Char* name, const XML_Char** atts
     data->currentElement = element;
 
     if (atts[0] != nullptr) {
-      // An attribute that cannot be converted ends the list; the checks then
-      // see it as absent.
+      // Kept: an attribute that cannot be converted ends the list unreported; the checks see it as absent.
       for (const XML_Char** att = atts; att[0] != nullptr && att[1] != nullptr; att += 2) {
         WideText attName(att[0], -1);
         WideText attValue(att[1], -1);
@@ -174,6 +173,7 @@ void qorCharacterDataHandlerCopy(void* userData, const XML_Char* text, int lengt
   try {
     QOR_TRACE_DETAIL("qorCharacterDataHandlerCopy:len:%d:s<%.*s>", length, length, text);
     WideText wide(text, length);
+    // Kept: text that cannot be converted is dropped without an error.
     if (wide.ok()) data->currentElement->appendValue(wide.get(), wide.length());
   } catch (abi::__forced_unwind&) {
     throw;
@@ -307,9 +307,8 @@ int XMLprocessor::openFile(const std::wstring& path, const std::vector<char>& na
                            std::ifstream& stream, const ParseTrace& trace) {
   stream.open(narrowPath.data(), std::ios::in | std::ios::binary);
   if (stream.is_open()) return XML_OK;
-  // A stream that failed to open reads nothing and reports neither end of
-  // file nor a bad state, so the reading never ends: the caller's thread
-  // stays in it. Callers check that the file opens before parsing.
+  // Kept: a stream that failed to open reads nothing and never ends, so the parse never returns.
+  // It reports neither end of file nor a bad state. Callers check that the file opens first.
   QOR_PARSE_TRACE_ERROR(trace, "Error opening xml stream %s", qor_utf8(path).c_str());
   return XML_OPEN_FAILED;
 }
@@ -411,8 +410,7 @@ int mapInstance(XMLElement& element, MappingContext& context) {
   return XML_OK;
 }
 
-// Only a regex attribute gives the command line a meaning: without one the
-// element is ignored, and a literal command line is written with a false regex.
+// Kept: without a regex attribute the element is ignored; a literal command line needs regex="false".
 int mapCommandLine(XMLElement& element, MappingContext& context) {
   QOR_TRACE_FUNCTION();
   Policy& policy = context.policy;
@@ -471,8 +469,8 @@ int mapProcess(XMLElement& element, MappingContext& context) {
   return result;
 }
 
-// The top-level process name stands for a process without a command line;
-// a matcher compiled before is left in place.
+// The top-level process name stands for a process without a command line.
+// Kept: a matcher compiled before for a process element is left in place.
 int mapProcName(XMLElement& element, MappingContext& context) {
   context.policy.setProcName(element.getValue());
   context.policy.setProcRegEx(false);
@@ -657,6 +655,7 @@ int XMLprocessor::parse(const std::wstring& path, Policy& policy) {
   int result = parse(path, top);
   policy.setCAPFileName(path);
 
+  // Kept: a 2048-byte buffer: a longer path is cut short before its stat.
   std::vector<char> narrowPath(2048, '\0');
   struct stat status;
   if (wcstombs(narrowPath.data(), path.c_str(), narrowPath.size() - 1) != static_cast<size_t>(-1) &&

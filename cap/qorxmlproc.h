@@ -61,7 +61,7 @@ struct qor_xml_userdata_t {
 class XMLprocessor {
  public:
   XMLprocessor();
-  // The argument plays no part; the form exists for callers that name a file.
+  // Kept: the argument plays no part; the form exists for callers that name a file.
   explicit XMLprocessor(const char* unused);
   XMLprocessor(const XMLprocessor&) = delete;
   XMLprocessor& operator=(const XMLprocessor&) = delete;
@@ -110,6 +110,7 @@ int parseScript(XMLElement& element, QorScript* script);
 void qorStartElement(void* userData, const XML_Char* name, const XML_Char** atts);
 void qorEndElement(void* userData, const XML_Char* name);
 void qorCharacterDataHandlerCopy(void* userData, const XML_Char* text, int length);
+// Kept: never installed by parse; it only traces what it is given.
 void qorCharacterDataHandlerIgnore(void* userData, const XML_Char* text, int length);
 void qorXmlDeclHandler(void* userData, const XML_Char* version, const XML_Char* encoding, int standalone);
 

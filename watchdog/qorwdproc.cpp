@@ -67,8 +67,7 @@ void WatchdogMain() {
   int ticks = 0;
   while (!watchdogShutdown) {
     sleep(1);
-    // The test uses the count before the increment, so the cleaning comes
-    // once in interval + 2 seconds.
+    // Kept: the test uses the count before the increment, so the cleaning comes once in interval + 2 s.
     if (ticks > interval) {
       commands->cleanUpDefunctProcesses();
       ticks = 0;

@@ -52,12 +52,13 @@ class QorProcess {
  private:
   int procID = 0;
   std::wstring path;
-  std::wstring unusedText1;  // kept so that the record keeps its shape
+  std::wstring unusedText1;  // Kept: nothing reads or writes it; the record keeps its shape
   std::wstring instanceProcName;
+  // Kept: nothing reads or writes unusedText2; the record keeps its shape.
   std::wstring unusedText2;
   std::wstring serviceInstanceName;
   std::wstring instanceName;
-  std::wstring cmdName;  // stays empty: nothing sets it
+  std::wstring cmdName;  // Kept: stays empty, nothing sets it
   std::wstring cmdLine;
 };
 
@@ -230,14 +231,14 @@ class Agent {
   unsigned long long userCPU = 0;
   unsigned long long timeInterval = 0;
   unsigned int timeIntervalInSec = 0;
-  unsigned int handleCount = 0;  // stays 0: no setter exists
+  unsigned int handleCount = 0;  // Kept: stays 0, no setter exists
   unsigned int threadCount = 0;
   unsigned long memSizeBytes = 0;
   unsigned long memSizePages = 0;
   unsigned int prevPageFaults = 0;
   unsigned int pageFaults = 0;
   unsigned long residentSetSize = 0;
-  unsigned long vmSize = 0;  // stays 0: no setter exists
+  unsigned long vmSize = 0;  // Kept: stays 0, no setter exists
   unsigned long long prevTotalKernelCPU = 0;
   unsigned long long prevTotalUserCPU = 0;
   unsigned long long totalKernelCPU = 0;

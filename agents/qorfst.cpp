@@ -17,6 +17,7 @@ pthread_once_t teodatOnce = PTHREAD_ONCE_INIT;
 
 void settleTeoDatPath() {
   QOR_TRACE_FUNCTION();
+  // Kept: the directory ends in "/" already, so the slash is doubled; an empty one gives "/teo.dat".
   teodatPath = qor_narrow(Controller::getController()->getTEODirPath()) + "/" + "teo.dat";
   QOR_TRACE_STORY("teodatPath = %s\n", teodatPath.c_str());
 }

@@ -20,7 +20,8 @@ class QorOFStream : public std::wofstream {
 class QorIFStream : public std::wifstream {
  public:
   QorIFStream();
-  // One line, cut at 255 characters; a longer line fails the stream.
+  // One line, cut at 255 characters.
+  // Kept: a longer line fails the stream, and every later read gives an empty string.
   std::wstring getlineWstring();
   // One line as a decimal number; 0 when it is none.
   int getlineInt();

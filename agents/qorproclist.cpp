@@ -83,8 +83,7 @@ void ManagedProcessList::regenCheckMasks() {
   QOR_TRACE_STORY("Min Freq = %d", interval);
 
   int cycles = commonMultiple / interval + 1;
-  // Longer schedules than an hour at 5 seconds are cut; the cycles beyond the
-  // cut never run and the loop starts over at cycle 1.
+  // Kept: schedules longer than an hour at 5 seconds are cut; the cycles beyond the cut never run.
   if (cycles > 720) cycles = 721;
   cycleCount.store(cycles, std::memory_order_release);
   QOR_TRACE_STORY("Cycle Count/len of mask = %d", cycles);
@@ -97,6 +96,7 @@ void ManagedProcessList::regenCheckMasks() {
       period = frequency / interval;
       // A frequency below one cycle has no period to mark; marking at 0 would
       // never end.
+      // Kept: after the cut, a period that divides 721 sets bit 721, which throws and ends the process.
       for (int position = period; period > 0 && position <= cycles; position += period) {
         masterMask.set(static_cast<size_t>(position));
       }

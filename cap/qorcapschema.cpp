@@ -211,6 +211,7 @@ XMLElementConstraints* XMLElementConstraints::createCAP() {
   XMLElementConstraints processName = text(ELEMENT_NAME_PROCNAME, 0, 1);
   XMLElementConstraints commandLine =
       parent(ELEMENT_NAME_COMMANDLINE, 0, 1, {optional(ATTRIBUTE_NAME_REGEX)}, {});
+  // Kept: an instance name accepts regex as commandLine does, though only commandLine gives it a meaning.
   XMLElementConstraints instanceName =
       parent(ELEMENT_NAME_NAME, 0, 500, {optional(ATTRIBUTE_NAME_REGEX)}, {});
 

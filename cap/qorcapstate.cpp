@@ -92,8 +92,8 @@ void Controller::capFileAdded(CAPFileEvent* event) {
     delete policy;
     return;
   }
-  // The first file wins for as long as it has agents; a policy without any
-  // agent does not block its id.
+  // Kept: a second file with an id is ignored, also after the first goes, until it is removed and added.
+  // The first file wins for as long as it has agents; a policy without any agent does not block its id.
   bool duplicate = hasAgentWithId(managedEndpointProcesses, policy->getSubagentID());
   if (!duplicate && watchdogList.lockList()) {
     duplicate = hasAgentWithId(watchdogList, policy->getSubagentID());
@@ -160,7 +160,7 @@ void Controller::capFileRemoved(CAPFileEvent* event) {
     Agent* agent = *found;
     QOR_TRACE_DETAIL("Found agent with matching policy cap file to remove. %s\n",
                      agent->getshortID().c_str());
-    event->setAgent(new Agent(*agent, true));  // the last one found is what the message tells
+    event->setAgent(new Agent(*agent, true));  // Kept: the message tells of the last agent found only
     if (agent->isWatchDogAgent()) RawEvent::logUnreliableMessage(event);
     managedEndpointProcesses.erase(found);
     if (std::find(removal.begin(), removal.end(), agent->getPolicy()) == removal.end()) {
@@ -185,8 +185,7 @@ void Controller::capFileRemoved(CAPFileEvent* event) {
     }
   }
 
-  // A file that was refused, and the OS agent's own file, leave nothing to
-  // remove: nobody is told.
+  // Kept: a file that was refused, and the OS agent's own file, leave nothing to remove: nobody is told.
   if (removal.empty()) event->suppressMessages();
 
   for (Policy* policy : removal) {
@@ -220,6 +219,7 @@ void Controller::processPolicyInstances(Policy* policy, TEOEvents event) {
         policy->addExceptionInstances(other);
         removeAgentExceptionInstances(policy);
       } else {
+        // Kept: only traced; the second generic policy is kept all the same.
         QOR_TRACE_ERROR("Generic policy for agent %s already defined by agent %s.\n",
                         policy->getShortSID().c_str(), other->getShortSID().c_str());
       }
@@ -236,8 +236,7 @@ void Controller::removeAgentExceptionInstances(Policy* policy) {
       QOR_TRACE_DETAIL("Found agent with matching instance to remove. %s : %s\n", agent->getshortID().c_str(),
                        QOR_N(agent->getInstanceName()));
       it = managedEndpointProcesses.erase(it);
-      // No event, and the record is not destroyed: it is kept aside, where
-      // an event still on its way may point at it.
+      // Kept: no event, and the record is not destroyed but kept aside, where an event may point at it.
       retiredAgents.push_back(agent);
     } else {
       ++it;

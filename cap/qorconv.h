@@ -9,7 +9,8 @@
 #include <cstddef>
 #include <string>
 
-// The error value of a failed conversion.
+// The error value of a failed conversion; the XML result code
+// XML_CONVERSION_FAILED is this value.
 constexpr int QOR_CONVERSION_ERROR = 48;
 
 // Each conversion writes into `destination` (room for `capacity` units) when the

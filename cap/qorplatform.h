@@ -19,14 +19,14 @@ struct OSinfo_struct_t {
   std::wstring platformVersion;        // the release file's text, or "UNKNOWN"
 };
 
-// This machine's platform, built on the first call and kept to the end of the
-// process: a release file that changes later is not noticed.
+// This machine's platform, built on the first call and kept to the end of the process.
+// Kept: a release file that changes later is not noticed.
 OSinfo_struct_t* QOR_getOSinfo();
 
 // Whether a platform element describes this machine: its xsi:type, its arch
 // (against PROCESSOR_ARCHITECTURE), its name, versionString and kernelRelease
-// must all equal this machine's; what it leaves out matches anything. `path`
-// is not used.
+// must all equal this machine's; what it leaves out matches anything.
+// Kept: `path` is not used.
 bool isPlatformMatch(XMLElement& platform, const std::wstring& path);
 // The same for the first platform child of a subagent; false without one.
 bool isSubagentPlatformMatch(XMLElement& subagent, const std::wstring& path);

@@ -88,10 +88,11 @@ Policy::Policy(const Policy& source)
       maxRestartElement(source.maxRestartElement),
       managerTypeElement(source.managerTypeElement),
       agentNameElement(source.agentNameElement),
-      // The copy is a working duplicate: it never needs the path as written.
+      // Kept: the copy takes the expanded path as its written one too; it never needs the written one.
       agentPathElement(source.agentPath),
       agentPath(source.agentPath),
       agentTypeElement(source.agentTypeElement),
+      // Kept: the port is not carried over.
       agentPort(0),
       checkFrequencyElement(source.checkFrequencyElement),
       serviceName(source.serviceName),
@@ -115,8 +116,8 @@ Policy::Policy(const Policy& source)
       vexinfRunningInstancesScript(source.vexinfRunningInstancesScript),
       zelInstancesScript(source.zelInstancesScript),
       instances(source.instances),
-      // Exception instances belong to the live generic policy; a copy that
-      // enumerated instances again would take them back in.
+      // Kept: a copy has no exception instances: they belong to the live generic policy.
+      // A copy that enumerated instances again would take them back in.
       exceptionInstances(),
       newInstances(source.newInstances),
       defaultZELInstance(source.defaultZELInstance),
@@ -185,6 +186,7 @@ void Policy::addExceptionInstances(Policy* specific) {
       instances.erase(found);
       QOR_TRACE_DETAIL("Removing instance %s from agent %s.\n", QOR_N(name), shortSID.c_str());
     }
+    // Kept: appended in any case, so a repeated call lists a name twice.
     exceptionInstances.push_back(name);
     QOR_TRACE_DETAIL("Adding instance %s to exception list of agent %s.\n", QOR_N(name), shortSID.c_str());
   }
@@ -202,6 +204,7 @@ void Policy::removeExceptionInstances(Policy* specific) {
 
 std::wstring Policy::buildAgentName() const {
   if (generic) return agentNameElement;
+  // Kept: with every instance gone this reads "name: ", the blank included.
   std::wstring name = agentNameElement + L": ";
   for (size_t i = 0; i < instances.size(); ++i) {
     if (i != 0) name += L", ";

@@ -53,8 +53,8 @@ enum MemoryUnit {
   MEM_GB = 30,
 };
 
-// Display texts of the agent types 0 to 6. There is deliberately no text for
-// ZEL_Windows: only the system-service types 2, 5 and 6 are ever printed.
+// Display texts of the agent types 0 to 6.
+// Kept: no text for ZEL_Windows (7); only the system-service types 2, 5 and 6 are ever printed.
 constexpr int AGENT_TYPE_STRING_COUNT = 7;
 extern const char* const AgentTypeString[AGENT_TYPE_STRING_COUNT];
 
@@ -238,6 +238,7 @@ class Policy {
   std::wstring agentPathElement;
   std::wstring agentPath;
   AgentType agentTypeElement = ZEL_UNIX;
+  // Kept: nothing sets the port.
   int agentPort = 0;
   int checkFrequencyElement = 0;
   std::wstring serviceName;

@@ -45,6 +45,7 @@ void raiseCapEvent(int state, int id, const std::wstring& name) {
 
 // One change per poll: the sizes decide between addition and removal, and
 // the first difference names the file.
+// Kept: equal sizes mean no change, so a file renamed within one poll goes unnoticed.
 void compareOnce(std::vector<std::wstring>& known, const std::vector<std::wstring>& current) {
   QOR_TRACE_FUNCTION();
   if (current.size() > known.size()) {

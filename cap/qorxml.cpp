@@ -319,6 +319,7 @@ int XMLConstraints::checkValue(const std::wstring& checkedName, const std::wstri
                         qor_utf8(value).c_str());
     }
   }
+  // Kept: the comparison is exact, so white space around an allowed word rejects the value.
   if (values && std::find(values->begin(), values->end(), value) == values->end()) {
     result = XML_VALUE_NOT_ALLOWED;
     QOR_XML_VIOLATION("The constraint for %s does not allow a value of :%s.", qor_utf8(*name).c_str(),

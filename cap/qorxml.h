@@ -12,19 +12,30 @@
 #include <string>
 #include <utility>
 
+#include "cap/qorconv.h"
 #include "cap/qorpol.h"
 
-// Result codes of the checks.
+// Result codes of the XML work: of the constraint checks, of a parse of a CAP
+// file and of its mapping into a Policy. Any other positive code is expat's own
+// (an XML_Error of expat.h, all below 45). The numbers are shown to the people who
+// write CAP files and must not change.
 enum : int {
-  XML_NO_MATCH = -1,               // no match here: try the next candidate
-  XML_OK = 0,                      // accepted
-  XML_MAX_OCCURS_EXCEEDED = 55,    // too many occurrences
-  XML_MIN_OCCURS_NOT_MET = 56,     // a required element did not come
-  XML_UNEXPECTED_TAG = 57,         // an element out of place
-  XML_ATTRIBUTE_NOT_ALLOWED = 59,  // an unknown attribute
-  XML_VALUE_NOT_ALLOWED = 60,      // a value outside the constraint
-  XML_ATTRIBUTE_MISSING = 61,      // a required attribute did not come
-  XML_ABSTRACT_TYPE_UNKNOWN = 62,  // an xsi:type without a derived form
+  XML_NO_PLATFORM_MATCH = -1000,                 // no subagent is meant for this platform
+  XML_NO_MATCH = -1,                             // no match here: try the next candidate
+  XML_OK = 0,                                    // accepted
+  XML_NO_READ_BUFFER = 45,                       // expat gave no buffer to read into
+  XML_OPEN_FAILED = 46,                          // the file could not be opened
+  XML_READ_FAILED = 47,                          // the stream failed while reading
+  XML_CONVERSION_FAILED = QOR_CONVERSION_ERROR,  // 48: a name or text was not valid UTF-8
+  XML_MAX_OCCURS_EXCEEDED = 55,                  // too many occurrences
+  XML_MIN_OCCURS_NOT_MET = 56,                   // a required element did not come
+  XML_UNEXPECTED_TAG = 57,                       // an element out of place
+  XML_ATTRIBUTE_NOT_ALLOWED = 59,                // an unknown attribute (58 is not used)
+  XML_VALUE_NOT_ALLOWED = 60,                    // a value outside the constraint
+  XML_ATTRIBUTE_MISSING = 61,                    // a required attribute did not come
+  XML_ABSTRACT_TYPE_UNKNOWN = 62,                // an xsi:type without a derived form
+  XML_HANDLER_EXCEPTION = 63,                    // an exception was caught in a handler
+  XML_BAD_REGEX = 70,                            // a commandLine regular expression does not compile
 };
 
 // One parsed element. Copies are deep, except assignment, which copies nothing.
@@ -39,8 +50,7 @@ class XMLElement {
   // Deep for texts and lists, keeps the parent pointer, and sorts the copy's
   // attributes.
   XMLElement(const XMLElement& other);
-  // Deliberately leaves the target as it is: elements are copied into lists,
-  // never assigned over each other.
+  // Kept: assignment copies nothing; elements are copied into lists, never assigned over each other.
   XMLElement& operator=(const XMLElement& other);
   virtual ~XMLElement();
 
@@ -130,11 +140,13 @@ class XMLValueMap_ManagerType : public XMLValueMap {
 // The entry of a null-terminated table whose text equals `text`, or null.
 const XMLValueMap* findValueMap(const XMLValueMap* const* table, const std::wstring& text);
 
-// A value parser: validates a text and leaves a result code, 0 or 60.
+// A value parser: validates a text and leaves a result code, XML_OK or
+// XML_VALUE_NOT_ALLOWED.
 using XMLValueParser = void (*)(const std::wstring& text, int* result);
 
-// Parsers of whole numbers read from the front of the text; what follows the
-// number is ignored. The out-value is written also when the text is rejected.
+// Parsers of whole numbers read from the front of the text. The out-value is
+// written also when the text is rejected.
+// Kept: what follows the number is ignored, so "12abc" is accepted as 12.
 void parsePosInt(const std::wstring& text, int* result);
 void parsePosInt(const std::wstring& text, int* result, unsigned long* number);
 void parsePosIntMod5(const std::wstring& text, int* result);
@@ -159,7 +171,8 @@ class XMLConstraints {
   virtual ~XMLConstraints();
   virtual XMLConstraints* clone() const;
 
-  // -1 when `name` is not this constraint's; else 0 or 60 for the value.
+  // XML_NO_MATCH when `name` is not this constraint's; else XML_OK or
+  // XML_VALUE_NOT_ALLOWED for the value.
   virtual int checkValue(const std::wstring& name, const std::wstring& value);
 
   const std::wstring& getName() const { return *name; }
@@ -252,7 +265,8 @@ class XMLElementConstraints : public XMLConstraints {
   void clearConstraints();
 
   // On the parent's constraint: matches `element` against the children from the
-  // current position on. `matched` receives the matching child, or null with 57.
+  // current position on. `matched` receives the matching child, or null with
+  // XML_UNEXPECTED_TAG.
   int checkStartLevel(XMLElement& element, XMLElementConstraints** matched);
   // On a child constraint: -1 when `element` is not this one and may be passed.
   int checkStart(XMLElement& element);

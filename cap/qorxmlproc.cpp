@@ -97,7 +97,7 @@ void XMLErrorInfo::recordError(int code, long byte, int line, int column, const 
 
 // ---------------------------------------------------------------------------
 // The expat handlers. None lets an exception into expat: a failure becomes
-// error 63. The unwinding of a cancelled thread is let through.
+// XML_HANDLER_EXCEPTION. The unwinding of a cancelled thread is let through.
 
 void qorStartElement(void* userData, const XML_Char* name, const XML_Char** atts) {
   QOR_TRACE_FUNCTION();
@@ -120,8 +120,7 @@ void qorStartElement(void* userData, const XML_Char* name, const XML_Char** atts
     data->currentElement = element;
 
     if (atts[0] != nullptr) {
-      // An attribute that cannot be converted ends the list; the checks then
-      // see it as absent.
+      // Kept: an attribute that cannot be converted ends the list unreported; the checks see it as absent.
       for (const XML_Char** att = atts; att[0] != nullptr && att[1] != nullptr; att += 2) {
         WideText attName(att[0], -1);
         WideText attValue(att[1], -1);
@@ -174,6 +173,7 @@ void qorCharacterDataHandlerCopy(void* userData, const XML_Char* text, int lengt
   try {
     QOR_TRACE_DETAIL("qorCharacterDataHandlerCopy:len:%d:s<%.*s>", length, length, text);
     WideText wide(text, length);
+    // Kept: text that cannot be converted is dropped without an error.
     if (wide.ok()) data->currentElement->appendValue(wide.get(), wide.length());
   } catch (abi::__forced_unwind&) {
     throw;
@@ -227,18 +227,56 @@ void XMLprocessor::freeMemory() {
   constraints = nullptr;
 }
 
+// parse's own trace block, handed to its steps, so that every trace line of a
+// parse carries the name parse, whichever step writes it.
+struct XMLprocessor::ParseTrace {
+  LOG1_EPB* block;
+  unsigned flags;
+};
+
+// An error trace of a step of a parse, written under parse's block.
+#define QOR_PARSE_TRACE_ERROR(trace, ...)                                                        \
+  do {                                                                                           \
+    if (LOG1_On((trace).flags, QOR_TL_ERROR)) LOG1_Printf((trace).block, __LINE__, __VA_ARGS__); \
+  } while (0)
+
 int XMLprocessor::parse(const std::wstring& path, XMLElement& top) {
   QOR_TRACE_FUNCTION();
+  const ParseTrace trace{&LOG1__EPB_, LOG1__flags_};
   qor_xml_userdata_t userData{};
   std::ifstream stream;
+  std::wstring fileName;
+  std::stack<XMLElementConstraints*> constraintStack;
+  setUpParser(path, top, fileName, constraintStack, userData);
+
+  int result = XML_OK;
+  try {
+    std::vector<char> narrowPath;
+    if (!narrowFileName(path, narrowPath, trace)) return QOR_TRACE_RETURN(XML_OPEN_FAILED);
+    result = openFile(path, narrowPath, stream, trace);
+    result = feedFile(path, stream, userData, result, trace);
+  } catch (...) {
+    QOR_TRACE_ERROR("Error processing document.");
+    XML_SetUserData(parser, nullptr);
+    throw;
+  }
+  stream.close();
+  XML_SetUserData(parser, nullptr);
+  return QOR_TRACE_RETURN(result);
+}
+
+// Forgets the last parse and readies the parser and the constraint tree for a
+// new one into `top`, with the user data that the handlers work on.
+void XMLprocessor::setUpParser(const std::wstring& path, XMLElement& top, std::wstring& fileName,
+                               std::stack<XMLElementConstraints*>& constraintStack,
+                               qor_xml_userdata_t& userData) {
   lastError = XMLErrorInfo();
   takeXMLConstraintMessage();  // nothing of an earlier parse explains this one
 
   XML_ParserReset(parser, nullptr);
   constraints->reset();
 
-  std::wstring fileName = path;
-  std::stack<XMLElementConstraints*> constraintStack;
+  fileName = path;
   constraintStack.push(constraints);
   userData.parser = parser;
   userData.fileName = &fileName;
@@ -248,73 +286,88 @@ int XMLprocessor::parse(const std::wstring& path, XMLElement& top) {
   XML_SetElementHandler(parser, qorStartElement, qorEndElement);
   XML_SetCharacterDataHandler(parser, qorCharacterDataHandlerCopy);
   XML_SetXmlDeclHandler(parser, qorXmlDeclHandler);
+}
 
-  int result = XML_OK;
-  try {
-    std::vector<char> narrowPath(path.size() * 4 + 1, '\0');
-    if (wcstombs(narrowPath.data(), path.c_str(), narrowPath.size()) == static_cast<size_t>(-1)) {
-      // A name this locale cannot spell cannot be opened either; there is no
-      // stream to wait on, so this is given up at once.
-      QOR_TRACE_ERROR("Error opening xml stream %s", qor_utf8(path).c_str());
-      lastError.recordError(XML_OPEN_FAILED, 0, 0, 0, "The file name cannot be converted for opening.");
-      return QOR_TRACE_RETURN(XML_OPEN_FAILED);
-    }
-    stream.open(narrowPath.data(), std::ios::in | std::ios::binary);
-    if (!stream.is_open()) {
-      // A stream that failed to open reads nothing and reports neither end of
-      // file nor a bad state, so the loop below never ends: the caller's
-      // thread stays here. Callers check that the file opens before parsing.
-      QOR_TRACE_ERROR("Error opening xml stream %s", qor_utf8(path).c_str());
-      result = XML_OPEN_FAILED;
-    }
+// The file name in this locale's narrow form, for opening; false when the
+// locale cannot spell it.
+bool XMLprocessor::narrowFileName(const std::wstring& path, std::vector<char>& narrowPath,
+                                  const ParseTrace& trace) {
+  narrowPath.assign(path.size() * 4 + 1, '\0');
+  if (wcstombs(narrowPath.data(), path.c_str(), narrowPath.size()) != static_cast<size_t>(-1)) return true;
+  // A name this locale cannot spell cannot be opened either; there is no
+  // stream to wait on, so this is given up at once.
+  QOR_PARSE_TRACE_ERROR(trace, "Error opening xml stream %s", qor_utf8(path).c_str());
+  lastError.recordError(XML_OPEN_FAILED, 0, 0, 0, "The file name cannot be converted for opening.");
+  return false;
+}
 
-    for (;;) {
-      void* buffer = XML_GetBuffer(parser, BUFF_SIZE);
-      if (buffer == nullptr) {
-        QOR_TRACE_ERROR("Error allocating buffer of size %d for reading xml file %s", BUFF_SIZE,
-                        qor_utf8(path).c_str());
-        result = XML_NO_READ_BUFFER;
-        lastError.recordError(result, 0, 0, 0, "No memory to read the file into.");
-        break;
-      }
-      stream.read(static_cast<char*>(buffer), BUFF_SIZE);
-      int count = static_cast<int>(stream.gcount());
-      if (stream.bad()) {
-        QOR_TRACE_ERROR("Error reading the xml document %s.", qor_utf8(path).c_str());
-        result = XML_READ_FAILED;
-        lastError.recordError(result, 0, 0, 0, "The file could not be read.");
-        break;
-      }
-      bool atEnd = stream.eof();
-      XML_Status status = XML_ParseBuffer(parser, count, atEnd ? XML_TRUE : XML_FALSE);
-      if (userData.errorInfo.isError()) {
-        result = userData.errorInfo.getErrorCode();
-        lastError = userData.errorInfo;
-        break;
-      }
-      if (status == XML_STATUS_ERROR) {
-        XML_Error code = XML_GetErrorCode(parser);
-        result = static_cast<int>(code);
-        long byte = static_cast<long>(XML_GetCurrentByteIndex(parser));
-        int line = static_cast<int>(XML_GetCurrentLineNumber(parser));
-        int column = static_cast<int>(XML_GetCurrentColumnNumber(parser));
-        QOR_TRACE_ERROR("Error %d parsing xml document %s.", result, qor_utf8(path).c_str());
-        QOR_TRACE_ERROR("The error string is: %s", orEmpty(XML_ErrorString(code)));
-        QOR_TRACE_ERROR("Error parsing buffer at byte %d, line %d and column %d", static_cast<int>(byte),
-                        line, column);
-        lastError.recordError(result, byte, line, column, orEmpty(XML_ErrorString(code)));
-        break;
-      }
-      if (atEnd) break;
+// Opens the file for reading: XML_OK, or XML_OPEN_FAILED with a stream that
+// reads nothing.
+int XMLprocessor::openFile(const std::wstring& path, const std::vector<char>& narrowPath,
+                           std::ifstream& stream, const ParseTrace& trace) {
+  stream.open(narrowPath.data(), std::ios::in | std::ios::binary);
+  if (stream.is_open()) return XML_OK;
+  // Kept: a stream that failed to open reads nothing and never ends, so the parse never returns.
+  // It reports neither end of file nor a bad state. Callers check that the file opens first.
+  QOR_PARSE_TRACE_ERROR(trace, "Error opening xml stream %s", qor_utf8(path).c_str());
+  return XML_OPEN_FAILED;
+}
+
+// Feeds the file to expat block by block up to its end or the first error.
+// The result is that error's code, or at the end of the file `result`, the
+// outcome of the opening.
+int XMLprocessor::feedFile(const std::wstring& path, std::ifstream& stream,
+                           const qor_xml_userdata_t& userData, int result, const ParseTrace& trace) {
+  for (;;) {
+    int count = 0;
+    int readResult = readBlock(path, stream, &count, trace);
+    if (readResult != XML_OK) return readResult;
+    bool atEnd = stream.eof();
+    XML_Status status = XML_ParseBuffer(parser, count, atEnd ? XML_TRUE : XML_FALSE);
+    if (userData.errorInfo.isError()) {
+      lastError = userData.errorInfo;
+      return userData.errorInfo.getErrorCode();
     }
-  } catch (...) {
-    QOR_TRACE_ERROR("Error processing document.");
-    XML_SetUserData(parser, nullptr);
-    throw;
+    if (status == XML_STATUS_ERROR) return expatError(path, trace);
+    if (atEnd) return result;
   }
-  stream.close();
-  XML_SetUserData(parser, nullptr);
-  return QOR_TRACE_RETURN(result);
+}
+
+// Reads the next block of the file into expat's buffer: XML_OK with the number
+// of bytes read, or the code of what failed.
+int XMLprocessor::readBlock(const std::wstring& path, std::ifstream& stream, int* count,
+                            const ParseTrace& trace) {
+  void* buffer = XML_GetBuffer(parser, BUFF_SIZE);
+  if (buffer == nullptr) {
+    QOR_PARSE_TRACE_ERROR(trace, "Error allocating buffer of size %d for reading xml file %s", BUFF_SIZE,
+                          qor_utf8(path).c_str());
+    lastError.recordError(XML_NO_READ_BUFFER, 0, 0, 0, "No memory to read the file into.");
+    return XML_NO_READ_BUFFER;
+  }
+  stream.read(static_cast<char*>(buffer), BUFF_SIZE);
+  *count = static_cast<int>(stream.gcount());
+  if (stream.bad()) {
+    QOR_PARSE_TRACE_ERROR(trace, "Error reading the xml document %s.", qor_utf8(path).c_str());
+    lastError.recordError(XML_READ_FAILED, 0, 0, 0, "The file could not be read.");
+    return XML_READ_FAILED;
+  }
+  return XML_OK;
+}
+
+// expat found the file not well-formed: its own code is the result, recorded
+// with the position where expat stood.
+int XMLprocessor::expatError(const std::wstring& path, const ParseTrace& trace) {
+  XML_Error code = XML_GetErrorCode(parser);
+  int result = static_cast<int>(code);
+  long byte = static_cast<long>(XML_GetCurrentByteIndex(parser));
+  int line = static_cast<int>(XML_GetCurrentLineNumber(parser));
+  int column = static_cast<int>(XML_GetCurrentColumnNumber(parser));
+  QOR_PARSE_TRACE_ERROR(trace, "Error %d parsing xml document %s.", result, qor_utf8(path).c_str());
+  QOR_PARSE_TRACE_ERROR(trace, "The error string is: %s", orEmpty(XML_ErrorString(code)));
+  QOR_PARSE_TRACE_ERROR(trace, "Error parsing buffer at byte %d, line %d and column %d",
+                        static_cast<int>(byte), line, column);
+  lastError.recordError(result, byte, line, column, orEmpty(XML_ErrorString(code)));
+  return result;
 }
 
 // ---------------------------------------------------------------------------
@@ -357,8 +410,7 @@ int mapInstance(XMLElement& element, MappingContext& context) {
   return XML_OK;
 }
 
-// Only a regex attribute gives the command line a meaning: without one the
-// element is ignored, and a literal command line is written with a false regex.
+// Kept: without a regex attribute the element is ignored; a literal command line needs regex="false".
 int mapCommandLine(XMLElement& element, MappingContext& context) {
   QOR_TRACE_FUNCTION();
   Policy& policy = context.policy;
@@ -417,8 +469,8 @@ int mapProcess(XMLElement& element, MappingContext& context) {
   return result;
 }
 
-// The top-level process name stands for a process without a command line;
-// a matcher compiled before is left in place.
+// The top-level process name stands for a process without a command line.
+// Kept: a matcher compiled before for a process element is left in place.
 int mapProcName(XMLElement& element, MappingContext& context) {
   context.policy.setProcName(element.getValue());
   context.policy.setProcRegEx(false);
@@ -603,6 +655,7 @@ int XMLprocessor::parse(const std::wstring& path, Policy& policy) {
   int result = parse(path, top);
   policy.setCAPFileName(path);
 
+  // Kept: a 2048-byte buffer: a longer path is cut short before its stat.
   std::vector<char> narrowPath(2048, '\0');
   struct stat status;
   if (wcstombs(narrowPath.data(), path.c_str(), narrowPath.size() - 1) != static_cast<size_t>(-1) &&
@@ -657,5 +710,5 @@ int parseScript(XMLElement& element, QorScript* script) {
       }
     }
   }
-  return QOR_TRACE_RETURN(0);
+  return QOR_TRACE_RETURN(XML_OK);
 }

@@ -8,23 +8,14 @@
 
 #include <expat.h>
 
+#include <iosfwd>
 #include <stack>
 #include <string>
+#include <vector>
 
 #include "cap/qorplatform.h"
 #include "cap/qorpol.h"
 #include "cap/qorxml.h"
-
-// Result codes of a parse beyond expat's own and the constraint engine's.
-enum : int {
-  XML_NO_READ_BUFFER = 45,        // expat gave no buffer to read into
-  XML_OPEN_FAILED = 46,           // the file could not be opened
-  XML_READ_FAILED = 47,           // the stream failed while reading
-  XML_CONVERSION_FAILED = 48,     // a name or text was not valid UTF-8
-  XML_HANDLER_EXCEPTION = 63,     // an exception was caught in a handler
-  XML_BAD_REGEX = 70,             // a commandLine regular expression does not compile
-  XML_NO_PLATFORM_MATCH = -1000,  // no subagent is meant for this platform
-};
 
 // The size of the blocks in which a file is read.
 constexpr int BUFF_SIZE = 4096;
@@ -70,27 +61,42 @@ struct qor_xml_userdata_t {
 class XMLprocessor {
  public:
   XMLprocessor();
-  // The argument plays no part; the form exists for callers that name a file.
+  // Kept: the argument plays no part; the form exists for callers that name a file.
   explicit XMLprocessor(const char* unused);
   XMLprocessor(const XMLprocessor&) = delete;
   XMLprocessor& operator=(const XMLprocessor&) = delete;
   virtual ~XMLprocessor();
 
-  // Parses and validates the file into children of `top`. 0 when the file is
-  // valid; else the first error's code. A file that cannot be opened is never
+  // Parses and validates the file into children of `top`. XML_OK when the file
+  // is valid; else the first error's code. A file that cannot be opened is never
   // given up on: callers make sure it can be opened first.
   int parse(const std::wstring& path, XMLElement& top);
   // Parses the file and fills `policy` from the first subagent for this
-  // platform. 0, an error code, 70 for a bad commandLine expression, or -1000
-  // when no subagent is for this platform. The policy is usable only with 0.
+  // platform. XML_OK, an error code, XML_BAD_REGEX for a bad commandLine
+  // expression, or XML_NO_PLATFORM_MATCH when no subagent is for this platform.
+  // The policy is usable only with XML_OK.
   int parse(const std::wstring& path, Policy& policy);
 
   // The first error of the last parse, with its explanation.
   const XMLErrorInfo& getLastError() const { return lastError; }
 
  private:
+  // parse's trace block, which its steps write their lines under.
+  struct ParseTrace;
+
   void create();
   void freeMemory();
+
+  // The steps of a parse into an element tree, in the order parse takes them.
+  void setUpParser(const std::wstring& path, XMLElement& top, std::wstring& fileName,
+                   std::stack<XMLElementConstraints*>& constraintStack, qor_xml_userdata_t& userData);
+  bool narrowFileName(const std::wstring& path, std::vector<char>& narrowPath, const ParseTrace& trace);
+  int openFile(const std::wstring& path, const std::vector<char>& narrowPath, std::ifstream& stream,
+               const ParseTrace& trace);
+  int feedFile(const std::wstring& path, std::ifstream& stream, const qor_xml_userdata_t& userData,
+               int result, const ParseTrace& trace);
+  int readBlock(const std::wstring& path, std::ifstream& stream, int* count, const ParseTrace& trace);
+  int expatError(const std::wstring& path, const ParseTrace& trace);
 
   XML_Parser parser;
   XMLElementConstraints* constraints;
@@ -104,6 +110,7 @@ int parseScript(XMLElement& element, QorScript* script);
 void qorStartElement(void* userData, const XML_Char* name, const XML_Char** atts);
 void qorEndElement(void* userData, const XML_Char* name);
 void qorCharacterDataHandlerCopy(void* userData, const XML_Char* text, int length);
+// Kept: never installed by parse; it only traces what it is given.
 void qorCharacterDataHandlerIgnore(void* userData, const XML_Char* text, int length);
 void qorXmlDeclHandler(void* userData, const XML_Char* version, const XML_Char* encoding, int standalone);
 

@@ -11,7 +11,7 @@
 
 QOR_TRACE_UNIT();
 
-// Row 9 is never raised; it keeps the numbering, spelling and all.
+// Kept: row 9 is never raised; it keeps the numbering, spelling and all.
 const std::wstring TEOMessages[TEO_MESSAGE_COUNT] = {
     L"Agent added to system - CAP file found.",         // 0
     L"Agent removed from system - CAP file removed.",   // 1
@@ -168,6 +168,7 @@ std::wstring AgentOpEvent::getLogMessage() {
 Event* AgentOpEvent::makeCopy(bool shallow) {
   AgentOpEvent* copy = new AgentOpEvent(*this);
   copy->setAgent(copyAgent(shallow), true);
+  // Kept: startStatus is set a second time; the copy constructor has taken it already.
   copy->setStartStatus(startStatus);
   return copy;
 }
@@ -181,8 +182,7 @@ AgentMgmtEvent::AgentMgmtEvent(const AgentMgmtEvent& other)
 
 void AgentMgmtEvent::doCommandProcessing() {
   applyIfListed(this, [this](Controller* controller) { controller->ProcessMgmtStateChange(this); });
-  // A plain copy: the message shows the live agent as it is when the message
-  // handler copies it, not as it was here.
+  // Kept: a plain copy, so the message shows the live agent as the message handler finds it.
   passOn(this, [this] { return new AgentMgmtEvent(*this); });
 }
 
@@ -194,6 +194,7 @@ std::wstring AgentMgmtEvent::getLogMessage() {
 Event* AgentMgmtEvent::makeCopy(bool shallow) {
   AgentMgmtEvent* copy = new AgentMgmtEvent(*this);
   copy->setAgent(copyAgent(shallow), true);
+  // Kept: startStatus is set a second time; the copy constructor has taken it already.
   copy->setStartStatus(getStartStatus());
   return copy;
 }
@@ -307,6 +308,7 @@ void RawEvent::logUnreliableMessage(Event* event) {
   data.eventID = watchdog_unreliable;
   RawEvent warning(data);
   warning.setLogMessage(teoMessage(watchdog_unreliable));
+  // Kept: the user message and the time are set twice, on the event and on its record.
   if (event->getEventTypeID() == disarm_complete) {
     warning.setUserMessage(L"Watchdog Disarm");
     warning.record().userMessage = L"Watchdog Disarm";

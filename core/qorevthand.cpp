@@ -50,7 +50,7 @@ EventHandler::EventHandler() : shutdownRequested(false) {
   pthread_cond_init(&shutdownCondition, nullptr);
 }
 
-// Events still queued are left alone: they are dropped for good.
+// Kept: events still queued are left alone: they are neither processed nor deleted.
 EventHandler::~EventHandler() {
   pthread_cond_destroy(&shutdownCondition);
   pthread_mutex_destroy(&shutdownMutex);
@@ -61,7 +61,7 @@ EventHandler::~EventHandler() {
 bool EventHandler::pushEvent(Event* event) {
   QOR_TRACE_FUNCTION();
   QOR_TRACE_QUEUE("Event Type. rc=%d", event->getEventTypeID());
-  if (!lockEventQueue()) return false;  // the event is lost, as a failed lock always loses it
+  if (!lockEventQueue()) return false;  // Kept: the event is lost, neither queued nor deleted
   eventQueue.push_back(event);
   int rc = pthread_cond_signal(&queueCondition);
   if (rc != 0) {
@@ -164,8 +164,7 @@ void EventHandler::runLoop(void (*deliver)(EventHandler* self, Event* event)) {
     }
     unlockEventQueue();
 
-    // An event taken just before the flag was set is lost with the rest: a
-    // finished queue processes nothing more.
+    // Kept: an event taken just before the flag was set is lost with the rest, never processed.
     if (isShutdownRequested()) {
       QOR_TRACE_QUEUE("Exiting handler due to shutdown");
       return;

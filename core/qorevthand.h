@@ -24,7 +24,7 @@ struct EventData {
   int osType = -1;
   std::wstring osVersion;
   int procID = -1;
-  int spareValue = -1;  // written by nothing; keeps the record's shape
+  int spareValue = -1;  // Kept: written by nothing; keeps the record's shape
   int eventID = 0;
   std::wstring userMessage;
 };
@@ -83,8 +83,8 @@ class EventHandler {
   EventHandler(const EventHandler&) = delete;
   EventHandler& operator=(const EventHandler&) = delete;
 
-  // Takes ownership, appends and signals. Any thread. A push after shutdown is
-  // accepted and never taken.
+  // Takes ownership, appends and signals. Any thread.
+  // Kept: a push after shutdown is accepted, and the event stays in the queue for good.
   bool pushEvent(Event* event);
 
   // Requires: the queue mutex held by the caller (the consumer).
@@ -111,7 +111,7 @@ class EventHandler {
   // queue mutex, hence atomic.
   std::atomic<bool> shutdownRequested;
   pthread_mutex_t shutdownMutex;
-  pthread_cond_t shutdownCondition;  // initialised and destroyed, never waited on
+  pthread_cond_t shutdownCondition;  // Kept: initialised and destroyed, never waited on
 };
 
 #endif  // QOR_CORE_QOREVTHAND_H

@@ -21,7 +21,8 @@ bool QOR_QueryService::m_bIsInitialized = false;
 
 namespace {
 
-// Splits at each ":" and appends "/" to each piece; an empty piece gives "/".
+// Splits at each ":" and appends "/" to each piece.
+// Kept: an empty piece, from a leading, trailing or doubled ":", gives the entry "/", which stays.
 std::vector<std::wstring> splitCapDirs(const std::wstring& value) {
   std::vector<std::wstring> entries;
   size_t start = 0;
@@ -54,8 +55,7 @@ void InitializeTEO() {
   std::vector<std::wstring> entries;
 
   if (raw.empty()) {
-    // No directory named: the state file then lies at "/teo.dat", since the
-    // TEO directory stays empty on this path.
+    // Kept: the TEO directory stays empty on this path, so the state file lies at "/teo.dat".
     QOR_TRACE_STORY("No QOR_CAP_DIR. Using .%sCAP\n", "/");
     entries.push_back(L"./CAP");
   } else {
@@ -92,6 +92,7 @@ void PersistTEO() {
     managed->unlockList();
     return;
   }
+  // Kept: a state file that cannot be opened goes unnoticed; the writes then have no effect.
   QorOFStream out;
   out << (managed->size() + watched->size()) << std::endl;
   if (!managed->empty()) {
@@ -120,6 +121,7 @@ QOR_QueryService::QOR_QueryService() {
 }
 
 QOR_QueryService::~QOR_QueryService() {
+  // Kept: this changes nothing: ProcessEvent stays registered after the service is gone.
   Controller::getController()->getMessageHandler()->deregisterListener(ProcessEvent);
   if (lockLogListenerList()) {
     logListeners.clear();

@@ -30,9 +30,7 @@ void MessageHandler::registerListener(EventListener listener) {
 void MessageHandler::deregisterListener(EventListener listener) {
   pthread_mutex_lock(&listenerMutex);
   if (!listeners.empty()) {
-    // The loop runs while the iterator equals the end, which in a list with
-    // entries it never does from the beginning: nothing is ever erased. This
-    // is the behaviour the service is built on, and it stays.
+    // Kept: the loop runs only while the iterator is at the end, so no listener is ever erased.
     for (auto it = listeners.begin(); it == listeners.end(); ++it) {
       if (*it == listener) {
         listeners.erase(it);

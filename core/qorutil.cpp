@@ -19,8 +19,8 @@ QOR_TRACE_UNIT();
 
 namespace {
 
-// Values of environment variables, and of other agents under keys of their
-// own. Never cleared; an entry, once in, is never replaced.
+// Values of environment variables, and of other agents under keys of their own.
+// Kept: never cleared, and an entry once in is never replaced: a later change goes unseen.
 std::map<std::wstring, std::wstring>& qorEnvVars() {
   static std::map<std::wstring, std::wstring> vars;
   return vars;

@@ -107,7 +107,7 @@ bool WorkerThreadVector::waitOnEmpty() {
       QOR_TRACE_STORY("system interrupt received while waiting...retrying\n");
       continue;
     }
-    // The lock stays held on this path, as callers of this wait expect.
+    // Kept: the lock stays held on this path, as callers of this wait expect.
     QOR_TRACE_ERROR("Error: pthread_cond_wait failed. rc=%d \n", rc);
     return false;
   }

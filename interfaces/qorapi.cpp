@@ -13,8 +13,8 @@ QOR_TRACE_UNIT();
 
 namespace {
 
-// Ids that reach the alert listeners as well as the log listeners. Id 13, the
-// failed manual start, is left out on purpose.
+// Ids that reach the alert listeners as well as the log listeners.
+// Kept: id 13, the failed manual start, is no alert.
 bool isAlertId(int id) {
   switch (id) {
     case cap_removed:

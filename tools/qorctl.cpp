@@ -17,6 +17,7 @@
 
 namespace {
 
+// The codes listed here are the XML result codes of cap/qorxml.h.
 const char kUsage[] =
     "Usage: qorctl COMMAND [ARGS]\n"
     "\n"
@@ -94,12 +95,13 @@ std::string hostDescription() {
 bool validateFile(XMLprocessor& processor, const char* path, bool quiet) {
   std::wstring wide;
   if (!wideName(path, wide)) {
-    std::printf("%s: error 46: cannot be opened: the name cannot be read in this locale\n", path);
+    std::printf("%s: error %d: cannot be opened: the name cannot be read in this locale\n", path,
+                XML_OPEN_FAILED);
     return false;
   }
   std::string reason = unreadableReason(path);
   if (!reason.empty()) {
-    std::printf("%s: error 46: cannot be opened: %s\n", path, reason.c_str());
+    std::printf("%s: error %d: cannot be opened: %s\n", path, XML_OPEN_FAILED, reason.c_str());
     return false;
   }
   Policy policy;

@@ -99,8 +99,8 @@ int QorCmd::executeCmd(QorScript* script, std::wstring& output, std::wstring& ms
     QOR_TRACE_DETAIL("Command rc < %d >.\n", rc);
   }
 
-  // A CAP file may call any exit code a success, also a non-zero one, and
-  // any an error, also 0; a code in both maps is a success.
+  // Kept: a CAP file may call any exit code a success or an error, 0 included (it then becomes 1).
+  // A code in both maps is a success.
   if (!script->emptyRCs()) {
     if (script->isSuccessRC(rc)) {
       msgID = script->getSuccessRCMsg(rc);

@@ -116,7 +116,7 @@ std::wstring QorCmdLinux::getUserID(int pid, QorAppHandle /*handle*/) {
 
 unsigned long QorCmdLinux::getUpTime() {
   QOR_TRACE_FUNCTION();
-  // Taken once and kept for the life of the process: it does not advance.
+  // Kept: taken once and kept for the life of the process: it does not advance.
   std::lock_guard<std::mutex> lock(upTimeMutex);
   if (upTime != 0) return upTime;
   double seconds = 0.0;
@@ -156,9 +156,8 @@ long QorCmdLinux::collectRuntimeData(int pid, Agent* agent, bool mainProcess) {
       }
     }
   }
-  // The size read is always the main process's: for each descendant it is
-  // added once more, and the descendant's own is never counted. The memory
-  // threshold is compared with this very sum.
+  // Kept: the size read is the main process's, added once more for each descendant, whose own never is.
+  // The memory threshold is compared with this very sum.
   qor_memory_stat memory;
   GetStatMData(agent->getProcID(), memory);
   unsigned long bytes = static_cast<unsigned long>(memory.size) * static_cast<unsigned long>(getpagesize());

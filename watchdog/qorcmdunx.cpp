@@ -36,9 +36,9 @@ FILE* qor_popen(const char* command, int& pid) {
     }
     UnblockSignals();
     execl(SH_PATH, "sh", "-c", command, static_cast<char*>(nullptr));
-    // A shell that cannot be run reads as success with no output. _exit, not
-    // exit: the child must not run this process's exit handlers nor flush the
-    // stdio buffers it inherited.
+    // Kept: a shell that cannot be run reads as success with no output.
+    // _exit, not exit: the child must not run this process's exit handlers nor
+    // flush the stdio buffers it inherited.
     _exit(0);
   }
   close(fds[1]);
@@ -104,8 +104,7 @@ void QorCmdUNIX::pollCommand(FILE* stream, int pid, QorScript* script, Agent* ag
   int descriptor = fileno(stream);
   fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
 
-  // One read a second, on purpose: the loop is simple, and the first pass,
-  // which does not sleep, costs a second of the budget all the same.
+  // Kept: one read a second, and the first pass, which does not sleep, costs a second all the same.
   int pauseSeconds = 0;
   char buffer[1024];
   while (!feof(stream) && end.remaining > 0) {
@@ -164,7 +163,7 @@ int QorCmdUNIX::finishCommand(FILE* stream, int pid, const PollOutcome& end) {
     return QOR_TRACE_RETURN(-1);
   }
   QOR_TRACE_DETAIL("qor_pclose returned %d", status);
-  // A shell killed by a signal has 0 here, and so reads as success.
+  // Kept: a shell killed by a signal has 0 here, and so reads as success.
   return QOR_TRACE_RETURN((status & 0xff00) >> 8);
 }
 

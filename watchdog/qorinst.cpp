@@ -16,9 +16,8 @@ namespace {
 // underscore: its instance is one column further.
 const std::wstring kCodeQE = L"qe";
 
-// The last output of the running-instances command, shared by all policies
-// although it holds the lines of the policy that fetched it: a miss simply
-// fetches anew.
+// The last output of the running-instances command.
+// Kept: shared by all policies although it holds one policy's lines; a miss simply fetches anew.
 std::wstring vexinfOutput;
 std::mutex vexinfOutputMutex;
 
@@ -67,8 +66,8 @@ std::vector<std::wstring> GetZELInstances(Policy* policy) {
     names.push_back(QOR_CMD_TIMEOUT_STRING);
     return names;
   }
-  // A last piece without a line feed is dropped; a line that begins with "<"
-  // is how the tool says that it has nothing.
+  // Kept: a last piece without a line feed is dropped, and with it its name.
+  // A line that begins with "<" is how the tool says that it has nothing.
   size_t start = 0;
   for (size_t end = output.find(L'\n'); end != std::wstring::npos; end = output.find(L'\n', start)) {
     std::wstring line = output.substr(start, end - start);
@@ -125,7 +124,7 @@ bool ParseVexinfOutput(const std::wstring& output, std::vector<QorProcess*>& pro
       ++it;
       continue;
     }
-    // A plain substring search: process 123 also hits a line of process 1234.
+    // Kept: a plain substring search: process 123 also hits a line of process 1234.
     const std::wstring digits = std::to_wstring(process->getProcID());
     size_t at = output.find(digits);
     if (at == std::wstring::npos) {
@@ -149,8 +148,8 @@ bool ParseVexinfOutput(const std::wstring& output, std::vector<QorProcess*>& pro
 
 namespace {
 
-// Services are named by their service name. A lone process without a name
-// stays, unnamed; of several, those without a name are dropped.
+// Services are named by their service name.
+// Kept: a lone process without a name stays, unnamed; of several, those without a name are dropped.
 bool nameServiceProcesses(Policy* policy, std::vector<QorProcess*>& processes) {
   QOR_TRACE_FUNCTION();
   bool result = true;

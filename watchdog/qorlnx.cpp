@@ -19,8 +19,8 @@ uint64_t qor_hz = 100;
 namespace {
 
 // The classic fields of a stat line, and four more that some kernels add and
-// that then hold the CPU times. `comm` is read up to the first blank, so a
-// name with a blank in it stops the scan early; what it did not reach stays.
+// that then hold the CPU times.
+// Kept: `comm` is read up to the first blank, so a name with a blank stops the scan early.
 const char* const kStatFormat =
     "%lld (%96s  %c %lld %lld %lld %lld %lld %llu %llu %llu %llu %llu %llu %llu %lld %lld %lld %lld %lld "
     "%lld %llu %llu %lld %llu %llu %llu %llu %llu %llu %*s %*s %*s %*s %llu %llu %llu %*d %d%*d %*d %llu "
@@ -142,7 +142,7 @@ std::wstring GetCommandLine(int pid) {
 }
 
 std::wstring GetExecutablePath(int pid, const std::wstring& /*unused*/) {
-  // A longer path comes back cut at 256 bytes.
+  // Kept: a longer path comes back cut at 256 bytes.
   char buffer[257];
   ssize_t length = readlink(procPath(pid, "exe").c_str(), buffer, 256);
   if (length <= 0) return std::wstring();

@@ -168,7 +168,7 @@ bool QorCmdUNIX::applicationMatch(int pid, const std::wstring& commandLine, std:
   if (namePos != std::wstring::npos) {
     QOR_TRACE_DETAIL("Searching for running instance = %s, in command line = %s\n", QOR_N(appName),
                      QOR_N(commandLine));
-    // Any occurrence will do, also one inside a longer word.
+    // Kept: any occurrence will do, also one inside a longer word: looser than compareProcess.
     match = true;
     if (namePos + appName.size() == commandLine.size()) {
       QOR_TRACE_DETAIL("Found app name at end of command line string.\n");
@@ -223,8 +223,7 @@ QorAppHandle QorCmdLinux::openApplication(std::wstring& processName, std::wstrin
     if (!scanAll && id != pid) continue;
     std::wstring cmd = GetCommandLine(id);
     if (!applicationMatch(id, cmd, processName, instance, path, scanAll, policy)) continue;
-    // A thread of an old kernel is part of its parent; the match may have
-    // rewritten the name and instance all the same.
+    // Kept: a thread of an old kernel is passed over, but the match may have rewritten name and instance.
     if (IsThreadChildProcess(id, cmd)) continue;
     pid = id;
     commandLine = cmd;
@@ -312,6 +311,7 @@ void QorCmdUNIX::collectRuntimeData(Agent* agent, long* lastChecked) {
   if (lastChecked != nullptr) {
     unsigned int seconds =
         static_cast<unsigned int>(difftime(time(nullptr), static_cast<time_t>(*lastChecked)));
+    // Kept: seconds against counters in ticks: the CPU figure is 100 times a share (10000 for one CPU).
     agent->setTimeInterval(seconds);
     agent->setTimeIntervalInSec(seconds);
   } else {
@@ -344,7 +344,7 @@ void QorCmdUNIX::getPolicyProcesses(Policy* policy, std::vector<QorProcess*> all
   if (agentPath.find(L'/') == std::wstring::npos) return;
   const std::wstring directory = directoryOf(agentPath);
   for (QorProcess* process : all) {
-    // Nothing fills the command name on Linux, so every process is a candidate.
+    // Kept: nothing fills the command name on Linux, so every process is a candidate.
     const std::wstring cmdName = process->getCmdName();
     if (!cmdName.empty() && cmdName.find(processName) == std::wstring::npos) continue;
     if (processMatch(policy, directory, processName, process)) matched.push_back(process);

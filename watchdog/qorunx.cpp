@@ -91,8 +91,8 @@ std::wstring ReplaceEnvVariables(const std::wstring& text) {
   int replacements = 0;
   for (size_t start = result.find(L'$', pos); start != std::wstring::npos; start = result.find(L'$', pos)) {
     pos = start + 1;
-    // The first character belongs to the name, whatever it is; a blank, a "/"
-    // or a "$" after it ends the name, and nothing else does.
+    // Kept: the first character belongs to the name, whatever it is.
+    // A blank, a "/" or a "$" after it ends the name, and nothing else does.
     std::wstring name;
     if (pos < result.size()) {
       size_t end = result.find_first_of(L" /$", pos + 1);
@@ -120,7 +120,7 @@ std::wstring ReplaceEnvVariables(const std::wstring& text) {
     }
     ++replacements;
     QOR_TRACE_DETAIL("Replacing env variable $%s with %s.\n", QOR_N(name), QOR_N(value));
-    // The scan goes on inside the inserted value.
+    // Kept: the scan goes on inside the inserted value, so a "$" there is expanded in turn.
     result.replace(start, name.size() + 1, value);
   }
   return result;

@@ -14,8 +14,8 @@ QOR_TRACE_UNIT();
 
 namespace {
 
-// Filled as processes are inspected and never invalidated: a user renamed
-// while the service runs keeps the old name.
+// Filled as processes are inspected.
+// Kept: never invalidated: a user renamed while the service runs keeps the old name.
 std::map<int, std::wstring> idUserNames;
 std::mutex idUserNamesMutex;
 

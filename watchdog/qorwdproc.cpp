@@ -70,8 +70,7 @@ void WatchdogMain() {
   // (interfaces/qorosagt.cpp).
   while (!watchdogShutdown) {
     sleep(1);
-    // The test uses the count before the increment, so the cleaning comes
-    // once in interval + 2 seconds.
+    // Kept: the test uses the count before the increment, so the cleaning comes once in interval + 2 s.
     if (ticks > interval) {
       commands->cleanUpDefunctProcesses();
       ticks = 0;

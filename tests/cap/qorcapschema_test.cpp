@@ -172,24 +172,24 @@ class CapFormat : public ::testing::Test {
 };
 
 TEST_F(CapFormat, MinimalSubagentIsValid) {
-  EXPECT_EQ(0, validate(captest::document(agent)));
+  EXPECT_EQ(XML_OK, validate(captest::document(agent)));
   EXPECT_FALSE(error().isError());
 }
 
 TEST_F(CapFormat, RootOtherThanSubagentsMissesSubagents) {
   std::string content = std::string(captest::declaration()) + "\n<agents>\n</agents>\n";
-  EXPECT_EQ(56, validate(content));
+  EXPECT_EQ(XML_MIN_OCCURS_NOT_MET, validate(content));
   EXPECT_EQ("The minimum occurrences constraint for subagents has not been met.", error().getErrorText());
   EXPECT_EQ(2, error().getLineNumber());
   EXPECT_EQ(0, error().getColumnNumber());
 }
 
 TEST_F(CapFormat, TwentySubagentsAreAllowed) {
-  EXPECT_EQ(0, validate(captest::document(std::vector<captest::Subagent>(20, agent))));
+  EXPECT_EQ(XML_OK, validate(captest::document(std::vector<captest::Subagent>(20, agent))));
 }
 
 TEST_F(CapFormat, TwentyFirstSubagentExceedsTheMaximum) {
-  EXPECT_EQ(55, validate(captest::document(std::vector<captest::Subagent>(21, agent))));
+  EXPECT_EQ(XML_MAX_OCCURS_EXCEEDED, validate(captest::document(std::vector<captest::Subagent>(21, agent))));
   EXPECT_EQ("The maxiumum occurrences constraint for subagent has been exceeded.", error().getErrorText());
 }
 
@@ -202,50 +202,50 @@ std::string returnCodes(int count) {
 
 TEST_F(CapFormat, TwentyReturnCodesAreAllowed) {
   agent.startScript = captest::script("startScript", "start", returnCodes(20));
-  EXPECT_EQ(0, validate(captest::document(agent)));
+  EXPECT_EQ(XML_OK, validate(captest::document(agent)));
 }
 
 TEST_F(CapFormat, TwentyFirstReturnCodeExceedsTheMaximum) {
   agent.startScript = captest::script("startScript", "start", returnCodes(21));
-  EXPECT_EQ(55, validate(captest::document(agent)));
+  EXPECT_EQ(XML_MAX_OCCURS_EXCEEDED, validate(captest::document(agent)));
   EXPECT_EQ("The maxiumum occurrences constraint for returnCode has been exceeded.", error().getErrorText());
 }
 
 TEST_F(CapFormat, KernelReleaseUnderUnixPlatformIsUnexpected) {
   agent.platform = "<platform xsi:type=\"PlatformUnix\"><kernelRelease>5</kernelRelease></platform>";
-  EXPECT_EQ(57, validate(captest::document(agent)));
+  EXPECT_EQ(XML_UNEXPECTED_TAG, validate(captest::document(agent)));
   EXPECT_EQ("The tag kernelRelease is unexpected.", error().getErrorText());
 }
 
 TEST_F(CapFormat, KernelReleaseUnderWindowsPlatformIsUnexpected) {
   agent.platform = "<platform xsi:type=\"PlatformWindows\"><kernelRelease>5</kernelRelease></platform>";
-  EXPECT_EQ(57, validate(captest::document(agent)));
+  EXPECT_EQ(XML_UNEXPECTED_TAG, validate(captest::document(agent)));
 }
 
 TEST_F(CapFormat, KernelReleaseUnderLinuxPlatformIsValid) {
   agent.platform =
       "<platform xsi:type=\"PlatformLinux\"><name>Linux</name><versionString>v</versionString>"
       "<kernelRelease>5</kernelRelease></platform>";
-  EXPECT_EQ(0, validate(captest::document(agent)));
+  EXPECT_EQ(XML_OK, validate(captest::document(agent)));
 }
 
 TEST_F(CapFormat, NameBehindVersionStringIsUnexpected) {
   agent.platform =
       "<platform xsi:type=\"PlatformLinux\"><versionString>v</versionString><name>Linux</name></platform>";
-  EXPECT_EQ(57, validate(captest::document(agent)));
+  EXPECT_EQ(XML_UNEXPECTED_TAG, validate(captest::document(agent)));
   EXPECT_EQ("The tag name is unexpected.", error().getErrorText());
 }
 
 TEST_F(CapFormat, MaxRestartsBeforeManagerTypeMissesManagerType) {
   agent.managerType = "";
   agent.configScript = "<managerType>TeoServices</managerType>";
-  EXPECT_EQ(56, validate(captest::document(agent)));
+  EXPECT_EQ(XML_MIN_OCCURS_NOT_MET, validate(captest::document(agent)));
   EXPECT_EQ("The minimum occurrences constraint for managerType has not been met.", error().getErrorText());
 }
 
 TEST_F(CapFormat, CheckFrequencyTwelveFailsAtItsEndTag) {
   agent.checkFrequency = "<checkFrequency>12</checkFrequency>";
-  EXPECT_EQ(60, validate(captest::document(agent)));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, validate(captest::document(agent)));
   EXPECT_EQ("The constraint for checkFrequency does not allow a value of :12.", error().getErrorText());
   // Line 3 is the subagent, then agentName, agentType, agentPath, platform.
   EXPECT_EQ(8, error().getLineNumber());
@@ -254,24 +254,24 @@ TEST_F(CapFormat, CheckFrequencyTwelveFailsAtItsEndTag) {
 
 TEST_F(CapFormat, CheckFrequencyFifteenIsValid) {
   agent.checkFrequency = "<checkFrequency>15</checkFrequency>";
-  EXPECT_EQ(0, validate(captest::document(agent)));
+  EXPECT_EQ(XML_OK, validate(captest::document(agent)));
 }
 
 TEST_F(CapFormat, EmptyReturnCodeListMissesReturnCode) {
   agent.stopScript = "<stopScript><command>stop</command><returnCodeList></returnCodeList></stopScript>";
-  EXPECT_EQ(56, validate(captest::document(agent)));
+  EXPECT_EQ(XML_MIN_OCCURS_NOT_MET, validate(captest::document(agent)));
   EXPECT_EQ("The minimum occurrences constraint for returnCode has not been met.", error().getErrorText());
 }
 
 TEST_F(CapFormat, ScriptWithoutCommandMissesCommand) {
   agent.stopScript = "<stopScript></stopScript>";
-  EXPECT_EQ(56, validate(captest::document(agent)));
+  EXPECT_EQ(XML_MIN_OCCURS_NOT_MET, validate(captest::document(agent)));
   EXPECT_EQ("The minimum occurrences constraint for command has not been met.", error().getErrorText());
 }
 
 TEST_F(CapFormat, ProcessWithNeitherChildIsValid) {
   agent.process = "<process></process>";
-  EXPECT_EQ(0, validate(captest::document(agent)));
+  EXPECT_EQ(XML_OK, validate(captest::document(agent)));
 }
 
 std::string withRoot(const std::string& rootAttributes, const captest::Subagent& agent) {
@@ -280,13 +280,14 @@ std::string withRoot(const std::string& rootAttributes, const captest::Subagent&
 }
 
 TEST_F(CapFormat, MissingSchemaLocationIsAMissingAttribute) {
-  EXPECT_EQ(61, validate(withRoot(
-                    "xmlns=\"urn:qor:cap\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\"", agent)));
+  EXPECT_EQ(XML_ATTRIBUTE_MISSING,
+            validate(withRoot("xmlns=\"urn:qor:cap\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\"",
+                              agent)));
   EXPECT_EQ("The required attribute xsi:schemaLocation is missing.", error().getErrorText());
 }
 
 TEST_F(CapFormat, OtherSchemaFileNameIsNotAllowed) {
-  EXPECT_EQ(60,
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED,
             validate(withRoot("xmlns=\"urn:qor:cap\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
                               "xsi:schemaLocation=\"urn:qor:cap other.xsd\"",
                               agent)));
@@ -295,14 +296,14 @@ TEST_F(CapFormat, OtherSchemaFileNameIsNotAllowed) {
 }
 
 TEST_F(CapFormat, OtherNamespaceIsNotAllowed) {
-  EXPECT_EQ(60,
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED,
             validate(withRoot("xmlns=\"urn:other\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
                               "xsi:schemaLocation=\"urn:qor:cap mdhcap.xsd\"",
                               agent)));
 }
 
 TEST_F(CapFormat, RootAttributesMayComeInAnyOrder) {
-  EXPECT_EQ(0,
+  EXPECT_EQ(XML_OK,
             validate(withRoot("xsi:schemaLocation=\"urn:qor:cap mdhcap.xsd\" "
                               "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns=\"urn:qor:cap\"",
                               agent)));
@@ -310,58 +311,59 @@ TEST_F(CapFormat, RootAttributesMayComeInAnyOrder) {
 
 TEST_F(CapFormat, PlatformTypeOutsideTheDerivedFormsIsUnsupported) {
   agent.platform = "<platform xsi:type=\"PlatformMac\"/>";
-  EXPECT_EQ(62, validate(captest::document(agent)));
+  EXPECT_EQ(XML_ABSTRACT_TYPE_UNKNOWN, validate(captest::document(agent)));
   EXPECT_EQ("The attribute xsi:type was specified with a non supported value of PlatformMac.",
             error().getErrorText());
 }
 
 TEST_F(CapFormat, PlatformWithoutTypeIsAMissingAttribute) {
   agent.platform = "<platform arch=\"x86\"/>";
-  EXPECT_EQ(61, validate(captest::document(agent)));
+  EXPECT_EQ(XML_ATTRIBUTE_MISSING, validate(captest::document(agent)));
   EXPECT_EQ("The attribute xsi:type is required for abstract structures.", error().getErrorText());
 }
 
 TEST_F(CapFormat, UnknownArchIsNotAllowed) {
   agent.platform = "<platform xsi:type=\"PlatformLinux\" arch=\"arm64\"/>";
-  EXPECT_EQ(60, validate(captest::document(agent)));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, validate(captest::document(agent)));
   EXPECT_EQ("The constraint for arch does not allow a value of :arm64.", error().getErrorText());
 }
 
 TEST_F(CapFormat, SecondSubagentNeedsItsOwnRequiredChildren) {
   captest::Subagent second = agent;
   second.agentName = "";
-  EXPECT_EQ(56, validate(captest::document(std::vector<captest::Subagent>{agent, second})));
+  EXPECT_EQ(XML_MIN_OCCURS_NOT_MET,
+            validate(captest::document(std::vector<captest::Subagent>{agent, second})));
   EXPECT_EQ("The minimum occurrences constraint for agentName has not been met.", error().getErrorText());
 }
 
 TEST_F(CapFormat, AgentTypeWithALineBreakIsNotAllowed) {
   agent.agentType = "<agentType>Console\n</agentType>";
-  EXPECT_EQ(60, validate(captest::document(agent)));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, validate(captest::document(agent)));
   EXPECT_EQ("The constraint for agentType does not allow a value of :Console\n.", error().getErrorText());
 }
 
 TEST_F(CapFormat, SubagentWithoutIdIsAMissingAttribute) {
   std::string content = captest::document(agent);
   content.replace(content.find(" id=\"test.agent\""), 16, "");
-  EXPECT_EQ(61, validate(content));
+  EXPECT_EQ(XML_ATTRIBUTE_MISSING, validate(content));
   EXPECT_EQ("The required attribute id is missing.", error().getErrorText());
 }
 
 TEST_F(CapFormat, UnknownAttributeIsNotAllowed) {
   agent.agentName = "<agentName lang=\"en\">Test</agentName>";
-  EXPECT_EQ(59, validate(captest::document(agent)));
+  EXPECT_EQ(XML_ATTRIBUTE_NOT_ALLOWED, validate(captest::document(agent)));
   EXPECT_EQ("The attribute lang is not allowed.", error().getErrorText());
 }
 
 TEST_F(CapFormat, ReturnCodeWithoutTypeIsAMissingAttribute) {
   agent.startScript = captest::script("startScript", "start", "<returnCode msg_id=\"m\">0</returnCode>");
-  EXPECT_EQ(61, validate(captest::document(agent)));
+  EXPECT_EQ(XML_ATTRIBUTE_MISSING, validate(captest::document(agent)));
   EXPECT_EQ("The required attribute type is missing.", error().getErrorText());
 }
 
 TEST_F(CapFormat, MemoryThresholdWithLowerCaseSuffixIsNotAllowed) {
   agent.memoryThreshold = "<memoryThreshold>100kb</memoryThreshold>";
-  EXPECT_EQ(60, validate(captest::document(agent)));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, validate(captest::document(agent)));
 }
 
 TEST_F(CapFormat, EveryOptionalElementInPlaceIsValid) {
@@ -386,5 +388,5 @@ TEST_F(CapFormat, EveryOptionalElementInPlaceIsValid) {
   agent.stopScript = captest::script("stopScript", "t");
   agent.availabilityStatusScript = captest::script("availabilityStatusScript", "a");
   agent.configScript = captest::script("configScript", "c");
-  EXPECT_EQ(0, validate(captest::document(agent)));
+  EXPECT_EQ(XML_OK, validate(captest::document(agent)));
 }

@@ -67,7 +67,7 @@ TEST(TextConversion, UnpairedSurrogateCannotBecomeUtf8) {
   int error = 0;
   const wchar_t bad[] = {L'a', static_cast<wchar_t>(0xD800), L'b', 0};
   EXPECT_EQ(nullptr, qor_u_strToUTF8(buffer, sizeof buffer, &length, bad, -1, &error));
-  EXPECT_EQ(48, error);
+  EXPECT_EQ(QOR_CONVERSION_ERROR, error);
   EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("trace")),
                                          "converting from Unicode to UTF-8."));
 }
@@ -106,10 +106,10 @@ TEST(TextConversion, InvalidUtf8IsRefused) {
   int length = 0;
   int error = 0;
   EXPECT_EQ(nullptr, qor_ucharFromUTF8(units, 8, &length, "a\xff", -1, &error));
-  EXPECT_EQ(48, error);
+  EXPECT_EQ(QOR_CONVERSION_ERROR, error);
   error = 0;
   EXPECT_EQ(nullptr, qor_u_strFromUTF8(wide, 8, &length, "a\xff", -1, &error));
-  EXPECT_EQ(48, error);
+  EXPECT_EQ(QOR_CONVERSION_ERROR, error);
   EXPECT_EQ(
       2, qortest::countOccurrences(qortest::readFile(dir.file("trace")), "converting from UTF-8 to UChar."));
 }

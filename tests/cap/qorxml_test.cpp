@@ -54,7 +54,7 @@ class TagFeeder {
   // A whole element with text and no children.
   int leaf(const std::wstring& name, const std::wstring& value = L"", const Atts& atts = {}) {
     int result = start(name, atts);
-    return result != 0 ? result : end(value);
+    return result != XML_OK ? result : end(value);
   }
 
  private:
@@ -87,75 +87,97 @@ class SequenceTest : public ::testing::Test {
   TagFeeder feeder;
 };
 
+// The numbers are what people who write CAP files see and look up; a name may
+// move, its number may not.
+TEST(XMLResultCodes, KeepTheirNumbers) {
+  EXPECT_EQ(-1000, XML_NO_PLATFORM_MATCH);
+  EXPECT_EQ(-1, XML_NO_MATCH);
+  EXPECT_EQ(0, XML_OK);
+  EXPECT_EQ(45, XML_NO_READ_BUFFER);
+  EXPECT_EQ(46, XML_OPEN_FAILED);
+  EXPECT_EQ(47, XML_READ_FAILED);
+  EXPECT_EQ(48, XML_CONVERSION_FAILED);
+  EXPECT_EQ(48, QOR_CONVERSION_ERROR);
+  EXPECT_EQ(55, XML_MAX_OCCURS_EXCEEDED);
+  EXPECT_EQ(56, XML_MIN_OCCURS_NOT_MET);
+  EXPECT_EQ(57, XML_UNEXPECTED_TAG);
+  EXPECT_EQ(59, XML_ATTRIBUTE_NOT_ALLOWED);
+  EXPECT_EQ(60, XML_VALUE_NOT_ALLOWED);
+  EXPECT_EQ(61, XML_ATTRIBUTE_MISSING);
+  EXPECT_EQ(62, XML_ABSTRACT_TYPE_UNKNOWN);
+  EXPECT_EQ(63, XML_HANDLER_EXCEPTION);
+  EXPECT_EQ(70, XML_BAD_REGEX);
+}
+
 TEST_F(SequenceTest, RequiredFirstAndLastWithOptionalLeftOutIsAccepted) {
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(0, feeder.leaf(L"A"));
-  EXPECT_EQ(0, feeder.leaf(L"C"));
-  EXPECT_EQ(0, feeder.end());
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"A"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"C"));
+  EXPECT_EQ(XML_OK, feeder.end());
   EXPECT_EQ("", takeXMLConstraintMessage());
 }
 
 TEST_F(SequenceTest, AllThreeInOrderAreAccepted) {
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(0, feeder.leaf(L"A"));
-  EXPECT_EQ(0, feeder.leaf(L"B"));
-  EXPECT_EQ(0, feeder.leaf(L"C"));
-  EXPECT_EQ(0, feeder.end());
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"A"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"B"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"C"));
+  EXPECT_EQ(XML_OK, feeder.end());
 }
 
 TEST_F(SequenceTest, LastBeforeFirstMissesTheFirst) {
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(56, feeder.start(L"C"));
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_MIN_OCCURS_NOT_MET, feeder.start(L"C"));
   EXPECT_EQ("The minimum occurrences constraint for A has not been met.", takeXMLConstraintMessage());
   EXPECT_EQ(1,
             qortest::countOccurrences(trace(), "The minimum occurrences constraint for A has not been met."));
 }
 
 TEST_F(SequenceTest, OptionalElementTwiceExceedsItsMaximum) {
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(0, feeder.leaf(L"A"));
-  EXPECT_EQ(0, feeder.leaf(L"B"));
-  EXPECT_EQ(55, feeder.start(L"B"));
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"A"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"B"));
+  EXPECT_EQ(XML_MAX_OCCURS_EXCEEDED, feeder.start(L"B"));
   EXPECT_EQ("The maxiumum occurrences constraint for B has been exceeded.", takeXMLConstraintMessage());
 }
 
 TEST_F(SequenceTest, SkippedOptionalElementCannotReturn) {
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(0, feeder.leaf(L"A"));
-  EXPECT_EQ(0, feeder.leaf(L"C"));
-  EXPECT_EQ(57, feeder.start(L"B"));
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"A"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"C"));
+  EXPECT_EQ(XML_UNEXPECTED_TAG, feeder.start(L"B"));
   EXPECT_EQ("The tag B is unexpected.", takeXMLConstraintMessage());
 }
 
 TEST_F(SequenceTest, FirstAloneMissesTheLastAtTheParentsEndTag) {
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(0, feeder.leaf(L"A"));
-  EXPECT_EQ(56, feeder.end());
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"A"));
+  EXPECT_EQ(XML_MIN_OCCURS_NOT_MET, feeder.end());
   EXPECT_EQ("The minimum occurrences constraint for C has not been met.", takeXMLConstraintMessage());
 }
 
 TEST_F(SequenceTest, UnknownElementWhileARequiredSiblingIsDueNamesTheSibling) {
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(56, feeder.start(L"X"));
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_MIN_OCCURS_NOT_MET, feeder.start(L"X"));
   EXPECT_EQ("The minimum occurrences constraint for A has not been met.", takeXMLConstraintMessage());
 }
 
 TEST_F(SequenceTest, UnknownElementAfterTheLastIsUnexpected) {
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(0, feeder.leaf(L"A"));
-  EXPECT_EQ(0, feeder.leaf(L"C"));
-  EXPECT_EQ(57, feeder.start(L"X"));
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"A"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"C"));
+  EXPECT_EQ(XML_UNEXPECTED_TAG, feeder.start(L"X"));
   EXPECT_EQ("The tag X is unexpected.", takeXMLConstraintMessage());
 }
 
 TEST_F(SequenceTest, UnmatchedStartGivesNoConstraint) {
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(0, feeder.leaf(L"A"));
-  EXPECT_EQ(0, feeder.leaf(L"C"));
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"A"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"C"));
   XMLElement stray(nullptr, L"X");
   XMLElementConstraints* matched = &top;
   const XMLElementConstraints& p = *top.getChildConstraints().front();
-  EXPECT_EQ(57, const_cast<XMLElementConstraints&>(p).checkStartLevel(stray, &matched));
+  EXPECT_EQ(XML_UNEXPECTED_TAG, const_cast<XMLElementConstraints&>(p).checkStartLevel(stray, &matched));
   EXPECT_EQ(nullptr, matched);
 }
 
@@ -164,11 +186,11 @@ TEST(ConstraintEngine, RepeatedElementRestartsItsChildrensSequence) {
   XMLElementConstraints p(L"P", 1, 2, nullptr, nullptr, {}, sequenceOf({&a}));
   XMLElementConstraints top(L"TOP", 1, 1, nullptr, nullptr, {}, sequenceOf({&p}));
   TagFeeder feeder(top);
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(0, feeder.leaf(L"A"));
-  EXPECT_EQ(0, feeder.end());
-  ASSERT_EQ(0, feeder.start(L"P"));
-  EXPECT_EQ(56, feeder.end());
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_OK, feeder.leaf(L"A"));
+  EXPECT_EQ(XML_OK, feeder.end());
+  ASSERT_EQ(XML_OK, feeder.start(L"P"));
+  EXPECT_EQ(XML_MIN_OCCURS_NOT_MET, feeder.end());
   EXPECT_EQ("The minimum occurrences constraint for A has not been met.", takeXMLConstraintMessage());
 }
 
@@ -178,11 +200,11 @@ TEST(ConstraintEngine, RepeatedElementMayRepeatItsChildren) {
   XMLElementConstraints top(L"TOP", 1, 1, nullptr, nullptr, {}, sequenceOf({&p}));
   TagFeeder feeder(top);
   for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(0, feeder.start(L"P"));
-    EXPECT_EQ(0, feeder.leaf(L"A"));
-    EXPECT_EQ(0, feeder.end());
+    ASSERT_EQ(XML_OK, feeder.start(L"P"));
+    EXPECT_EQ(XML_OK, feeder.leaf(L"A"));
+    EXPECT_EQ(XML_OK, feeder.end());
   }
-  EXPECT_EQ(55, feeder.start(L"P"));
+  EXPECT_EQ(XML_MAX_OCCURS_EXCEEDED, feeder.start(L"P"));
 }
 
 // An element E with the attributes a (required), b (required), c (optional).
@@ -212,35 +234,36 @@ TEST_F(AttributeTest, ConstraintsAreKeptSortedByName) {
 }
 
 TEST_F(AttributeTest, AttributeOrderInTheDocumentDoesNotMatter) {
-  EXPECT_EQ(0, feeder.start(L"E", {{L"c", L"x"}, {L"b", L"5"}, {L"a", L"y"}}));
+  EXPECT_EQ(XML_OK, feeder.start(L"E", {{L"c", L"x"}, {L"b", L"5"}, {L"a", L"y"}}));
 }
 
 TEST_F(AttributeTest, OptionalAttributeMayBeLeftOut) {
-  EXPECT_EQ(0, feeder.start(L"E", {{L"b", L"5"}, {L"a", L"y"}}));
+  EXPECT_EQ(XML_OK, feeder.start(L"E", {{L"b", L"5"}, {L"a", L"y"}}));
 }
 
 TEST_F(AttributeTest, MissingAttributeInTheMiddleBeforeALaterOneGives61) {
-  EXPECT_EQ(61, feeder.start(L"E", {{L"c", L"x"}, {L"a", L"y"}}));
+  EXPECT_EQ(XML_ATTRIBUTE_MISSING, feeder.start(L"E", {{L"c", L"x"}, {L"a", L"y"}}));
   EXPECT_EQ("The required attribute b is missing.", takeXMLConstraintMessage());
 }
 
 TEST_F(AttributeTest, MissingAttributeInTheMiddleWithNoneAfterGives61) {
-  EXPECT_EQ(61, feeder.start(L"E", {{L"a", L"y"}}));
+  EXPECT_EQ(XML_ATTRIBUTE_MISSING, feeder.start(L"E", {{L"a", L"y"}}));
   EXPECT_EQ("The required attribute b is missing.", takeXMLConstraintMessage());
 }
 
 TEST_F(AttributeTest, UnknownAttributeSortingBetweenConstraintsIsNotAllowed) {
-  EXPECT_EQ(59, feeder.start(L"E", {{L"a", L"y"}, {L"aa", L"z"}, {L"b", L"5"}}));
+  EXPECT_EQ(XML_ATTRIBUTE_NOT_ALLOWED, feeder.start(L"E", {{L"a", L"y"}, {L"aa", L"z"}, {L"b", L"5"}}));
   EXPECT_EQ("The attribute aa is not allowed.", takeXMLConstraintMessage());
 }
 
 TEST_F(AttributeTest, UnknownAttributeAfterAllConstraintsIsNotAllowed) {
-  EXPECT_EQ(59, feeder.start(L"E", {{L"a", L"y"}, {L"b", L"5"}, {L"c", L"x"}, {L"d", L"z"}}));
+  EXPECT_EQ(XML_ATTRIBUTE_NOT_ALLOWED,
+            feeder.start(L"E", {{L"a", L"y"}, {L"b", L"5"}, {L"c", L"x"}, {L"d", L"z"}}));
   EXPECT_EQ("The attribute d is not allowed.", takeXMLConstraintMessage());
 }
 
 TEST_F(AttributeTest, BadAttributeValueIsReportedAsAValueError) {
-  EXPECT_EQ(60, feeder.start(L"E", {{L"a", L"y"}, {L"b", L"0"}}));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, feeder.start(L"E", {{L"a", L"y"}, {L"b", L"0"}}));
   EXPECT_EQ("The constraint for b does not allow a value of :0.", takeXMLConstraintMessage());
 }
 
@@ -248,30 +271,30 @@ TEST(ValueParsers, PositiveIntegerReadsTheNumberAtTheFront) {
   int result = -1;
   unsigned long number = 99;
   parsePosInt(L"12abc", &result, &number);
-  EXPECT_EQ(0, result);
+  EXPECT_EQ(XML_OK, result);
   EXPECT_EQ(12ul, number);
   parsePosInt(L"  7", &result, &number);
-  EXPECT_EQ(0, result);
+  EXPECT_EQ(XML_OK, result);
   EXPECT_EQ(7ul, number);
   parsePosInt(L"+3", &result);
-  EXPECT_EQ(0, result);
+  EXPECT_EQ(XML_OK, result);
 }
 
 TEST(ValueParsers, PositiveIntegerRejectsZeroNegativeAndText) {
   int result = -1;
   unsigned long number = 99;
   parsePosInt(L"0", &result, &number);
-  EXPECT_EQ(60, result);
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, result);
   EXPECT_EQ(0ul, number);
   parsePosInt(L"-3", &result, &number);
-  EXPECT_EQ(60, result);
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, result);
   // The rejected number is still handed out.
   EXPECT_EQ(static_cast<unsigned long>(-3L), number);
   parsePosInt(L"abc", &result, &number);
-  EXPECT_EQ(60, result);
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, result);
   EXPECT_EQ(0ul, number);
   parsePosInt(L"", &result);
-  EXPECT_EQ(60, result);
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, result);
 }
 
 TEST(ValueParsers, PositiveIntegerTracesResultAndNumber) {
@@ -291,7 +314,7 @@ TEST(ValueParsers, MultipleOfFiveRejectsZeroThreeAndSeven) {
   for (const wchar_t* text : {L"0", L"3", L"7", L"-5", L"x"}) {
     int result = -1;
     parsePosIntMod5(text, &result);
-    EXPECT_EQ(60, result) << qor_utf8(text);
+    EXPECT_EQ(XML_VALUE_NOT_ALLOWED, result) << qor_utf8(text);
   }
 }
 
@@ -299,10 +322,10 @@ TEST(ValueParsers, MultipleOfFiveAcceptsFiveAndSixty) {
   int result = -1;
   unsigned long number = 0;
   parsePosIntMod5(L"5", &result, &number);
-  EXPECT_EQ(0, result);
+  EXPECT_EQ(XML_OK, result);
   EXPECT_EQ(5ul, number);
   parsePosIntMod5(L"60", &result, &number);
-  EXPECT_EQ(0, result);
+  EXPECT_EQ(XML_OK, result);
   EXPECT_EQ(60ul, number);
 }
 
@@ -310,12 +333,12 @@ TEST(ValueParsers, NonNegativeIntegerAcceptsZero) {
   int result = -1;
   unsigned long number = 9;
   parseNonNegInt(L"0", &result, &number);
-  EXPECT_EQ(0, result);
+  EXPECT_EQ(XML_OK, result);
   EXPECT_EQ(0ul, number);
   parseNonNegInt(L"-1", &result);
-  EXPECT_EQ(60, result);
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, result);
   parseNonNegInt(L"none", &result);
-  EXPECT_EQ(60, result);
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, result);
 }
 
 TEST(ValueParsers, MemorySizeAcceptsBytesAndTheThreeSuffixes) {
@@ -329,7 +352,7 @@ TEST(ValueParsers, MemorySizeAcceptsBytesAndTheThreeSuffixes) {
     int result = -1;
     std::pair<unsigned long, MemoryUnit> size(0, MEM_GB);
     parseMemorySize(c.text, &result, &size);
-    EXPECT_EQ(0, result) << qor_utf8(c.text);
+    EXPECT_EQ(XML_OK, result) << qor_utf8(c.text);
     EXPECT_EQ(c.number, size.first) << qor_utf8(c.text);
     EXPECT_EQ(c.unit, size.second) << qor_utf8(c.text);
   }
@@ -339,7 +362,7 @@ TEST(ValueParsers, MemorySizeRejectsOtherSuffixes) {
   for (const wchar_t* text : {L"100K", L"100kb", L"100TB", L"100KBX", L"KB", L"", L"100 B"}) {
     int result = -1;
     parseMemorySize(text, &result);
-    EXPECT_EQ(60, result) << qor_utf8(text);
+    EXPECT_EQ(XML_VALUE_NOT_ALLOWED, result) << qor_utf8(text);
   }
 }
 
@@ -347,7 +370,7 @@ TEST(ValueParsers, MemorySizeHandsOutTheNumberOfARejectedText) {
   int result = -1;
   std::pair<unsigned long, MemoryUnit> size(7, MEM_GB);
   parseMemorySize(L"100TB", &result, &size);
-  EXPECT_EQ(60, result);
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, result);
   EXPECT_EQ(100ul, size.first);
   EXPECT_EQ(MEM_BYTES, size.second);
   parseMemorySize(L"none", &result, &size);
@@ -367,21 +390,21 @@ TEST(ValueParsers, MemorySizeTracesItsSteps) {
 
 TEST(ConstraintValues, OtherNameIsNoMatch) {
   XMLConstraints constraint(L"agentType", nullptr, ELEMENT_VALUES_AGENTTYPE);
-  EXPECT_EQ(-1, constraint.checkValue(L"agentPath", L"Console"));
+  EXPECT_EQ(XML_NO_MATCH, constraint.checkValue(L"agentPath", L"Console"));
 }
 
 TEST(ConstraintValues, AllowedWordIsAccepted) {
   XMLConstraints constraint(L"agentType", nullptr, ELEMENT_VALUES_AGENTTYPE);
-  EXPECT_EQ(0, constraint.checkValue(L"agentType", L"Console"));
+  EXPECT_EQ(XML_OK, constraint.checkValue(L"agentType", L"Console"));
 }
 
 TEST(ConstraintValues, BlanksAroundAnAllowedWordAreRejected) {
   qortest::TempDir dir;
   qortest::traceTo(dir.file("trace"), QOR_TL_ERROR);
   XMLConstraints constraint(L"agentType", nullptr, ELEMENT_VALUES_AGENTTYPE);
-  EXPECT_EQ(60, constraint.checkValue(L"agentType", L" Console"));
-  EXPECT_EQ(60, constraint.checkValue(L"agentType", L"Console\n"));
-  EXPECT_EQ(60, constraint.checkValue(L"agentType", L"console"));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, constraint.checkValue(L"agentType", L" Console"));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, constraint.checkValue(L"agentType", L"Console\n"));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, constraint.checkValue(L"agentType", L"console"));
   EXPECT_EQ(1,
             qortest::countOccurrences(qortest::readFile(dir.file("trace")),
                                       "The constraint for agentType does not allow a value of : Console."));
@@ -391,15 +414,15 @@ TEST(ConstraintValues, TableOverridesWhatTheParserAccepted) {
   static const XMLValueMap five(L"5");
   static const XMLValueMap* const table[] = {&five, nullptr};
   XMLConstraints constraint(L"n", parsePosInt, table);
-  EXPECT_EQ(0, constraint.checkValue(L"n", L"5"));
-  EXPECT_EQ(60, constraint.checkValue(L"n", L"10"));
-  EXPECT_EQ(60, constraint.checkValue(L"n", L"0"));
+  EXPECT_EQ(XML_OK, constraint.checkValue(L"n", L"5"));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, constraint.checkValue(L"n", L"10"));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, constraint.checkValue(L"n", L"0"));
 }
 
 TEST(ConstraintValues, NoParserAndNoTableAcceptAnything) {
   XMLConstraints constraint(L"agentName", nullptr, nullptr);
-  EXPECT_EQ(0, constraint.checkValue(L"agentName", L""));
-  EXPECT_EQ(0, constraint.checkValue(L"agentName", L"  any text  "));
+  EXPECT_EQ(XML_OK, constraint.checkValue(L"agentName", L""));
+  EXPECT_EQ(XML_OK, constraint.checkValue(L"agentName", L"  any text  "));
 }
 
 TEST(ConstraintValues, EqualityComparesNamesValuesAndParser) {
@@ -453,7 +476,7 @@ TEST(AbstractConstraints, TypeSubstitutesBaseThenDerivedChildren) {
   XMLElementConstraints& platform = platformOf(*cap);
   XMLElement element(nullptr, L"platform");
   element.addAttribute(L"xsi:type", L"PlatformLinux");
-  EXPECT_EQ(0, platform.checkStart(element));
+  EXPECT_EQ(XML_OK, platform.checkStart(element));
   std::vector<std::wstring> children;
   for (const pimpl<XMLElementConstraints>& child : platform.getChildConstraints())
     children.push_back(child->getName());
@@ -472,7 +495,7 @@ TEST(AbstractConstraints, MissingTypeGives61WithItsOwnText) {
   std::unique_ptr<XMLElementConstraints> cap(XMLElementConstraints::createCAP());
   XMLElement element(nullptr, L"platform");
   element.addAttribute(L"arch", L"x86");
-  EXPECT_EQ(61, platformOf(*cap).checkStart(element));
+  EXPECT_EQ(XML_ATTRIBUTE_MISSING, platformOf(*cap).checkStart(element));
   EXPECT_EQ("The attribute xsi:type is required for abstract structures.", takeXMLConstraintMessage());
 }
 
@@ -480,7 +503,7 @@ TEST(AbstractConstraints, TypeWithoutDerivedFormGives62BeforeTheValueCheck) {
   std::unique_ptr<XMLElementConstraints> cap(XMLElementConstraints::createCAP());
   XMLElement element(nullptr, L"platform");
   element.addAttribute(L"xsi:type", L"PlatformMac");
-  EXPECT_EQ(62, platformOf(*cap).checkStart(element));
+  EXPECT_EQ(XML_ABSTRACT_TYPE_UNKNOWN, platformOf(*cap).checkStart(element));
   EXPECT_EQ("The attribute xsi:type was specified with a non supported value of PlatformMac.",
             takeXMLConstraintMessage());
 }
@@ -497,7 +520,7 @@ TEST(AbstractConstraints, CloneKeepsTheAbstractBehaviour) {
   pimpl<XMLElementConstraints> copy(held);
   XMLElement element(nullptr, L"p");
   element.addAttribute(L"xsi:type", L"T");
-  EXPECT_EQ(0, copy->checkStart(element));
+  EXPECT_EQ(XML_OK, copy->checkStart(element));
   EXPECT_EQ(1u, copy->getChildConstraints().size());
   EXPECT_TRUE(held->getChildConstraints().empty());
 }
@@ -505,7 +528,7 @@ TEST(AbstractConstraints, CloneKeepsTheAbstractBehaviour) {
 TEST(ElementConstraints, CopyStartsCountingAfresh) {
   XMLElementConstraints a(L"A", 0, 3, nullptr, nullptr);
   XMLElement element(nullptr, L"A");
-  EXPECT_EQ(0, a.checkStart(element));
+  EXPECT_EQ(XML_OK, a.checkStart(element));
   EXPECT_EQ(1, a.getCount());
   XMLElementConstraints copy(a);
   EXPECT_EQ(0, copy.getCount());
@@ -516,7 +539,7 @@ TEST(ElementConstraints, CopyStartsCountingAfresh) {
 TEST(ElementConstraints, EndTagOfAnotherNameIsUnexpected) {
   XMLElementConstraints a(L"A", 0, 3, nullptr, nullptr);
   XMLElement element(nullptr, L"A");
-  EXPECT_EQ(57, a.checkEnd(element, L"B"));
+  EXPECT_EQ(XML_UNEXPECTED_TAG, a.checkEnd(element, L"B"));
   EXPECT_EQ("The tag B is unexpected.", takeXMLConstraintMessage());
 }
 
@@ -524,10 +547,10 @@ TEST(ElementConstraints, ValueIsCheckedAtTheEndTag) {
   XMLElementConstraints frequency(L"checkFrequency", 0, 1, parsePosIntMod5, nullptr);
   XMLElement element(nullptr, L"checkFrequency");
   element.setValue(L"12", 2);
-  EXPECT_EQ(0, frequency.checkStart(element));
-  EXPECT_EQ(60, frequency.checkEnd(element, L"checkFrequency"));
+  EXPECT_EQ(XML_OK, frequency.checkStart(element));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, frequency.checkEnd(element, L"checkFrequency"));
   element.setValue(L"15", 2);
-  EXPECT_EQ(0, frequency.checkEnd(element, L"checkFrequency"));
+  EXPECT_EQ(XML_OK, frequency.checkEnd(element, L"checkFrequency"));
 }
 
 TEST(XMLElementTree, CopyIsDeepKeepsTheParentAndSortsAttributes) {

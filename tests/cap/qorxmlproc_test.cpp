@@ -29,7 +29,7 @@ class CapFileProcessor : public ::testing::Test {
 };
 
 TEST_F(CapFileProcessor, MinimalSubagentFillsThePolicy) {
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(L"test.agent", policy.getSubagentID());
   EXPECT_EQ("test.agent", policy.getShortSID());
   EXPECT_EQ(L"Test agent", policy.getAgentNameElement());
@@ -78,7 +78,7 @@ TEST_F(CapFileProcessor, EveryElementReachesItsField) {
   agent.availabilityStatusScript =
       captest::script("availabilityStatusScript", "status.sh", "<returnCode type=\"OK\">1</returnCode>");
   agent.configScript = captest::script("configScript", "config.sh");
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_FALSE(policy.isGeneric());
   EXPECT_EQ(Names({L"one", L"two"}), policy.getInstances());
   EXPECT_EQ(L"Test agent: one, two", policy.buildAgentName());
@@ -116,7 +116,7 @@ TEST_F(CapFileProcessor, TwoMatchingSubagentsGiveThePolicyOfTheFirst) {
   captest::Subagent second = agent;
   second.id = "second.agent";
   second.agentName = "<agentName>Second</agentName>";
-  ASSERT_EQ(0, parse(captest::document(std::vector<captest::Subagent>{agent, second})));
+  ASSERT_EQ(XML_OK, parse(captest::document(std::vector<captest::Subagent>{agent, second})));
   EXPECT_EQ(L"test.agent", policy.getSubagentID());
   EXPECT_EQ(L"Test agent", policy.getAgentNameElement());
 }
@@ -125,45 +125,45 @@ TEST_F(CapFileProcessor, FirstSubagentForThisPlatformIsTaken) {
   captest::Subagent unix = agent;
   unix.id = "unix.agent";
   unix.platform = "<platform xsi:type=\"PlatformUnix\"/>";
-  ASSERT_EQ(0, parse(captest::document(std::vector<captest::Subagent>{unix, agent})));
+  ASSERT_EQ(XML_OK, parse(captest::document(std::vector<captest::Subagent>{unix, agent})));
   EXPECT_EQ(L"test.agent", policy.getSubagentID());
 }
 
 TEST_F(CapFileProcessor, UnixOnlyFileHasNoPlatformMatch) {
   agent.platform = "<platform xsi:type=\"PlatformUnix\"/>";
-  EXPECT_EQ(-1000, parse(agent));
+  EXPECT_EQ(XML_NO_PLATFORM_MATCH, parse(agent));
   EXPECT_EQ(1, qortest::countOccurrences(
                    trace(), "Did not find an appropriate platform match for defintions in file " +
                                 dir.file("agent.xml") + "."));
   // It is no validation error: nothing is traced as one.
   EXPECT_EQ(0, qortest::countOccurrences(trace(), "parsing xml"));
-  EXPECT_EQ(-1000, processor.getLastError().getErrorCode());
+  EXPECT_EQ(XML_NO_PLATFORM_MATCH, processor.getLastError().getErrorCode());
 }
 
 TEST_F(CapFileProcessor, ArchWithoutProcessorArchitectureDoesNotMatch) {
   unsetenv("PROCESSOR_ARCHITECTURE");
   agent.platform = "<platform xsi:type=\"PlatformLinux\" arch=\"AMD64\"/>";
-  EXPECT_EQ(-1000, parse(agent));
+  EXPECT_EQ(XML_NO_PLATFORM_MATCH, parse(agent));
 }
 
 TEST_F(CapFileProcessor, ArchEqualToProcessorArchitectureMatches) {
   setenv("PROCESSOR_ARCHITECTURE", "AMD64", 1);
   agent.platform = "<platform xsi:type=\"PlatformLinux\" arch=\"AMD64\"/>";
-  EXPECT_EQ(0, parse(agent));
+  EXPECT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(L"test.agent", policy.getSubagentID());
 }
 
 TEST_F(CapFileProcessor, ArchOtherThanProcessorArchitectureDoesNotMatch) {
   setenv("PROCESSOR_ARCHITECTURE", "AMD64", 1);
   agent.platform = "<platform xsi:type=\"PlatformLinux\" arch=\"x86\"/>";
-  EXPECT_EQ(-1000, parse(agent));
+  EXPECT_EQ(XML_NO_PLATFORM_MATCH, parse(agent));
 }
 
 TEST_F(CapFileProcessor, TopLevelProcNameAfterProcessLeavesTheMatcherInPlace) {
   agent.process =
       "<process><procName>first</procName><commandLine regex=\"true\">first .*</commandLine></process>";
   agent.procName = "<procName>second</procName>";
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(L"second", policy.getProcName());
   EXPECT_EQ(L"", policy.getCommandLine());
   EXPECT_FALSE(policy.getProcRegEx());
@@ -174,7 +174,7 @@ TEST_F(CapFileProcessor, TopLevelProcNameAfterProcessLeavesTheMatcherInPlace) {
 TEST_F(CapFileProcessor, RegexTrueSetsTextAndMatcher) {
   agent.process =
       "<process><procName>sleep</procName><commandLine regex=\"true\">sleep [0-9]+</commandLine></process>";
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(L"sleep", policy.getProcName());
   EXPECT_EQ(L"sleep [0-9]+", policy.getCommandLine());
   EXPECT_TRUE(policy.getProcRegEx());
@@ -190,14 +190,14 @@ TEST_F(CapFileProcessor, RegexTrueSetsTextAndMatcher) {
 
 TEST_F(CapFileProcessor, RegexOneCountsAsTrue) {
   agent.process = "<process><commandLine regex=\"1\">x+</commandLine></process>";
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_TRUE(policy.getProcRegEx());
   EXPECT_NE(nullptr, policy.getRegexMatcher());
 }
 
 TEST_F(CapFileProcessor, RegexFalseSetsOnlyTheText) {
   agent.process = "<process><commandLine regex=\"false\">sleep 600</commandLine></process>";
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(L"sleep 600", policy.getCommandLine());
   EXPECT_FALSE(policy.getProcRegEx());
   EXPECT_EQ(nullptr, policy.getRegexMatcher());
@@ -205,7 +205,7 @@ TEST_F(CapFileProcessor, RegexFalseSetsOnlyTheText) {
 
 TEST_F(CapFileProcessor, CommandLineWithoutRegexSetsNothing) {
   agent.process = "<process><procName>sleep</procName><commandLine>sleep 600</commandLine></process>";
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(L"sleep", policy.getProcName());
   EXPECT_EQ(L"", policy.getCommandLine());
   EXPECT_FALSE(policy.getProcRegEx());
@@ -214,7 +214,7 @@ TEST_F(CapFileProcessor, CommandLineWithoutRegexSetsNothing) {
 
 TEST_F(CapFileProcessor, BadRegularExpressionFailsTheFileWith70) {
   agent.process = "<process><commandLine regex=\"true\">sleep (</commandLine></process>";
-  EXPECT_EQ(70, parse(agent));
+  EXPECT_EQ(XML_BAD_REGEX, parse(agent));
   EXPECT_EQ(nullptr, policy.getRegexMatcher());
   EXPECT_EQ(L"", policy.getCommandLine());
   std::string text = trace();
@@ -224,7 +224,7 @@ TEST_F(CapFileProcessor, BadRegularExpressionFailsTheFileWith70) {
                                          "Regular Expression Error: sleep (, 66310, U_REGEX_MISMATCHED_PAREN "
                                          "at offset 7.\n"));
   const XMLErrorInfo& error = processor.getLastError();
-  EXPECT_EQ(70, error.getErrorCode());
+  EXPECT_EQ(XML_BAD_REGEX, error.getErrorCode());
   EXPECT_EQ(5, error.getLineNumber());
   EXPECT_EQ("Regular Expression Error: sleep (, 66310, U_REGEX_MISMATCHED_PAREN at offset 7.",
             error.getErrorText());
@@ -233,14 +233,14 @@ TEST_F(CapFileProcessor, BadRegularExpressionFailsTheFileWith70) {
 TEST_F(CapFileProcessor, ReturnCodeThatIsNoNumberRegistersCodeZero) {
   agent.startScript =
       captest::script("startScript", "start", "<returnCode type=\"OK\" msg_id=\"m\">abc</returnCode>");
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_TRUE(policy.getStartScript()->isSuccessRC(0));
   EXPECT_EQ(L"m", policy.getStartScript()->getSuccessRCMsg(0));
 }
 
 TEST_F(CapFileProcessor, CpuThresholdAboveHundredIsStoredAsHundred) {
   agent.cpuThreshold = "<cpuThreshold>250</cpuThreshold>";
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(100, policy.getCPUThreshold());
   EXPECT_EQ(1, qortest::countOccurrences(trace(),
                                          "CPU threshold input of 250 is above valid maximum of 100. "
@@ -249,14 +249,14 @@ TEST_F(CapFileProcessor, CpuThresholdAboveHundredIsStoredAsHundred) {
 
 TEST_F(CapFileProcessor, CpuThresholdOfHundredIsKept) {
   agent.cpuThreshold = "<cpuThreshold>100</cpuThreshold>";
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(100, policy.getCPUThreshold());
   EXPECT_EQ(0, qortest::countOccurrences(trace(), "CPU threshold input"));
 }
 
 TEST_F(CapFileProcessor, TextAroundElementsIsKeptWhereItBelongs) {
   agent.agentName = "<agentName>  spaced name  </agentName>";
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(L"  spaced name  ", policy.getAgentNameElement());
 }
 
@@ -277,12 +277,12 @@ TEST_F(CapFileProcessor, SyntaxErrorInTheLastBlockGivesExpatsCodeAfterTheHandler
   EXPECT_EQ(L"subagent", subagents.getChildren().front().getName());
   EXPECT_GT(subagents.getChildren().front().getChildren().size(), 200u);
   std::string text = trace();
-  EXPECT_EQ(1,
-            qortest::countOccurrences(text, "Error 7 parsing xml document " + dir.file("agent.xml") + "."));
+  EXPECT_EQ(1, qortest::countOccurrences(text, "Error " + std::to_string(XML_ERROR_TAG_MISMATCH) +
+                                                   " parsing xml document " + dir.file("agent.xml") + "."));
   EXPECT_EQ(1, qortest::countOccurrences(text, "The error string is: mismatched tag"));
   EXPECT_EQ(1, qortest::countOccurrences(text, "qorStartElement():inName:subagents"));
   const XMLErrorInfo& error = processor.getLastError();
-  EXPECT_EQ(7, error.getErrorCode());
+  EXPECT_EQ(XML_ERROR_TAG_MISMATCH, error.getErrorCode());
   EXPECT_EQ("mismatched tag", error.getErrorText());
   // expat points at the name of the mismatched end tag.
   EXPECT_EQ(static_cast<long>(content.rfind("</subagentx>") + 2), error.getByteIndex());
@@ -291,6 +291,21 @@ TEST_F(CapFileProcessor, SyntaxErrorInTheLastBlockGivesExpatsCodeAfterTheHandler
 TEST_F(CapFileProcessor, SyntaxErrorGivesTheSamePolicyCode) {
   EXPECT_EQ(XML_ERROR_TAG_MISMATCH,
             parse(std::string(captest::declaration()) + "\n" + captest::rootStart() + "</agents>\n"));
+}
+
+TEST_F(CapFileProcessor, ExpatsErrorIsTracedUnderTheNameParse) {
+  EXPECT_EQ(XML_ERROR_NO_ELEMENTS, parse(std::string()));
+  std::string text = trace();
+  EXPECT_EQ(1, qortest::countOccurrences(text, "Error " + std::to_string(XML_ERROR_NO_ELEMENTS) +
+                                                   " parsing xml document " + dir.file("agent.xml") + "."));
+  for (const char* line :
+       {" parsing xml document ", "The error string is: no element found", "Error parsing buffer at byte"}) {
+    size_t at = text.find(line);
+    ASSERT_NE(std::string::npos, at) << line;
+    size_t lineStart = text.rfind('\n', at) + 1;
+    EXPECT_NE(std::string::npos, text.substr(lineStart, at - lineStart).find(" qorxmlproc.cpp parse:"))
+        << line;
+  }
 }
 
 TEST_F(CapFileProcessor, EmptyFileHasNoElement) {
@@ -302,30 +317,32 @@ TEST_F(CapFileProcessor, FirstErrorWinsOverALaterOneInTheSameBlock) {
   agent.checkFrequency = "<checkFrequency>12</checkFrequency>";
   std::string content = captest::document(agent);
   content.replace(content.rfind("</subagents>"), 12, "</subagentsx>");
-  EXPECT_EQ(60, parse(content));
-  EXPECT_EQ(60, processor.getLastError().getErrorCode());
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, parse(content));
+  EXPECT_EQ(XML_VALUE_NOT_ALLOWED, processor.getLastError().getErrorCode());
   EXPECT_EQ(8, processor.getLastError().getLineNumber());
   std::string text = trace();
-  EXPECT_EQ(1, qortest::countOccurrences(text, "Error 60 parsing xml file " + dir.file("agent.xml") + "."));
+  EXPECT_EQ(1, qortest::countOccurrences(text, "Error " + std::to_string(XML_VALUE_NOT_ALLOWED) +
+                                                   " parsing xml file " + dir.file("agent.xml") + "."));
   EXPECT_EQ(1, qortest::countOccurrences(text, "Error parsing buffer at byte "));
 }
 
 TEST_F(CapFileProcessor, FailedFileIsFollowedByACorrectParse) {
   captest::Subagent broken = agent;
   broken.agentType = "";
-  EXPECT_EQ(56, captest::parseText(processor, dir, captest::document(broken), policy, "broken.xml"));
+  EXPECT_EQ(XML_MIN_OCCURS_NOT_MET,
+            captest::parseText(processor, dir, captest::document(broken), policy, "broken.xml"));
   EXPECT_EQ(XML_ERROR_TAG_MISMATCH,
             captest::parseText(processor, dir,
                                std::string(captest::declaration()) + "\n" + captest::rootStart() + "</x>",
                                policy, "bad.xml"));
   Policy good;
-  EXPECT_EQ(0, captest::parseText(processor, dir, captest::document(agent), good, "good.xml"));
+  EXPECT_EQ(XML_OK, captest::parseText(processor, dir, captest::document(agent), good, "good.xml"));
   EXPECT_EQ(L"test.agent", good.getSubagentID());
   EXPECT_FALSE(processor.getLastError().isError());
 }
 
 TEST_F(CapFileProcessor, DeclarationIsTraced) {
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   std::string text = trace();
   EXPECT_EQ(1, qortest::countOccurrences(text, "qorXmlDeclHandler:version:<1.0>"));
   EXPECT_EQ(1, qortest::countOccurrences(text, "qorXmlDeclHandler:encoding:<UTF-8>"));
@@ -333,14 +350,14 @@ TEST_F(CapFileProcessor, DeclarationIsTraced) {
 
 TEST_F(CapFileProcessor, NonAsciiTextArrivesAsWideText) {
   agent.agentName = "<agentName>Agent \xc3\xa9t\xc3\xa9 \xe2\x82\xac</agentName>";
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(L"Agent \u00e9t\u00e9 \u20ac", policy.getAgentNameElement());
 }
 
 TEST_F(CapFileProcessor, LongTextIsKeptWhole) {
   std::string name(3000, 'n');
   agent.agentName = "<agentName>" + name + "</agentName>";
-  ASSERT_EQ(0, parse(agent));
+  ASSERT_EQ(XML_OK, parse(agent));
   EXPECT_EQ(std::wstring(3000, L'n'), policy.getAgentNameElement());
 }
 
@@ -356,7 +373,7 @@ TEST(ScriptMapping, UnknownReturnCodeTypeIsTracedAndIgnored) {
   list.getChildren().back().setValue(L"4", 1);
   list.getChildren().back().addAttribute(L"type", L"Warning");
   QorScript target;
-  EXPECT_EQ(0, parseScript(script, &target));
+  EXPECT_EQ(XML_OK, parseScript(script, &target));
   EXPECT_EQ(L"run", target.getOriginalCommand());
   EXPECT_TRUE(target.emptyRCs());
   EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("trace")),
@@ -371,6 +388,6 @@ TEST(ControllerProcessor, ControllerOwnsOneProcessorThatReadsCapFiles) {
   ASSERT_NE(nullptr, processor);
   EXPECT_EQ(processor, Controller::getController()->getXMLProcessor());
   Policy policy;
-  EXPECT_EQ(0, captest::parseText(*processor, dir, captest::document(captest::Subagent()), policy));
+  EXPECT_EQ(XML_OK, captest::parseText(*processor, dir, captest::document(captest::Subagent()), policy));
   EXPECT_EQ(L"test.agent", policy.getSubagentID());
 }

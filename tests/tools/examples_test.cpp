@@ -89,7 +89,7 @@ class ExamplePolicies : public ::testing::Test {
 };
 
 TEST_F(ExamplePolicies, SleeperHasStartAndStopScripts) {
-  ASSERT_EQ(0, parse("sleeper.xml"));
+  ASSERT_EQ(XML_OK, parse("sleeper.xml"));
   EXPECT_EQ(L"example.sleeper", policy.getSubagentID());
   EXPECT_EQ(Console, policy.getAgentTypeElement());
   EXPECT_EQ(L"qor-sleeper", policy.getProcName());
@@ -101,7 +101,7 @@ TEST_F(ExamplePolicies, SleeperHasStartAndStopScripts) {
 }
 
 TEST_F(ExamplePolicies, WatchedHasAStatusScriptWithReturnCodesAndLimits) {
-  ASSERT_EQ(0, parse("watched.xml"));
+  ASSERT_EQ(XML_OK, parse("watched.xml"));
   QorScript* status = policy.getAvailabilityStatusScript();
   EXPECT_EQ(L"$QOR_EXAMPLES/scripts/example-daemon.sh status qor-watched",
             policy.getAvailabilityStatusCommand());
@@ -115,7 +115,7 @@ TEST_F(ExamplePolicies, WatchedHasAStatusScriptWithReturnCodesAndLimits) {
 }
 
 TEST_F(ExamplePolicies, PatternHasACompiledCommandLineAndNeedsTheSleeper) {
-  ASSERT_EQ(0, parse("pattern.xml"));
+  ASSERT_EQ(XML_OK, parse("pattern.xml"));
   EXPECT_EQ(L"qor-pattern", policy.getProcName());
   EXPECT_EQ(L"^/tmp/qor-examples/bin/qor-pattern [0-9]+$", policy.getCommandLine());
   EXPECT_TRUE(policy.getProcRegEx());
@@ -232,7 +232,7 @@ TEST(SchemaAgreementOnCounts, TwentySubagentsPassAndTwentyOneFailBoth) {
   EXPECT_NE(0, xmllint({dir.file("more.xml")}).exitCode);
   qortest::RunResult run = validate({dir.file("more.xml")});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_NE(std::string::npos, run.out.find("error 55")) << run.out;
+  EXPECT_NE(std::string::npos, run.out.find("error " + std::to_string(XML_MAX_OCCURS_EXCEEDED))) << run.out;
 }
 
 // The script that the example CAP files name, run in a directory of its own.

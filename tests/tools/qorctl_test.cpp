@@ -6,9 +6,13 @@
 #include <vector>
 
 #include "cap/capfiles.h"
+#include "cap/qorxmlproc.h"
 #include "support/qortest.h"
 
 namespace {
+
+// The start of qorctl's line for a file that failed with `code`.
+std::string errorCode(int code) { return ": error " + std::to_string(code); }
 
 class QorctlValidate : public ::testing::Test {
  protected:
@@ -79,9 +83,8 @@ TEST_F(QorctlValidate, BadValueGivesCodeLineColumnAndExplanation) {
   std::string file = capFile("a.xml", agent);
   qortest::RunResult run = qorctl({"validate", file});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ(file +
-                ": error 60 at line 8, column 19: The constraint for checkFrequency does not allow a value "
-                "of :12.\n",
+  EXPECT_EQ(file + errorCode(XML_VALUE_NOT_ALLOWED) +
+                " at line 8, column 19: The constraint for checkFrequency does not allow a value of :12.\n",
             run.out);
   EXPECT_EQ("", run.err);
 }
@@ -91,9 +94,8 @@ TEST_F(QorctlValidate, MissingElementIsNamed) {
   std::string file = capFile("a.xml", agent);
   qortest::RunResult run = qorctl({"validate", file});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ(file +
-                ": error 56 at line 6, column 1: The minimum occurrences constraint for agentPath has not "
-                "been met.\n",
+  EXPECT_EQ(file + errorCode(XML_MIN_OCCURS_NOT_MET) +
+                " at line 6, column 1: The minimum occurrences constraint for agentPath has not been met.\n",
             run.out);
 }
 
@@ -102,7 +104,9 @@ TEST_F(QorctlValidate, ElementOutOfPlaceIsNamed) {
   std::string file = capFile("a.xml", agent);
   qortest::RunResult run = qorctl({"validate", file});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ(file + ": error 57 at line 10, column 1: The tag agentName is unexpected.\n", run.out);
+  EXPECT_EQ(
+      file + errorCode(XML_UNEXPECTED_TAG) + " at line 10, column 1: The tag agentName is unexpected.\n",
+      run.out);
 }
 
 TEST_F(QorctlValidate, SyntaxErrorGivesExpatsCodeAndMessage) {
@@ -110,7 +114,7 @@ TEST_F(QorctlValidate, SyntaxErrorGivesExpatsCodeAndMessage) {
   std::string file = capFile("a.xml", agent);
   qortest::RunResult run = qorctl({"validate", file});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ(file + ": error 7 at line 4, column 18: mismatched tag\n", run.out);
+  EXPECT_EQ(file + errorCode(XML_ERROR_TAG_MISMATCH) + " at line 4, column 18: mismatched tag\n", run.out);
 }
 
 TEST_F(QorctlValidate, BadRegularExpressionPointsAtTheCommandLine) {
@@ -118,8 +122,8 @@ TEST_F(QorctlValidate, BadRegularExpressionPointsAtTheCommandLine) {
   std::string file = capFile("a.xml", agent);
   qortest::RunResult run = qorctl({"validate", file});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ(file +
-                ": error 70 at line 5, column 10: Regular Expression Error: sleep (, 66310, "
+  EXPECT_EQ(file + errorCode(XML_BAD_REGEX) +
+                " at line 5, column 10: Regular Expression Error: sleep (, 66310, "
                 "U_REGEX_MISMATCHED_PAREN at offset 7.\n",
             run.out);
 }
@@ -149,19 +153,20 @@ TEST_F(QorctlValidate, MissingFileIsReportedWithoutWaiting) {
   std::string file = dir.file("absent.xml");
   qortest::RunResult run = qorctl({"validate", file});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ(file + ": error 46: cannot be opened: No such file or directory\n", run.out);
+  EXPECT_EQ(file + errorCode(XML_OPEN_FAILED) + ": cannot be opened: No such file or directory\n", run.out);
 }
 
 TEST_F(QorctlValidate, DirectoryIsNoCapFile) {
   qortest::RunResult run = qorctl({"validate", dir.path()});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ(dir.path() + ": error 46: cannot be opened: is a directory\n", run.out);
+  EXPECT_EQ(dir.path() + errorCode(XML_OPEN_FAILED) + ": cannot be opened: is a directory\n", run.out);
 }
 
 TEST_F(QorctlValidate, DeviceIsNoCapFile) {
   qortest::RunResult run = qorctl({"validate", "/dev/null"});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ("/dev/null: error 46: cannot be opened: is not a regular file\n", run.out);
+  EXPECT_EQ("/dev/null" + errorCode(XML_OPEN_FAILED) + ": cannot be opened: is not a regular file\n",
+            run.out);
 }
 
 TEST_F(QorctlValidate, EveryFileIsReportedAndOneFailureFailsThemAll) {
@@ -172,11 +177,10 @@ TEST_F(QorctlValidate, EveryFileIsReportedAndOneFailureFailsThemAll) {
   std::string other = capFile("other.xml", agent);
   qortest::RunResult run = qorctl({"validate", good, bad, other});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ(
-      good + ": ok, subagent test.agent\n" + bad +
-          ": error 60 at line 9, column 16: The constraint for maxRestarts does not allow a value of :-1.\n" +
-          other + ": ok, subagent test.agent\n",
-      run.out);
+  EXPECT_EQ(good + ": ok, subagent test.agent\n" + bad + errorCode(XML_VALUE_NOT_ALLOWED) +
+                " at line 9, column 16: The constraint for maxRestarts does not allow a value of :-1.\n" +
+                other + ": ok, subagent test.agent\n",
+            run.out);
 }
 
 TEST_F(QorctlValidate, QuietPrintsOnlyTheFilesThatAreNotOk) {
@@ -184,7 +188,9 @@ TEST_F(QorctlValidate, QuietPrintsOnlyTheFilesThatAreNotOk) {
   std::string bad = capFile("bad.xml", "<subagents>");
   qortest::RunResult run = qorctl({"validate", "-q", good, bad});
   EXPECT_EQ(1, run.exitCode);
-  EXPECT_EQ(bad + ": error 61 at line 1, column 1: The required attribute xmlns is missing.\n", run.out);
+  EXPECT_EQ(bad + errorCode(XML_ATTRIBUTE_MISSING) +
+                " at line 1, column 1: The required attribute xmlns is missing.\n",
+            run.out);
   run = qorctl({"validate", "-q", good});
   EXPECT_EQ(0, run.exitCode);
   EXPECT_EQ("", run.out);
@@ -205,7 +211,8 @@ TEST_F(QorctlValidate, TracesOnlyWhenAskedFor) {
   setenv("QOR_TRACE_FILE", dir.file("trace").c_str(), 1);
   EXPECT_EQ(1, qorctl({"validate", file}).exitCode);
   std::string trace = qortest::readFile(dir.file("trace"));
-  EXPECT_EQ(1, qortest::countOccurrences(trace, "Error 60 parsing xml file " + file + "."));
+  EXPECT_EQ(1, qortest::countOccurrences(trace, "Error " + std::to_string(XML_VALUE_NOT_ALLOWED) +
+                                                    " parsing xml file " + file + "."));
   EXPECT_EQ(1, qortest::countOccurrences(trace,
                                          "The constraint for checkFrequency does not allow a value of :12."));
 }

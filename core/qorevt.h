@@ -43,9 +43,10 @@ enum TEOEvents {
 constexpr int TEO_MESSAGE_COUNT = 28;
 constexpr int START_MESSAGE_COUNT = 8;
 
-// The text of each event id, and of each start status.
-extern const std::wstring TEOMessages[TEO_MESSAGE_COUNT];
-extern const std::wstring StartMessages[START_MESSAGE_COUNT];
+// The text of each event id, and of each start status. Declared without their
+// bound so that the definitions' row counts are what the size checks see.
+extern const std::wstring TEOMessages[];
+extern const std::wstring StartMessages[];
 
 // The row of TEOMessages for an id; empty for an id outside the table.
 std::wstring teoMessage(int id);

@@ -60,13 +60,12 @@ void Agent::resetReportCountExceeded() {
 
 void Agent::setID(const std::wstring& text) {
   identity.id = text;
-  char buffer[1024];
+  ConvertedText<char, 1024> utf8;
   int length = 0;
   int error = 0;
-  char* utf8 = qor_u_strToUTF8(buffer, sizeof buffer, &length, text.c_str(), -1, &error);
+  utf8.adopt(qor_u_strToUTF8(utf8.buffer(), utf8.capacity(), &length, text.c_str(), -1, &error));
   // A text that does not convert leaves the old short id in place.
-  if (utf8 != nullptr && error == 0) identity.shortID = utf8;
-  if (utf8 != buffer) delete[] utf8;
+  if (utf8.get() != nullptr && error == 0) identity.shortID = utf8.get();
 }
 
 void Agent::setPath(const std::wstring& text) { identity.path = ReplaceEnvVariables(text); }

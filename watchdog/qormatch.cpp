@@ -104,17 +104,15 @@ bool QorCmd::compareCommandLine(const std::wstring& commandLine, Policy* policy,
     return QOR_TRACE_RETURN(commandLine == policy->getCommandLine());
   }
   QOR_TRACE_DETAIL("Command line is a reg expr. Verify if it matches.\n");
-  char buffer[kConversionBuffer];
+  ConvertedText<char, kConversionBuffer> utf8;
   int length = 0;
   int error = 0;
-  char* utf8 = qor_u_strToUTF8(buffer, kConversionBuffer, &length, commandLine.c_str(),
-                               static_cast<int>(commandLine.size()), &error);
-  if (utf8 == nullptr) {
+  if (utf8.adopt(qor_u_strToUTF8(utf8.buffer(), utf8.capacity(), &length, commandLine.c_str(),
+                                 static_cast<int>(commandLine.size()), &error)) == nullptr) {
     QOR_TRACE_DETAIL("Error converting process command line.\n");
     return QOR_TRACE_RETURN(false);
   }
-  icu::UnicodeString text = icu::UnicodeString::fromUTF8(icu::StringPiece(utf8, length));
-  if (utf8 != buffer) delete[] utf8;
+  icu::UnicodeString text = icu::UnicodeString::fromUTF8(icu::StringPiece(utf8.get(), length));
 
   std::lock_guard<std::mutex> lock(regexMutex);
   icu::RegexMatcher* matcher = policy->getRegexMatcher();

@@ -223,7 +223,7 @@ Event* AgentAVCheckEvent::makeCopy(bool shallow) {
   return copy;
 }
 
-CAPFileEvent::CAPFileEvent() : capState(0), agent(nullptr), initialDiscovery(false) {}
+CAPFileEvent::CAPFileEvent() : capState(CAP_FILE_ADDED), agent(nullptr), initialDiscovery(false) {}
 
 CAPFileEvent::CAPFileEvent(const CAPFileEvent& other)
     : Event(other),

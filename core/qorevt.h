@@ -151,6 +151,10 @@ class AgentAVCheckEvent : public AgentEvent {
   time_t checkTime;
 };
 
+// The CAP state of a CAPFileEvent: whether its file came or went.
+constexpr int CAP_FILE_ADDED = 0;
+constexpr int CAP_FILE_REMOVED = 1;
+
 // A CAP file found, added or removed; id 15 marks the end of the initial scan.
 // The agent, when there is one, is a shallow copy for the message, always owned.
 class CAPFileEvent : public Event {
@@ -177,7 +181,7 @@ class CAPFileEvent : public Event {
 
  private:
   std::wstring capFileName;
-  int capState;  // 0 added, 1 removed
+  int capState;  // CAP_FILE_ADDED or CAP_FILE_REMOVED
   Agent* agent;
   bool initialDiscovery;
 };

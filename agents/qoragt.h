@@ -82,83 +82,83 @@ class Agent {
   Agent& operator=(const Agent&) = delete;
 
   int getGUID() const { return guid; }
-  std::wstring getName() const { return name; }
-  void setName(const std::wstring& text) { name = text; }
-  OperatingStates getOperatingState() const { return operatingState; }
+  std::wstring getName() const { return identity.name; }
+  void setName(const std::wstring& text) { identity.name = text; }
+  OperatingStates getOperatingState() const { return standing.operatingState; }
   // States without a process (0, 1, 2, 5) clear the process and its figures.
   void setOperatingState(OperatingStates state);
   void setOperatingState(int state) { setOperatingState(static_cast<OperatingStates>(state)); }
-  ManagedStates getManagedState() const { return managedState; }
-  void setManagedState(ManagedStates state) { managedState = state; }
-  void setManagedState(int state) { managedState = static_cast<ManagedStates>(state); }
+  ManagedStates getManagedState() const { return standing.managedState; }
+  void setManagedState(ManagedStates state) { standing.managedState = state; }
+  void setManagedState(int state) { standing.managedState = static_cast<ManagedStates>(state); }
 
-  int getDailyRestartCount() const { return dailyRestartCount; }
-  void setDailyRestartCount(int count) { dailyRestartCount = count; }
+  int getDailyRestartCount() const { return restarts.count; }
+  void setDailyRestartCount(int count) { restarts.count = count; }
   void resetDailyRestartCount();
-  bool reportCountExceeded() const { return reportCountExceededFlag; }
+  bool reportCountExceeded() const { return restarts.reportCountExceeded; }
   void resetReportCountExceeded();
-  bool reportRestartFailure() const { return reportRestartFailureFlag; }
-  void resetReportRestartFailure() { reportRestartFailureFlag = false; }
-  bool isCountExceeded() const { return countExceeded; }
-  std::wstring getVersion() const { return version; }
+  bool reportRestartFailure() const { return restarts.reportRestartFailure; }
+  void resetReportRestartFailure() { restarts.reportRestartFailure = false; }
+  bool isCountExceeded() const { return restarts.countExceeded; }
+  std::wstring getVersion() const { return identity.version; }
 
-  std::wstring getID() const { return id; }
+  std::wstring getID() const { return identity.id; }
   // Every change of the id goes through here, so that shortID follows it.
   void setID(const std::wstring& text);
-  std::string getshortID() const { return shortID; }
-  int getProcID() const { return procID; }
-  void setProcID(int pid) { procID = pid; }
-  long getParentProcID() const { return parentProcID; }
-  void setParentProcID(long pid) { parentProcID = pid; }
-  std::wstring getProcName() const { return procName; }
-  void setProcName(const std::wstring& text) { procName = text; }
-  std::wstring getPath() const { return path; }
+  std::string getshortID() const { return identity.shortID; }
+  int getProcID() const { return pids.procID; }
+  void setProcID(int pid) { pids.procID = pid; }
+  long getParentProcID() const { return pids.parentProcID; }
+  void setParentProcID(long pid) { pids.parentProcID = pid; }
+  std::wstring getProcName() const { return identity.procName; }
+  void setProcName(const std::wstring& text) { identity.procName = text; }
+  std::wstring getPath() const { return identity.path; }
   // Expands variables in the text first.
   void setPath(const std::wstring& text);
-  std::wstring getInstanceProcName() const { return instanceProcName; }
-  void setInstanceProcName(const std::wstring& text) { instanceProcName = text; }
-  std::wstring getServiceInstanceName() const { return serviceInstanceName; }
-  void setServiceInstanceName(const std::wstring& text) { serviceInstanceName = text; }
-  std::wstring getInstanceName() const { return instanceName; }
-  void setInstanceName(const std::wstring& text) { instanceName = text; }
-  AgentType getType() const { return type; }
-  void setType(AgentType agentType) { type = agentType; }
-  void setType(int agentType) { type = static_cast<AgentType>(agentType); }
+  std::wstring getInstanceProcName() const { return instance.instanceProcName; }
+  void setInstanceProcName(const std::wstring& text) { instance.instanceProcName = text; }
+  std::wstring getServiceInstanceName() const { return instance.serviceInstanceName; }
+  void setServiceInstanceName(const std::wstring& text) { instance.serviceInstanceName = text; }
+  std::wstring getInstanceName() const { return instance.instanceName; }
+  void setInstanceName(const std::wstring& text) { instance.instanceName = text; }
+  AgentType getType() const { return identity.type; }
+  void setType(AgentType agentType) { identity.type = agentType; }
+  void setType(int agentType) { identity.type = static_cast<AgentType>(agentType); }
   Policy* getPolicy() const { return policy; }
   void setPolicy(Policy* owned) { policy = owned; }
-  std::wstring getCmdLine() const { return cmdLine; }
-  void setCmdLine(const std::wstring& text) { cmdLine = text; }
-  std::wstring getAgentVersion() const { return agentVersion; }
-  void setAgentVersion(const std::wstring& text) { agentVersion = text; }
-  std::wstring getAgentBuildNumber() const { return agentBuildNumber; }
-  void setAgentBuildNumber(const std::wstring& text) { agentBuildNumber = text; }
-  std::wstring getUserName() const { return userName; }
-  void setUserName(const std::wstring& text) { userName = text; }
+  std::wstring getCmdLine() const { return instance.cmdLine; }
+  void setCmdLine(const std::wstring& text) { instance.cmdLine = text; }
+  std::wstring getAgentVersion() const { return instance.agentVersion; }
+  void setAgentVersion(const std::wstring& text) { instance.agentVersion = text; }
+  std::wstring getAgentBuildNumber() const { return instance.agentBuildNumber; }
+  void setAgentBuildNumber(const std::wstring& text) { instance.agentBuildNumber = text; }
+  std::wstring getUserName() const { return instance.userName; }
+  void setUserName(const std::wstring& text) { instance.userName = text; }
   Watchdog* getWatchdog() const { return watchdog; }
   void setWatchdog(Watchdog* owned) { watchdog = owned; }
-  unsigned long getCheckMask() const { return checkMask; }
-  void setCheckMask(unsigned long mask) { checkMask = mask; }
+  unsigned long getCheckMask() const { return checks.mask; }
+  void setCheckMask(unsigned long mask) { checks.mask = mask; }
 
   // Process figures. CPU times are in clock ticks; the percentages divide by
   // timeInterval and are 0 while it is 0.
   void setKernelCPU(unsigned long long value);
   void setUserCPU(unsigned long long value);
-  void setTimeInterval(unsigned long long value) { timeInterval = value; }
-  void setTimeIntervalInSec(unsigned int value) { timeIntervalInSec = value; }
-  unsigned int getHandleCount() const { return handleCount; }
-  unsigned int getThreadCount() const { return threadCount; }
-  void setThreadCount(unsigned int count) { threadCount = count; }
-  unsigned long getMemSizeBytes() const { return memSizeBytes; }
-  void setMemSizeBytes(unsigned long bytes) { memSizeBytes = bytes; }
-  unsigned long getMemSizePages() const { return memSizePages; }
-  void setMemSizePages(unsigned long pages) { memSizePages = pages; }
+  void setTimeInterval(unsigned long long value) { figures.timeInterval = value; }
+  void setTimeIntervalInSec(unsigned int value) { figures.timeIntervalInSec = value; }
+  unsigned int getHandleCount() const { return figures.handleCount; }
+  unsigned int getThreadCount() const { return figures.threadCount; }
+  void setThreadCount(unsigned int count) { figures.threadCount = count; }
+  unsigned long getMemSizeBytes() const { return figures.memSizeBytes; }
+  void setMemSizeBytes(unsigned long bytes) { figures.memSizeBytes = bytes; }
+  unsigned long getMemSizePages() const { return figures.memSizePages; }
+  void setMemSizePages(unsigned long pages) { figures.memSizePages = pages; }
   void setPageFaults(unsigned int count);
-  unsigned long getResidentSetSize() const { return residentSetSize; }
-  void setResidentSetSize(unsigned long size) { residentSetSize = size; }
-  unsigned long getVMSize() const { return vmSize; }
-  void addKernelCPU(unsigned long long value) { totalKernelCPU += value; }
-  void addUserCPU(unsigned long long value) { totalUserCPU += value; }
-  void addMemSizeBytes(unsigned long bytes) { memSizeSum += bytes; }
+  unsigned long getResidentSetSize() const { return figures.residentSetSize; }
+  void setResidentSetSize(unsigned long size) { figures.residentSetSize = size; }
+  unsigned long getVMSize() const { return figures.vmSize; }
+  void addKernelCPU(unsigned long long value) { totals.kernelCPU += value; }
+  void addUserCPU(unsigned long long value) { totals.userCPU += value; }
+  void addMemSizeBytes(unsigned long bytes) { totals.memSizeSum += bytes; }
 
   unsigned long long getKernelCPUPercent() const;
   unsigned long long getUserCPUPercent() const;
@@ -174,13 +174,13 @@ class Agent {
   // false when no check is recorded; otherwise the time of the last check.
   bool getLastChecked(time_t& when) const;
   void setCheckTime(time_t when);
-  void resetChecked() { checked = false; }
-  bool availCheckRetryEnabled() const { return availCheckRetry; }
-  void setAvailCheckRetry() { availCheckRetry = true; }
-  void resetAvailCheckRetry() { availCheckRetry = false; }
-  ManagedStates getSavedState() const { return savedState; }
-  void setSavedState(ManagedStates state) { savedState = state; }
-  void setSavedState(int state) { savedState = static_cast<ManagedStates>(state); }
+  void resetChecked() { checks.checked = false; }
+  bool availCheckRetryEnabled() const { return checks.availCheckRetry; }
+  void setAvailCheckRetry() { checks.availCheckRetry = true; }
+  void resetAvailCheckRetry() { checks.availCheckRetry = false; }
+  ManagedStates getSavedState() const { return standing.savedState; }
+  void setSavedState(ManagedStates state) { standing.savedState = state; }
+  void setSavedState(int state) { standing.savedState = static_cast<ManagedStates>(state); }
 
   // Runs the policy's version and build scripts into agentVersion and
   // agentBuildNumber. A list lock held by the caller is given up while each runs.
@@ -195,61 +195,114 @@ class Agent {
   bool isWatchDogAgent() const;
 
  private:
+  // Where the agent stands with the service; the copy keeps it, and
+  // setOperatingState changes the operating state alone.
+  struct Standing {
+    OperatingStates operatingState = OpUnknown;
+    ManagedStates managedState = Unmanaged;
+    ManagedStates savedState = Unmanaged;
+  };
+
+  // The day's restarts and whether their messages are still due. A new day or
+  // an operator's reset puts the whole group back to these values.
+  struct DailyRestarts {
+    int count = 0;
+    bool reportCountExceeded = true;
+    bool reportRestartFailure = true;
+    bool countExceeded = false;
+  };
+
+  // What the CAP file and the service call the agent. Kept in every state.
+  struct Identity {
+    std::wstring name;
+    std::wstring version;  // the record layout; versionString in a new agent
+    std::wstring id;
+    std::string shortID;  // id in UTF-8, kept in step by setID
+    std::wstring procName;
+    std::wstring path;
+    AgentType type = ZEL_UNIX;
+  };
+
+  // What discovery and the agent's own scripts tell about its instance. Kept
+  // when the process goes.
+  struct InstanceTexts {
+    std::wstring instanceProcName;
+    std::wstring serviceInstanceName;
+    std::wstring instanceName;
+    std::wstring cmdLine;
+    std::wstring agentVersion;
+    std::wstring agentBuildNumber;
+    std::wstring userName;
+  };
+
+  // The process found for the agent. Cleared with the figures.
+  struct ProcessIds {
+    int procID = 0;
+    long parentProcID = 0;
+  };
+
+  // The latest sample of the process. Cleared in every state without one.
+  struct ProcessFigures {
+    unsigned long long kernelCPU = 0;
+    unsigned long long userCPU = 0;
+    unsigned long long timeInterval = 0;
+    unsigned int timeIntervalInSec = 0;
+    unsigned int handleCount = 0;  // Kept: stays 0, no setter exists
+    unsigned int threadCount = 0;
+    unsigned long memSizeBytes = 0;
+    unsigned long memSizePages = 0;
+    unsigned int pageFaults = 0;
+    unsigned long residentSetSize = 0;
+    unsigned long vmSize = 0;  // Kept: stays 0, no setter exists
+  };
+
+  // The counters of the sample before, which turn the latest into rates.
+  // Cleared with the figures.
+  struct PreviousSample {
+    unsigned long long kernelCPU = 0;
+    unsigned long long userCPU = 0;
+    unsigned int pageFaults = 0;
+  };
+
+  // The process with its children, summed over a cycle, with the sums of the
+  // cycle before. Kept through every change of state.
+  struct Totals {
+    unsigned long long prevKernelCPU = 0;
+    unsigned long long prevUserCPU = 0;
+    unsigned long long kernelCPU = 0;
+    unsigned long long userCPU = 0;
+    unsigned long memSizeSum = 0;
+    unsigned long long cpuPercent = 0;
+    unsigned long memSizeBytes = 0;
+  };
+
+  // When the agent is checked: the cycles of its mask, the last check, and
+  // whether a failed status is being tried again.
+  struct CheckState {
+    unsigned long mask = 0;
+    time_t lastChecked = 0;
+    bool checked = false;
+    bool availCheckRetry = false;
+  };
+
   // Agents are made on one thread at a time; atomic all the same, so that a
   // test or a later caller on another thread cannot hand out one guid twice.
   static std::atomic<int> guid_counter;
 
   int guid;
-  std::wstring name;
-  OperatingStates operatingState = OpUnknown;
-  ManagedStates managedState = Unmanaged;
-  int dailyRestartCount = 0;
-  bool reportCountExceededFlag = true;
-  bool reportRestartFailureFlag = true;
-  bool countExceeded = false;
-  std::wstring version;
-  std::wstring id;
-  std::string shortID;
-  int procID = 0;
-  long parentProcID = 0;
-  std::wstring procName;
-  std::wstring path;
-  std::wstring instanceProcName;
-  std::wstring serviceInstanceName;
-  std::wstring instanceName;
-  AgentType type = ZEL_UNIX;
+  Standing standing;
+  DailyRestarts restarts;
+  Identity identity;
+  InstanceTexts instance;
+  ProcessIds pids;
+  ProcessFigures figures;
+  PreviousSample previous;
+  Totals totals;
+  CheckState checks;
+  // Neither is copied as a value: a copy gets a Policy of its own, and a
+  // Watchdog of its own only when it is deep.
   Policy* policy = nullptr;
-  std::wstring cmdLine;
-  std::wstring agentVersion;
-  std::wstring agentBuildNumber;
-  std::wstring userName;
   Watchdog* watchdog = nullptr;
-  unsigned long checkMask = 0;
-  unsigned long long prevKernelCPU = 0;
-  unsigned long long prevUserCPU = 0;
-  unsigned long long kernelCPU = 0;
-  unsigned long long userCPU = 0;
-  unsigned long long timeInterval = 0;
-  unsigned int timeIntervalInSec = 0;
-  unsigned int handleCount = 0;  // Kept: stays 0, no setter exists
-  unsigned int threadCount = 0;
-  unsigned long memSizeBytes = 0;
-  unsigned long memSizePages = 0;
-  unsigned int prevPageFaults = 0;
-  unsigned int pageFaults = 0;
-  unsigned long residentSetSize = 0;
-  unsigned long vmSize = 0;  // Kept: stays 0, no setter exists
-  unsigned long long prevTotalKernelCPU = 0;
-  unsigned long long prevTotalUserCPU = 0;
-  unsigned long long totalKernelCPU = 0;
-  unsigned long long totalUserCPU = 0;
-  unsigned long memSizeSum = 0;
-  unsigned long long totalCPUPercent = 0;
-  unsigned long totalMemSizeBytes = 0;
-  time_t lastChecked = 0;
-  bool checked = false;
-  bool availCheckRetry = false;
-  ManagedStates savedState = Unmanaged;
 };
 
 #endif  // QOR_AGENTS_QORAGT_H

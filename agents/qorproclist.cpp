@@ -63,7 +63,7 @@ int ManagedProcessList::lcm(int a, int b) {
   return divisor == 0 ? 0 : product / divisor;
 }
 
-std::bitset<721> ManagedProcessList::getMasterMask() {
+std::bitset<MAX_CHECK_CYCLES> ManagedProcessList::getMasterMask() {
   if (isDirty()) regenCheckMasks();
   return masterMask;
 }
@@ -84,7 +84,7 @@ void ManagedProcessList::regenCheckMasks() {
 
   int cycles = commonMultiple / interval + 1;
   // Kept: schedules longer than an hour at 5 seconds are cut; the cycles beyond the cut never run.
-  if (cycles > 720) cycles = 721;
+  if (cycles > MAX_CHECK_CYCLES) cycles = MAX_CHECK_CYCLES;
   cycleCount.store(cycles, std::memory_order_release);
   QOR_TRACE_STORY("Cycle Count/len of mask = %d", cycles);
   masterMask.reset();

@@ -13,6 +13,10 @@
 
 class Agent;
 
+// The most cycles a check schedule has, and the bits of its mask: bit n for
+// cycle n, where cycle 720 ends an hour of 5-second cycles.
+constexpr int MAX_CHECK_CYCLES = 721;
+
 // Sort order of the schedule: by the check frequency of the agents' policies.
 struct lessThan {
   bool operator()(const Agent* first, const Agent* second) const;
@@ -43,7 +47,7 @@ class ManagedProcessList : public std::list<Agent*> {
 
   // Rebuilds the schedule when it is dirty and returns a copy of the mask.
   // Requires: the list lock NOT held by the caller, since the rebuild takes it.
-  std::bitset<721> getMasterMask();
+  std::bitset<MAX_CHECK_CYCLES> getMasterMask();
   // Turns the check frequencies of the managed agents into per-agent check
   // periods and the mask of cycles in which some agent is due. A period that
   // reaches past the last bit ends the process, as nothing catches it.
@@ -59,7 +63,7 @@ class ManagedProcessList : public std::list<Agent*> {
   int getInterval() const { return interval; }
 
  private:
-  std::bitset<721> masterMask;
+  std::bitset<MAX_CHECK_CYCLES> masterMask;
   std::atomic<int> cycleCount;
   int interval;
   std::atomic<bool> dirty;

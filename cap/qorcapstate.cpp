@@ -54,7 +54,7 @@ void Controller::initialDiscovery() {
       std::wstring path = directory + name;
       QOR_TRACE_DETAIL("FileName<%s>", QOR_N(path));
       CAPFileEvent* event = new CAPFileEvent();
-      event->setCAPState(0);
+      event->setCAPState(CAP_FILE_ADDED);
       event->setInitialDiscovery();
       event->setEventTypeID(cap_added);
       event->setCAPFileName(path);
@@ -77,9 +77,9 @@ bool Controller::isOSAgent(Policy* policy) {
 }
 
 void Controller::ProcessCAPStateChange(CAPFileEvent* event) {
-  if (event->getCAPState() == 0 && event->getEventTypeID() == cap_added) {
+  if (event->getCAPState() == CAP_FILE_ADDED && event->getEventTypeID() == cap_added) {
     capFileAdded(event);
-  } else if (event->getCAPState() == 1 && event->getEventTypeID() == cap_removed) {
+  } else if (event->getCAPState() == CAP_FILE_REMOVED && event->getEventTypeID() == cap_removed) {
     capFileRemoved(event);
   }
 }

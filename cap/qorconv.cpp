@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cwchar>
+#include <memory>
 #include <new>
 
 #include "platform/log1.h"
@@ -22,57 +23,45 @@ bool needsMoreRoom(UErrorCode status, int32_t length) {
   return (status == U_BUFFER_OVERFLOW_ERROR || status == U_STRING_NOT_TERMINATED_WARNING) && length >= 0;
 }
 
-// Owns a temporary array when a conversion needed one.
-template <typename Unit>
-class Grown {
- public:
-  Grown() = default;
-  ~Grown() { delete[] units; }
-  Grown(const Grown&) = delete;
-  Grown& operator=(const Grown&) = delete;
-  Unit* units = nullptr;
-};
-
 }  // namespace
 
 char* qor_u_strToUTF8(char* destination, int capacity, int* outLength, const wchar_t* source,
                       int sourceLength, int* error) {
   QOR_TRACE_FUNCTION();
   *error = QOR_CONVERSION_ERROR;
-  UChar stackUnits[STACK_UNITS];
-  UChar* units = stackUnits;
-  Grown<UChar> grownUnits;
+  ConvertedText<UChar, STACK_UNITS> units;
   int32_t unitLength = 0;
   UErrorCode status = U_ZERO_ERROR;
-  u_strFromWCS(units, STACK_UNITS, &unitLength, source, sourceLength, &status);
+  u_strFromWCS(units.buffer(), units.capacity(), &unitLength, source, sourceLength, &status);
   if (needsMoreRoom(status, unitLength)) {
-    grownUnits.units = new (std::nothrow) UChar[unitLength + 4];
-    if (grownUnits.units == nullptr) {
+    if (units.adopt(new (std::nothrow) UChar[unitLength + 4]) == nullptr) {
       QOR_TRACE_ERROR("Error allocating memory for converting from UTF32 to UTF16.");
       return nullptr;
     }
-    units = grownUnits.units;
     status = U_ZERO_ERROR;
-    u_strFromWCS(units, unitLength + 4, &unitLength, source, sourceLength, &status);
+    u_strFromWCS(units.get(), unitLength + 4, &unitLength, source, sourceLength, &status);
   }
   if (U_FAILURE(status)) {
     QOR_TRACE_ERROR("Error %d converting from Unicode to UTF-8.", static_cast<int>(status));
     return nullptr;
   }
 
+  // A larger array is the caller's only once it is returned.
   char* result = destination;
+  std::unique_ptr<char[]> grown;
   int32_t length = 0;
   status = U_ZERO_ERROR;
-  u_strToUTF8(result, capacity, &length, units, unitLength, &status);
+  u_strToUTF8(result, capacity, &length, units.get(), unitLength, &status);
   if (needsMoreRoom(status, length)) {
     QOR_TRACE_DETAIL("Buffer too small.  Allocating new buffer.  Caller must free it.");
-    result = new (std::nothrow) char[length + 4];
-    if (result == nullptr) {
+    grown.reset(new (std::nothrow) char[length + 4]);
+    if (grown == nullptr) {
       QOR_TRACE_ERROR("Error allocating memory for converting from UTF-8 to Unicode.");
       return nullptr;
     }
+    result = grown.get();
     status = U_ZERO_ERROR;
-    u_strToUTF8(result, length + 4, &length, units, unitLength, &status);
+    u_strToUTF8(result, length + 4, &length, units.get(), unitLength, &status);
   }
   if (U_FAILURE(status) || status == U_STRING_NOT_TERMINATED_WARNING) {
     if (status == U_STRING_NOT_TERMINATED_WARNING) {
@@ -80,28 +69,30 @@ char* qor_u_strToUTF8(char* destination, int capacity, int* outLength, const wch
     } else {
       QOR_TRACE_ERROR("Error %d converting from Unicode to UTF-8.", static_cast<int>(status));
     }
-    if (result != destination) delete[] result;
     return nullptr;
   }
   if (outLength != nullptr) *outLength = length;
   *error = 0;
-  return result;
+  return grown != nullptr ? grown.release() : result;
 }
 
 UChar* qor_ucharFromUTF8(UChar* destination, int capacity, int* outLength, const char* source,
                          int sourceLength, int* error) {
   QOR_TRACE_FUNCTION();
   *error = QOR_CONVERSION_ERROR;
+  // A larger array is the caller's only once it is returned.
   UChar* result = destination;
+  std::unique_ptr<UChar[]> grown;
   int32_t length = 0;
   UErrorCode status = U_ZERO_ERROR;
   u_strFromUTF8(result, capacity, &length, source, sourceLength, &status);
   if (needsMoreRoom(status, length)) {
-    result = new (std::nothrow) UChar[length + 4];
-    if (result == nullptr) {
+    grown.reset(new (std::nothrow) UChar[length + 4]);
+    if (grown == nullptr) {
       QOR_TRACE_ERROR("Error allocating memory for converting from UTF-8 to UChar.");
       return nullptr;
     }
+    result = grown.get();
     status = U_ZERO_ERROR;
     u_strFromUTF8(result, length + 4, &length, source, sourceLength, &status);
   }
@@ -111,64 +102,64 @@ UChar* qor_ucharFromUTF8(UChar* destination, int capacity, int* outLength, const
     } else {
       QOR_TRACE_ERROR("Error %d converting from UTF-8 to UChar.", static_cast<int>(status));
     }
-    if (result != destination) delete[] result;
     return nullptr;
   }
   if (outLength != nullptr) *outLength = length;
   *error = 0;
-  return result;
+  return grown != nullptr ? grown.release() : result;
 }
 
 wchar_t* qor_u_strFromUTF8(wchar_t* destination, int capacity, int* outLength, const char* source,
                            int sourceLength, int* error) {
   QOR_TRACE_FUNCTION();
-  UChar stackUnits[STACK_UNITS];
+  ConvertedText<UChar, STACK_UNITS> units;
   int32_t unitLength = 0;
-  UChar* units = qor_ucharFromUTF8(stackUnits, STACK_UNITS, &unitLength, source, sourceLength, error);
-  if (units == nullptr) return nullptr;
-  Grown<UChar> grownUnits;
-  if (units != stackUnits) grownUnits.units = units;
+  if (units.adopt(qor_ucharFromUTF8(units.buffer(), units.capacity(), &unitLength, source, sourceLength,
+                                    error)) == nullptr) {
+    return nullptr;
+  }
   *error = QOR_CONVERSION_ERROR;
 
-  // A wide text never has more characters than its UTF-16 form has units.
+  // A wide text never has more characters than its UTF-16 form has units. A
+  // larger array is the caller's only once it is returned.
   wchar_t* result = destination;
+  std::unique_ptr<wchar_t[]> grown;
   int resultCapacity = capacity;
   if (unitLength >= capacity) {
     resultCapacity = unitLength + 4;
-    result = new (std::nothrow) wchar_t[resultCapacity];
-    if (result == nullptr) {
+    grown.reset(new (std::nothrow) wchar_t[resultCapacity]);
+    if (grown == nullptr) {
       QOR_TRACE_ERROR("Error allocating memory for converting from UChar to wchar_t.");
       return nullptr;
     }
+    result = grown.get();
   }
   int32_t length = 0;
   UErrorCode status = U_ZERO_ERROR;
-  u_strToWCS(result, resultCapacity, &length, units, unitLength, &status);
-  if (grownUnits.units != nullptr) QOR_TRACE_DETAIL("Freeing the temporary UChar buffer.");
+  u_strToWCS(result, resultCapacity, &length, units.get(), unitLength, &status);
+  if (units.grown()) QOR_TRACE_DETAIL("Freeing the temporary UChar buffer.");
   if (U_FAILURE(status) || status == U_STRING_NOT_TERMINATED_WARNING) {
     if (status == U_STRING_NOT_TERMINATED_WARNING) {
       QOR_TRACE_ERROR("Buffer too small to zero terminate.");
     } else {
       QOR_TRACE_ERROR("Error %d converting from UChar to wchar_t.", static_cast<int>(status));
     }
-    if (result != destination) delete[] result;
     return nullptr;
   }
   if (outLength != nullptr) *outLength = length;
   *error = 0;
-  return result;
+  return grown != nullptr ? grown.release() : result;
 }
 
 std::string qor_utf8(const std::wstring& text) {
-  char buffer[256];
+  ConvertedText<char, 256> utf8;
   int length = 0;
   int error = 0;
-  char* utf8 =
-      qor_u_strToUTF8(buffer, sizeof buffer, &length, text.c_str(), static_cast<int>(text.size()), &error);
-  if (utf8 == nullptr) return std::string();
-  std::string result(utf8, static_cast<size_t>(length));
-  if (utf8 != buffer) delete[] utf8;
-  return result;
+  if (utf8.adopt(qor_u_strToUTF8(utf8.buffer(), utf8.capacity(), &length, text.c_str(),
+                                 static_cast<int>(text.size()), &error)) == nullptr) {
+    return std::string();
+  }
+  return std::string(utf8.get(), static_cast<size_t>(length));
 }
 
 int QOR_swprintf(char* destination, size_t size, const wchar_t* format, ...) {

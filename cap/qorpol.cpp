@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "core/qorutil.h"
 #include "platform/log1.h"
@@ -12,7 +13,7 @@
 
 QOR_TRACE_UNIT();
 
-const char* const AgentTypeString[AGENT_TYPE_STRING_COUNT] = {
+const char* const AgentTypeString[] = {
     "ZEL UNIX",         // ZEL_UNIX
     "Console",          // Console
     "Windows Service",  // WinService
@@ -21,6 +22,7 @@ const char* const AgentTypeString[AGENT_TYPE_STRING_COUNT] = {
     "Linux Service",    // LnxService
     "Unix Daemon",      // UnixDaemon
 };
+static_assert(std::size(AgentTypeString) == AGENT_TYPE_STRING_COUNT, "one text per agent type 0 to 6");
 
 const std::wstring ZEL_AGENT_NOT_CONFIGURED = L"<not configured>";
 const std::wstring QOR_CMD_TIMEOUT_STRING = L"<command timed out>";

@@ -56,7 +56,7 @@ enum MemoryUnit {
 // Display texts of the agent types 0 to 6.
 // Kept: no text for ZEL_Windows (7); only the system-service types 2, 5 and 6 are ever printed.
 constexpr int AGENT_TYPE_STRING_COUNT = 7;
-extern const char* const AgentTypeString[AGENT_TYPE_STRING_COUNT];
+extern const char* const AgentTypeString[];
 
 // The instance name the instance enumeration gives when the product has no
 // configured instance, and the output a timed-out command gives in place of text.

@@ -54,7 +54,7 @@ void compareOnce(std::vector<std::wstring>& known, const std::vector<std::wstrin
     const std::wstring name = *difference.second;
     if (!looksLikeCapFile(name)) return;
     QOR_TRACE_STORY("CAP file name that was added <%s>", QOR_N(name));
-    raiseCapEvent(0, cap_added, name);
+    raiseCapEvent(CAP_FILE_ADDED, cap_added, name);
     known.insert(difference.first, name);
   } else if (current.size() < known.size()) {
     QOR_TRACE_STORY("FILE_ACTION_REMOVED");
@@ -62,7 +62,7 @@ void compareOnce(std::vector<std::wstring>& known, const std::vector<std::wstrin
     const std::wstring name = *difference.second;
     if (!looksLikeCapFile(name)) return;
     QOR_TRACE_STORY("CAP file name that was deleted <%s>", QOR_N(name));
-    raiseCapEvent(1, cap_removed, name);
+    raiseCapEvent(CAP_FILE_REMOVED, cap_removed, name);
     known.erase(difference.second);
   }
 }

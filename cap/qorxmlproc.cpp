@@ -21,27 +21,20 @@ namespace {
 
 constexpr int NAME_UNITS = 128;
 
-// Converts expat's UTF-8 into wide text, keeping the caller's stack buffer
-// when the text fits and freeing a larger array on destruction.
+// Converts expat's UTF-8 into wide text, in a stack buffer when the text fits.
 class WideText {
  public:
   WideText(const char* utf8, int length) {
-    text = qor_u_strFromUTF8(buffer, NAME_UNITS, &textLength, utf8, length, &error);
+    text.adopt(qor_u_strFromUTF8(text.buffer(), text.capacity(), &textLength, utf8, length, &error));
   }
-  ~WideText() {
-    if (text != buffer) delete[] text;
-  }
-  WideText(const WideText&) = delete;
-  WideText& operator=(const WideText&) = delete;
 
-  bool ok() const { return error == 0 && text != nullptr; }
+  bool ok() const { return error == 0 && text.get() != nullptr; }
   int code() const { return error != 0 ? error : XML_CONVERSION_FAILED; }
-  const wchar_t* get() const { return text; }
+  const wchar_t* get() const { return text.get(); }
   int length() const { return textLength; }
 
  private:
-  wchar_t buffer[NAME_UNITS];
-  wchar_t* text = nullptr;
+  ConvertedText<wchar_t, NAME_UNITS> text;
   int textLength = 0;
   int error = 0;
 };
@@ -423,13 +416,14 @@ int mapCommandLine(XMLElement& element, MappingContext& context) {
       continue;
     }
     policy.setProcRegEx(true);
-    char buffer[2096];
+    ConvertedText<char, 2096> utf8;
     int length = 0;
     int error = 0;
-    char* utf8 = qor_u_strToUTF8(buffer, sizeof buffer, &length, expanded.c_str(), -1, &error);
-    if (utf8 == nullptr) continue;
-    icu::UnicodeString pattern(utf8);
-    if (utf8 != buffer) delete[] utf8;
+    if (utf8.adopt(qor_u_strToUTF8(utf8.buffer(), utf8.capacity(), &length, expanded.c_str(), -1, &error)) ==
+        nullptr) {
+      continue;
+    }
+    icu::UnicodeString pattern(utf8.get());
     UErrorCode status = U_ZERO_ERROR;
     icu::RegexMatcher* matcher = new icu::RegexMatcher(pattern, 0, status);
     QOR_TRACE_DETAIL("Test of commandLine expression %s.\n", qor_utf8(expanded).c_str());

@@ -3,6 +3,7 @@
 #include <ctime>
 #include <cwchar>
 #include <functional>
+#include <iterator>
 
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
@@ -12,7 +13,7 @@
 QOR_TRACE_UNIT();
 
 // Kept: row 9 is never raised; it keeps the numbering, spelling and all.
-const std::wstring TEOMessages[TEO_MESSAGE_COUNT] = {
+const std::wstring TEOMessages[] = {
     L"Agent added to system - CAP file found.",         // 0
     L"Agent removed from system - CAP file removed.",   // 1
     L"Agent now managed.",                              // 2
@@ -42,9 +43,9 @@ const std::wstring TEOMessages[TEO_MESSAGE_COUNT] = {
     L"Agent daily restart count reset",                 // 26
     L"Teo Services watchdog not reliable",              // 27
 };
-static_assert(sizeof(TEOMessages) / sizeof(TEOMessages[0]) == 28, "one message per event id");
+static_assert(std::size(TEOMessages) == TEO_MESSAGE_COUNT, "one message per event id");
 
-const std::wstring StartMessages[START_MESSAGE_COUNT] = {
+const std::wstring StartMessages[] = {
     L"Start successfully.",                // 0
     L"Dependent agent id not found.",      // 1
     L"Dependent agent path invalid.",      // 2
@@ -54,7 +55,7 @@ const std::wstring StartMessages[START_MESSAGE_COUNT] = {
     L"Start script not found.",            // 6
     L"Agent start script failed.",         // 7
 };
-static_assert(sizeof(StartMessages) / sizeof(StartMessages[0]) == 8, "one message per start status");
+static_assert(std::size(StartMessages) == START_MESSAGE_COUNT, "one message per start status");
 
 std::wstring teoMessage(int id) {
   return id >= 0 && id < TEO_MESSAGE_COUNT ? TEOMessages[id] : std::wstring();
@@ -223,7 +224,7 @@ Event* AgentAVCheckEvent::makeCopy(bool shallow) {
   return copy;
 }
 
-CAPFileEvent::CAPFileEvent() : capState(0), agent(nullptr), initialDiscovery(false) {}
+CAPFileEvent::CAPFileEvent() : capState(CAP_FILE_ADDED), agent(nullptr), initialDiscovery(false) {}
 
 CAPFileEvent::CAPFileEvent(const CAPFileEvent& other)
     : Event(other),

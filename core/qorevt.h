@@ -43,9 +43,10 @@ enum TEOEvents {
 constexpr int TEO_MESSAGE_COUNT = 28;
 constexpr int START_MESSAGE_COUNT = 8;
 
-// The text of each event id, and of each start status.
-extern const std::wstring TEOMessages[TEO_MESSAGE_COUNT];
-extern const std::wstring StartMessages[START_MESSAGE_COUNT];
+// The text of each event id, and of each start status. Declared without their
+// bound so that the definitions' row counts are what the size checks see.
+extern const std::wstring TEOMessages[];
+extern const std::wstring StartMessages[];
 
 // The row of TEOMessages for an id; empty for an id outside the table.
 std::wstring teoMessage(int id);
@@ -150,6 +151,10 @@ class AgentAVCheckEvent : public AgentEvent {
   time_t checkTime;
 };
 
+// The CAP state of a CAPFileEvent: whether its file came or went.
+constexpr int CAP_FILE_ADDED = 0;
+constexpr int CAP_FILE_REMOVED = 1;
+
 // A CAP file found, added or removed; id 15 marks the end of the initial scan.
 // The agent, when there is one, is a shallow copy for the message, always owned.
 class CAPFileEvent : public Event {
@@ -176,7 +181,7 @@ class CAPFileEvent : public Event {
 
  private:
   std::wstring capFileName;
-  int capState;  // 0 added, 1 removed
+  int capState;  // CAP_FILE_ADDED or CAP_FILE_REMOVED
   Agent* agent;
   bool initialDiscovery;
 };

@@ -38,7 +38,7 @@ std::vector<std::wstring> splitCapDirs(const std::wstring& value) {
 }
 
 // The directory of an entry: the text before its last "/".
-std::wstring directoryOf(const std::wstring& entry) {
+std::wstring beforeLastSlashOrWhole(const std::wstring& entry) {
   size_t slash = entry.rfind(L'/');
   return slash == std::wstring::npos ? entry : entry.substr(0, slash);
 }
@@ -63,7 +63,7 @@ void InitializeTEO() {
     entries = splitCapDirs(expanded);
     bool found = false;
     for (const std::wstring& entry : entries) {
-      if (FileExists(directoryOf(entry))) {
+      if (FileExists(beforeLastSlashOrWhole(entry))) {
         controller->setTEODirPath(entry);
         QOR_TRACE_STORY("TEO directory = %s.\n", QOR_N(entry));
         found = true;

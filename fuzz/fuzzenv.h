@@ -95,13 +95,14 @@ inline std::wstring wideText(const char* bytes, size_t size, bool utf8) {
       text.push_back(static_cast<wchar_t>(static_cast<unsigned char>(bytes[i])));
     return text;
   }
-  wchar_t buffer[128];
+  ConvertedText<wchar_t, 128> wide;
   int length = 0;
   int error = 0;
-  wchar_t* wide = qor_u_strFromUTF8(buffer, 128, &length, bytes, static_cast<int>(size), &error);
-  if (wide == nullptr) return text;
-  text.assign(wide, static_cast<size_t>(length));
-  if (wide != buffer) delete[] wide;
+  if (wide.adopt(qor_u_strFromUTF8(wide.buffer(), wide.capacity(), &length, bytes, static_cast<int>(size),
+                                   &error)) == nullptr) {
+    return text;
+  }
+  text.assign(wide.get(), static_cast<size_t>(length));
   return text;
 }
 

@@ -47,7 +47,7 @@ bool isDatabaseCode(const Policy* policy) {
 }
 
 // The part before the last "/"; empty when there is none.
-std::wstring directoryOf(const std::wstring& path) {
+std::wstring beforeLastSlashOrEmpty(const std::wstring& path) {
   size_t slash = path.rfind(L'/');
   return slash == std::wstring::npos ? std::wstring() : path.substr(0, slash);
 }
@@ -104,17 +104,15 @@ bool QorCmd::compareCommandLine(const std::wstring& commandLine, Policy* policy,
     return QOR_TRACE_RETURN(commandLine == policy->getCommandLine());
   }
   QOR_TRACE_DETAIL("Command line is a reg expr. Verify if it matches.\n");
-  char buffer[kConversionBuffer];
+  ConvertedText<char, kConversionBuffer> utf8;
   int length = 0;
   int error = 0;
-  char* utf8 = qor_u_strToUTF8(buffer, kConversionBuffer, &length, commandLine.c_str(),
-                               static_cast<int>(commandLine.size()), &error);
-  if (utf8 == nullptr) {
+  if (utf8.adopt(qor_u_strToUTF8(utf8.buffer(), utf8.capacity(), &length, commandLine.c_str(),
+                                 static_cast<int>(commandLine.size()), &error)) == nullptr) {
     QOR_TRACE_DETAIL("Error converting process command line.\n");
     return QOR_TRACE_RETURN(false);
   }
-  icu::UnicodeString text = icu::UnicodeString::fromUTF8(icu::StringPiece(utf8, length));
-  if (utf8 != buffer) delete[] utf8;
+  icu::UnicodeString text = icu::UnicodeString::fromUTF8(icu::StringPiece(utf8.get(), length));
 
   std::lock_guard<std::mutex> lock(regexMutex);
   icu::RegexMatcher* matcher = policy->getRegexMatcher();
@@ -156,10 +154,10 @@ bool QorCmdUNIX::applicationMatch(int pid, const std::wstring& commandLine, std:
                                   Policy* policy) {
   QOR_TRACE_FUNCTION();
   bool match = false;
-  const std::wstring policyDir = directoryOf(path);
+  const std::wstring policyDir = beforeLastSlashOrEmpty(path);
   QOR_TRACE_DETAIL("Application %s, instance %s, path = %s\n", QOR_N(appName), QOR_N(instance), QOR_N(path));
   const std::wstring exePath = GetExecutablePath(pid, policyDir);
-  const std::wstring exeDir = directoryOf(exePath);
+  const std::wstring exeDir = beforeLastSlashOrEmpty(exePath);
   const std::wstring exeName = exePath.substr(exePath.rfind(L'/') + 1);  // all of it without a slash
 
   const bool directoryOK =
@@ -342,7 +340,7 @@ void QorCmdUNIX::getPolicyProcesses(Policy* policy, std::vector<QorProcess*> all
   const std::wstring processName = policy->getProcName();
   const std::wstring agentPath = policy->getAgentPath();
   if (agentPath.find(L'/') == std::wstring::npos) return;
-  const std::wstring directory = directoryOf(agentPath);
+  const std::wstring directory = beforeLastSlashOrEmpty(agentPath);
   for (QorProcess* process : all) {
     // Kept: nothing fills the command name on Linux, so every process is a candidate.
     const std::wstring cmdName = process->getCmdName();

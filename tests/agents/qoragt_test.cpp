@@ -38,6 +38,134 @@ void giveFigures(Agent& agent) {
   agent.setResidentSetSize(55);
 }
 
+// Gives every field that a setter reaches a value of its own, none of them a
+// default, and the guid of a new agent.
+Agent* makeFullAgent() {
+  Agent* agent = new Agent();
+  agent->setName(L"Agent qf9");
+  agent->setID(L"qf9");
+  agent->setManagedState(Managed);
+  agent->setSavedState(WatchdogManaged);
+  agent->setDailyRestartCount(3);
+  agent->resetReportCountExceeded();
+  agent->resetReportRestartFailure();
+  agent->setProcName(L"server");
+  agent->setPath(L"/opt/qf9/bin");
+  agent->setInstanceProcName(L"/opt/qf9/bin/server");
+  agent->setServiceInstanceName(L"svc9");
+  agent->setInstanceName(L"inst9");
+  agent->setType(UnixDaemon);
+  agent->setCmdLine(L"server -x");
+  agent->setAgentVersion(L"9.1");
+  agent->setAgentBuildNumber(L"b42");
+  agent->setUserName(L"qfuser");
+  agent->setCheckMask(90);
+  Policy* policy = new Policy();
+  policy->setSubagentID(L"qf9");
+  agent->setPolicy(policy);
+
+  agent->setProcID(4321);
+  agent->setParentProcID(17);
+  agent->setKernelCPU(100);
+  agent->setKernelCPU(400);
+  agent->setUserCPU(50);
+  agent->setUserCPU(250);
+  agent->setTimeInterval(1000);
+  agent->setTimeIntervalInSec(5);
+  agent->setPageFaults(20);
+  agent->setPageFaults(120);
+  agent->setThreadCount(7);
+  agent->setMemSizeBytes(4096);
+  agent->setMemSizePages(3);
+  agent->setResidentSetSize(55);
+
+  // Totals of one cycle, then the sums of the next: every total differs.
+  agent->addKernelCPU(600);
+  agent->addUserCPU(400);
+  agent->addMemSizeBytes(2000);
+  agent->calculateTotalCounters();
+  agent->resetTotalCounters();
+  agent->addKernelCPU(700);
+  agent->addUserCPU(500);
+  agent->addMemSizeBytes(3000);
+
+  agent->setCheckTime(1234);
+  agent->setAvailCheckRetry();
+  agent->setOperatingState(OpRunning);
+  return agent;
+}
+
+// The process figures that makeFullAgent gives.
+void expectFullProcessFigures(const Agent& agent) {
+  EXPECT_EQ(4321, agent.getProcID());
+  EXPECT_EQ(17, agent.getParentProcID());
+  EXPECT_EQ(30u, agent.getKernelCPUPercent());  // (400 - 100) * 100 / 1000
+  EXPECT_EQ(20u, agent.getUserCPUPercent());    // (250 - 50) * 100 / 1000
+  EXPECT_EQ(50u, agent.getCPUPercent());
+  EXPECT_EQ(20u, agent.getPageFaultsPerSec());  // (120 - 20) / 5
+  EXPECT_EQ(7u, agent.getThreadCount());
+  EXPECT_EQ(4096u, agent.getMemSizeBytes());
+  EXPECT_EQ(3u, agent.getMemSizePages());
+  EXPECT_EQ(55u, agent.getResidentSetSize());
+  EXPECT_EQ(0u, agent.getHandleCount());
+  EXPECT_EQ(0u, agent.getVMSize());
+}
+
+void expectNoProcessFigures(const Agent& agent) {
+  EXPECT_EQ(0, agent.getProcID());
+  EXPECT_EQ(0, agent.getParentProcID());
+  EXPECT_EQ(0u, agent.getKernelCPUPercent());
+  EXPECT_EQ(0u, agent.getUserCPUPercent());
+  EXPECT_EQ(0u, agent.getCPUPercent());
+  EXPECT_EQ(0u, agent.getPageFaultsPerSec());
+  EXPECT_EQ(0u, agent.getThreadCount());
+  EXPECT_EQ(0u, agent.getMemSizeBytes());
+  EXPECT_EQ(0u, agent.getMemSizePages());
+  EXPECT_EQ(0u, agent.getResidentSetSize());
+  EXPECT_EQ(0u, agent.getHandleCount());
+  EXPECT_EQ(0u, agent.getVMSize());
+}
+
+// Every other field that makeFullAgent gives. The sums of the running cycle
+// and of the one before show only in a new total, so this ends by computing
+// one over an interval of 1000.
+void expectFullRest(Agent& agent) {
+  EXPECT_EQ(L"Agent qf9", agent.getName());
+  EXPECT_EQ(L"qf9", agent.getID());
+  EXPECT_EQ("qf9", agent.getshortID());
+  EXPECT_EQ(L"6.2.2.2", agent.getVersion());
+  EXPECT_EQ(Managed, agent.getManagedState());
+  EXPECT_EQ(WatchdogManaged, agent.getSavedState());
+  EXPECT_EQ(3, agent.getDailyRestartCount());
+  EXPECT_FALSE(agent.reportCountExceeded());
+  EXPECT_TRUE(agent.isCountExceeded());
+  EXPECT_FALSE(agent.reportRestartFailure());
+  EXPECT_EQ(L"server", agent.getProcName());
+  EXPECT_EQ(L"/opt/qf9/bin", agent.getPath());
+  EXPECT_EQ(L"/opt/qf9/bin/server", agent.getInstanceProcName());
+  EXPECT_EQ(L"svc9", agent.getServiceInstanceName());
+  EXPECT_EQ(L"inst9", agent.getInstanceName());
+  EXPECT_EQ(UnixDaemon, agent.getType());
+  EXPECT_EQ(L"server -x", agent.getCmdLine());
+  EXPECT_EQ(L"9.1", agent.getAgentVersion());
+  EXPECT_EQ(L"b42", agent.getAgentBuildNumber());
+  EXPECT_EQ(L"qfuser", agent.getUserName());
+  EXPECT_EQ(90u, agent.getCheckMask());
+  ASSERT_NE(nullptr, agent.getPolicy());
+  EXPECT_EQ(L"qf9", agent.getPolicy()->getSubagentID());
+  time_t when = 0;
+  EXPECT_TRUE(agent.getLastChecked(when));
+  EXPECT_EQ(1234, when);
+  EXPECT_TRUE(agent.availCheckRetryEnabled());
+
+  EXPECT_EQ(100u, agent.getTotalCPUPercent());     // (600 + 400) * 100 / 1000
+  EXPECT_EQ(2000u, agent.getTotalMemSizeBytes());  // the sum of the first cycle
+  agent.setTimeInterval(1000);
+  agent.calculateTotalCounters();
+  EXPECT_EQ(20u, agent.getTotalCPUPercent());      // (700 - 600 + 500 - 400) * 100 / 1000
+  EXPECT_EQ(3000u, agent.getTotalMemSizeBytes());  // the sum of the running cycle
+}
+
 }  // namespace
 
 TEST(AgentRecord, DefaultsOfANewAgent) {
@@ -108,6 +236,63 @@ TEST(AgentRecord, DeepCopyOfAnAgentWithoutWatchdogHasNone) {
   Agent copy(*source, false);
   EXPECT_EQ(nullptr, copy.getWatchdog());
   delete source;
+}
+
+TEST(AgentRecord, ShallowAndDeepCopiesKeepEveryField) {
+  Agent* source = makeFullAgent();
+  Watchdog* watchdog = new Watchdog();
+  watchdog->setAgent(source);
+  source->setWatchdog(watchdog);
+
+  for (bool shallow : {true, false}) {
+    SCOPED_TRACE(shallow ? "shallow" : "deep");
+    Agent copy(*source, shallow);
+    EXPECT_EQ(source->getGUID(), copy.getGUID());
+    EXPECT_EQ(OpRunning, copy.getOperatingState());
+    EXPECT_NE(source->getPolicy(), copy.getPolicy());
+    if (shallow) {
+      EXPECT_EQ(nullptr, copy.getWatchdog());
+    } else {
+      ASSERT_NE(nullptr, copy.getWatchdog());
+      EXPECT_NE(watchdog, copy.getWatchdog());
+      EXPECT_EQ(&copy, copy.getWatchdog()->getAgent());
+    }
+    expectFullProcessFigures(copy);
+    expectFullRest(copy);
+  }
+  // What was done to the copies left the source as it was.
+  expectFullProcessFigures(*source);
+  expectFullRest(*source);
+  delete source;
+}
+
+TEST(AgentRecord, StatesWithoutAProcessClearItsFiguresAndKeepEverythingElse) {
+  for (OperatingStates state : {OpUnknown, OpNotFound, OpStopped, OpManuallyStopped}) {
+    SCOPED_TRACE(state);
+    Agent* agent = makeFullAgent();
+    agent->setOperatingState(state);
+    EXPECT_EQ(state, agent->getOperatingState());
+    expectNoProcessFigures(*agent);
+    expectFullRest(*agent);
+    // The sample before went too: with intervals again, there is still no rate.
+    agent->setTimeIntervalInSec(5);
+    EXPECT_EQ(0u, agent->getKernelCPUPercent());
+    EXPECT_EQ(0u, agent->getUserCPUPercent());
+    EXPECT_EQ(0u, agent->getPageFaultsPerSec());
+    delete agent;
+  }
+}
+
+TEST(AgentRecord, StatesWithAProcessKeepEveryField) {
+  for (OperatingStates state : {OpStarting, OpRunning, OpStopping, OpNotConfigured}) {
+    SCOPED_TRACE(state);
+    Agent* agent = makeFullAgent();
+    agent->setOperatingState(state);
+    EXPECT_EQ(state, agent->getOperatingState());
+    expectFullProcessFigures(*agent);
+    expectFullRest(*agent);
+    delete agent;
+  }
 }
 
 TEST(AgentRecord, CopyOfAnAgentWithoutPolicyHasNone) {

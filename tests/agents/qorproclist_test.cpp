@@ -28,7 +28,7 @@ class OwningList : public ManagedProcessList {
   }
 };
 
-std::vector<size_t> setBits(const std::bitset<721>& mask) {
+std::vector<size_t> setBits(const std::bitset<MAX_CHECK_CYCLES>& mask) {
   std::vector<size_t> bits;
   for (size_t i = 0; i < mask.size(); ++i) {
     if (mask.test(i)) bits.push_back(i);
@@ -41,7 +41,7 @@ std::vector<size_t> setBits(const std::bitset<721>& mask) {
 TEST(CheckSchedule, OneAgentAtSixtySeconds) {
   OwningList list;
   Agent* agent = list.add(L"a", 60);
-  std::bitset<721> mask = list.getMasterMask();
+  std::bitset<MAX_CHECK_CYCLES> mask = list.getMasterMask();
   EXPECT_EQ(13, list.getCycleCount());
   EXPECT_EQ(std::vector<size_t>({12}), setBits(mask));
   EXPECT_EQ(12u, agent->getCheckMask());
@@ -52,7 +52,7 @@ TEST(CheckSchedule, TwoAgentsAtTenAndFifteenSeconds) {
   OwningList list;
   Agent* ten = list.add(L"ten", 10);
   Agent* fifteen = list.add(L"fifteen", 15);
-  std::bitset<721> mask = list.getMasterMask();
+  std::bitset<MAX_CHECK_CYCLES> mask = list.getMasterMask();
   EXPECT_EQ(7, list.getCycleCount());
   EXPECT_EQ(2u, ten->getCheckMask());
   EXPECT_EQ(3u, fifteen->getCheckMask());
@@ -62,7 +62,7 @@ TEST(CheckSchedule, TwoAgentsAtTenAndFifteenSeconds) {
 
 TEST(CheckSchedule, EmptyListHasTwoCyclesAndNoBit) {
   OwningList list;
-  std::bitset<721> mask = list.getMasterMask();
+  std::bitset<MAX_CHECK_CYCLES> mask = list.getMasterMask();
   EXPECT_EQ(2, list.getCycleCount());
   EXPECT_TRUE(setBits(mask).empty());
 }
@@ -72,7 +72,7 @@ TEST(CheckSchedule, OnlyUnmanagedAgentsScheduleLikeAnEmptyList) {
   Agent* a = list.add(L"a", 60, Unmanaged);
   Agent* b = list.add(L"b", 15, Unmanaged);
   a->setCheckMask(99);
-  std::bitset<721> mask = list.getMasterMask();
+  std::bitset<MAX_CHECK_CYCLES> mask = list.getMasterMask();
   EXPECT_EQ(2, list.getCycleCount());
   EXPECT_TRUE(setBits(mask).empty());
   EXPECT_EQ(0u, a->getCheckMask());
@@ -110,17 +110,23 @@ TEST(CheckSchedule, ChangesMakeTheScheduleDirty) {
 TEST(CheckSchedule, AFrequencyShorterThanACycleGetsNoPeriod) {
   OwningList list;
   Agent* agent = list.add(L"a", 3);
-  std::bitset<721> mask = list.getMasterMask();
+  std::bitset<MAX_CHECK_CYCLES> mask = list.getMasterMask();
   EXPECT_EQ(0u, agent->getCheckMask());
   EXPECT_TRUE(setBits(mask).empty());
+}
+
+TEST(CheckSchedule, TheCycleLimitKeepsItsNumber) {
+  EXPECT_EQ(721, MAX_CHECK_CYCLES);
+  OwningList list;
+  EXPECT_EQ(721u, list.getMasterMask().size());
 }
 
 TEST(CheckSchedule, LongSchedulesAreCutAt721Cycles) {
   OwningList list;
   Agent* agent = list.add(L"a", 3600);  // 721 cycles exactly: the last bit is 720
   Agent* other = list.add(L"b", 1200);
-  std::bitset<721> mask = list.getMasterMask();
-  EXPECT_EQ(721, list.getCycleCount());
+  std::bitset<MAX_CHECK_CYCLES> mask = list.getMasterMask();
+  EXPECT_EQ(MAX_CHECK_CYCLES, list.getCycleCount());
   EXPECT_EQ(720u, agent->getCheckMask());
   EXPECT_EQ(240u, other->getCheckMask());
   EXPECT_EQ(std::vector<size_t>({240, 480, 720}), setBits(mask));

@@ -33,7 +33,7 @@ class CapState : public ::testing::Test {
   // Applies the event of a file's arrival or removal; returns the messages it sent.
   std::vector<Event*> apply(const std::string& name, bool added) {
     CAPFileEvent event;
-    event.setCAPState(added ? 0 : 1);
+    event.setCAPState(added ? CAP_FILE_ADDED : CAP_FILE_REMOVED);
     event.setEventTypeID(added ? cap_added : cap_removed);
     event.setCAPFileName(path(name));
     event.doCommandProcessing();
@@ -213,7 +213,7 @@ TEST_F(CapState, RemovingAFileThatWasNeverAcceptedSendsNoMessage) {
 TEST_F(CapState, AnEventWithAMismatchedStateAndIdChangesNothing) {
   write("a.xml", subagent("agent.a"));
   CAPFileEvent event;
-  event.setCAPState(1);
+  event.setCAPState(CAP_FILE_REMOVED);
   event.setEventTypeID(cap_added);
   event.setCAPFileName(path("a.xml"));
   event.doCommandProcessing();

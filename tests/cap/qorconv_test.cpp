@@ -171,6 +171,48 @@ TEST(TextConversion, Utf8HelperGivesAString) {
   EXPECT_EQ("", qor_utf8(L""));
 }
 
+TEST(ConvertedTextHolder, TextThatFitsStaysInItsStackBuffer) {
+  ConvertedText<char, 16> utf8;
+  EXPECT_EQ(16, utf8.capacity());
+  EXPECT_EQ(utf8.buffer(), utf8.get());
+  int length = 0;
+  int error = -1;
+  EXPECT_EQ(utf8.buffer(),
+            utf8.adopt(qor_u_strToUTF8(utf8.buffer(), utf8.capacity(), &length, L"caf\u00e9", -1, &error)));
+  EXPECT_FALSE(utf8.grown());
+  EXPECT_STREQ("caf\xc3\xa9", utf8.get());
+  EXPECT_EQ(5, length);
+}
+
+TEST(ConvertedTextHolder, LongerTextIsHeldInTheArrayTheConversionMade) {
+  ConvertedText<wchar_t, 8> wide;
+  const std::string text(300, 'w');
+  int length = 0;
+  int error = -1;
+  wide.adopt(qor_u_strFromUTF8(wide.buffer(), wide.capacity(), &length, text.c_str(), -1, &error));
+  ASSERT_NE(nullptr, wide.get());
+  EXPECT_TRUE(wide.grown());
+  EXPECT_NE(wide.buffer(), wide.get());
+  EXPECT_EQ(300, length);
+  EXPECT_EQ(std::wstring(300, L'w'), std::wstring(wide.get()));
+
+  // A second conversion into the same holder frees the first array.
+  wide.adopt(qor_u_strFromUTF8(wide.buffer(), wide.capacity(), &length, "ab", -1, &error));
+  EXPECT_FALSE(wide.grown());
+  EXPECT_EQ(std::wstring(L"ab"), std::wstring(wide.get()));
+}
+
+TEST(ConvertedTextHolder, FailedConversionLeavesNoText) {
+  ConvertedText<UChar, 8> units;
+  int length = 0;
+  int error = 0;
+  EXPECT_EQ(nullptr,
+            units.adopt(qor_ucharFromUTF8(units.buffer(), units.capacity(), &length, "a\xff", -1, &error)));
+  EXPECT_EQ(nullptr, units.get());
+  EXPECT_FALSE(units.grown());
+  EXPECT_EQ(QOR_CONVERSION_ERROR, error);
+}
+
 TEST(WideFormatting, FormatsIntoTheDestination) {
   char destination[64];
   EXPECT_EQ(10, QOR_swprintf(destination, sizeof destination, L"%ls=%d", L"value", 1234));

@@ -91,6 +91,12 @@ TEST(EventMessages, TheTablesHoldEveryRowWordForWord) {
   EXPECT_EQ(L"", startMessage(8));
 }
 
+TEST(CapFileStates, KeepTheirNumbers) {
+  EXPECT_EQ(0, CAP_FILE_ADDED);
+  EXPECT_EQ(1, CAP_FILE_REMOVED);
+  EXPECT_EQ(CAP_FILE_ADDED, CAPFileEvent().getCAPState());
+}
+
 TEST(EventMessages, OperationalTextWithStartStatusAndDetails) {
   Agent* agent = makeAgent(L"Database agent", L"db1");
   AgentOpEvent event;
@@ -251,7 +257,7 @@ TEST(EventCopies, CapFileCopyCarriesAShallowAgentOfItsOwn) {
   CAPFileEvent event;
   event.setCAPFileName(L"/cap/a.xml");
   event.setEventTypeID(cap_removed);
-  event.setCAPState(1);
+  event.setCAPState(CAP_FILE_REMOVED);
   event.setAgent(new Agent(*live, true));
   delete live;
   Event* copy = event.makeCopy(true);
@@ -260,7 +266,7 @@ TEST(EventCopies, CapFileCopyCarriesAShallowAgentOfItsOwn) {
   ASSERT_NE(nullptr, capCopy->getAgent());
   EXPECT_NE(event.getAgent(), capCopy->getAgent());
   EXPECT_EQ(nullptr, capCopy->getAgent()->getWatchdog());
-  EXPECT_EQ(1, capCopy->getCAPState());
+  EXPECT_EQ(CAP_FILE_REMOVED, capCopy->getCAPState());
   EventData data;
   copy->getEventData(data);
   EXPECT_EQ(L"Removed agent", data.agentName);

@@ -3,8 +3,8 @@
 // rendezvous on which those threads start and stop. Reached from every unit
 // through Controller::getController(); created once and never destroyed.
 //
-// The class is defined across seven files in four folders; the members below
-// are grouped by the file that defines them, named above each group.
+// The class is defined across several files in four folders; the members
+// below are grouped by the file that defines them, named above each group.
 // doc/architecture.md tells the threads, the queues and the life of an event.
 //
 // Concurrency contract
@@ -154,6 +154,31 @@ class Controller {
   // codes. No lock.
   bool isOSAgent(Policy* policy);
 
+  // ---- cap/qorrecon.cpp: agents for an accepted policy --------------------
+
+  // The second half of an added CAP file: matches running processes against
+  // the records of the state file, makes the agents that are new, and passes
+  // each through its management event into managedEndpointProcesses.
+  // Requires (all five): the discovery mutex and managedEndpointProcesses
+  // locked by the caller (the command handler thread).
+  void reconcile(Policy* policy, CAPFileEvent* event);
+  // Brings in the state file's records that matched a running instance.
+  void updatePersistedAgentCollection(ManagedProcessList& list, Policy* policy);
+  // Brings in the state file's records that matched nothing running.
+  void addRemainingPersistedAgents(ManagedProcessList& list, Policy* policy);
+  // Brings in agents made for running instances with no record behind them.
+  void addNewAgentCollection(ManagedProcessList& list, Policy* policy, bool checkOSAgent);
+  // Makes agents for named instances that have none.
+  void addMissingInstances(std::vector<std::wstring> names, Policy* policy, bool checkOSAgent);
+
+  // ---- agents/qorfst.cpp: the state file -----------------------------------
+
+  // Appends to `list` the records of the state file whose id is the policy's
+  // subagent id; they have no policy and no Watchdog yet. The caller owns
+  // them. Requires: managedEndpointProcesses locked by the caller, which keeps
+  // it apart from PersistTEO.
+  void ReadAgent(ManagedProcessList& list, Policy* policy);
+
   // ---- agents/qoravail.cpp: the availability cycle -----------------------
 
   // The availability thread's loop. Holds no lock across its sleep, which is
@@ -192,6 +217,17 @@ class Controller {
   // The same, taking and releasing the list lock; empty when the lock cannot
   // be had. Requires: no list lock held by the caller.
   std::vector<Agent*> getManagedEndpointProcessLOCK(int mask, const std::wstring* criteria);
+
+  // ---- interfaces/qorosagt.cpp: the OS agent ------------------------------
+
+  // True when an OS agent's record is managed here or by the watchdog
+  // process. Takes the watchdogList lock inside a snapshot only, so it may be
+  // called with managedEndpointProcesses held.
+  bool isOSAgentManaged();
+  // Whether a remote deploy of the policy's agent is under way: a file named
+  // by its product code and ".dy" in a CAP directory. With `remove`, the
+  // first one found is deleted. No lock.
+  bool checkRemoteDeploy(Policy* policy, bool remove);
 
   // ---- interfaces/qordisc.cpp: instance discovery ------------------------
 
@@ -252,6 +288,18 @@ class Controller {
   void capFileAdded(CAPFileEvent* event);
   void capFileRemoved(CAPFileEvent* event);
   void addOSAgentRecord(CAPFileEvent* event, Policy* policy);
+
+  // ---- agents/qortrans.cpp ------------------------------------------------
+  // The row groups of the two transition tables.
+  // Requires (all): managedEndpointProcesses locked by the caller (the
+  // command handler thread).
+  void onAgentNotFound(AgentOpEvent* event);
+  void onAgentNotConfigured(AgentOpEvent* event);
+  void forwardAs(AgentMgmtEvent* event, TEOEvents id);
+  void onBecomeManaged(AgentMgmtEvent* event);
+  void onStayUnmanaged(AgentMgmtEvent* event);
+  void onManagementEnds(AgentMgmtEvent* event);
+  void onManagedAgentReturns(AgentMgmtEvent* event);
 
   // ---- State --------------------------------------------------------------
   // The members keep the order in which they are constructed.

@@ -1,6 +1,8 @@
 #include "watchdog/qorwd.h"
 
+#include "agents/qoragt.h"
 #include "core/qorctrl.h"
+#include "core/qorevt.h"
 #include "include/qorapi.h"
 #include "watchdog/qorcmd.h"
 
@@ -21,3 +23,32 @@ Watchdog::Watchdog(const Watchdog& source)
       startRetryCount(source.startRetryCount) {}
 
 Watchdog::~Watchdog() = default;
+
+namespace {
+
+// The name the process table knows the agent by: its instance process name,
+// or its process name when it has none.
+std::wstring processNameOf(const Agent* agent) {
+  std::wstring name = agent->getInstanceProcName();
+  return name.empty() ? agent->getProcName() : name;
+}
+
+}  // namespace
+
+int Watchdog::getOperatingState() {
+  // The process id found is not taken into the record here.
+  int pid = agent->getProcID();
+  return cmdManager->getAppOperatingState(processNameOf(agent), agent->getInstanceName(), agent->getPath(), pid,
+                                          agent->getPolicy());
+}
+
+void Watchdog::collectProcessData() { cmdManager->collectProcessData(agent); }
+
+void Watchdog::processOpStateEvent(int opState, int eventID, const std::wstring& text) const {
+  AgentOpEvent* event = new AgentOpEvent();
+  event->setAgent(agent);
+  event->setOpState(opState);
+  event->setEventTypeID(eventID);
+  event->setUserMessage(text);
+  event->processEvent();
+}

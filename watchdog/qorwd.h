@@ -6,6 +6,7 @@
 #define QOR_WATCHDOG_QORWD_H
 
 #include <cstdint>
+#include <string>
 
 class Agent;
 class Controller;
@@ -18,6 +19,16 @@ class Watchdog {
   Watchdog(const Watchdog& source);
   virtual ~Watchdog();
   Watchdog& operator=(const Watchdog&) = delete;
+
+  // The live state of the agent's process, 2 (down) or 4 (up), whatever the
+  // record says. Runs no script; reads the process table.
+  int getOperatingState();
+  // Finds the agent's process and fills process id, instance names, command
+  // line and user.
+  void collectProcessData();
+  // Tells the state machine what happened to the agent: posts an AgentOpEvent
+  // with this agent on the command queue and returns at once.
+  void processOpStateEvent(int opState, int eventID, const std::wstring& text) const;
 
   void setAgent(Agent* watched) { agent = watched; }
   Agent* getAgent() const { return agent; }

@@ -1,6 +1,6 @@
 // qorhost: the reference embedder. It runs the service the way the OS agent
 // would, prints every event its listeners hear, and stops cleanly on SIGINT or
-// SIGTERM, writing the state file.
+// SIGTERM, writing the state file. SIGUSR1 lists the agents it knows.
 #include <pthread.h>
 #include <signal.h>
 
@@ -19,8 +19,15 @@ const char kUsage[] =
     "\n"
     "Runs the qor supervision service embedded in this process, as the OS\n"
     "monitoring agent would, and prints each event as one line on standard\n"
-    "output: local time, event id and text. Alerts are marked ALERT. Stops on\n"
-    "Ctrl-C (SIGINT) or SIGTERM and writes the state file teo.dat.\n"
+    "output: local time, event id and text. Alerts are marked ALERT. Once\n"
+    "started, and again on each SIGUSR1 (kill -USR1 PID), it lists every agent\n"
+    "the service knows, one line each:\n"
+    "  qorhost: agent 'NAME' id ID managed M (TEXT) state S (TEXT) pid P restarts C/L\n"
+    "with the managed state (0 unmanaged, 1 managed, 2 by the watchdog process),\n"
+    "the operating state (0 unknown, 1 not found, 2 stopped, 3 starting,\n"
+    "4 running, 5 stopped by an operator, 6 stopping, 7 not configured), the\n"
+    "process id (0: none), and today's restarts against the daily limit.\n"
+    "Stops on Ctrl-C (SIGINT) or SIGTERM and writes the state file teo.dat.\n"
     "\n"
     "Options (each sets the variable named, and wins over it):\n"
     "  --cap-dir DIRS      QOR_CAP_DIR: colon-separated CAP directories. The state\n"
@@ -78,6 +85,45 @@ class PrintingAlertListener : public QOR_AlertListener {
   }
 };
 
+const char* managedText(int state) {
+  switch (state) {
+    case 0:
+      return "unmanaged";
+    case 1:
+      return "managed";
+    case 2:
+      return "by the watchdog process";
+    default:
+      return "?";
+  }
+}
+
+const char* operatingText(int state) {
+  static const char* const kTexts[] = {"unknown",  "not found",     "stopped",
+                                       "starting", "running",       "stopped by an operator",
+                                       "stopping", "not configured"};
+  return state >= 0 && state < static_cast<int>(sizeof kTexts / sizeof kTexts[0]) ? kTexts[state] : "?";
+}
+
+// One line per agent, read through the exported iterator alone, as any
+// embedder would.
+void listAgents(QOR_QueryService* service) {
+  QOR_AgentIterator* agents = service->getAgentIterator(true);
+  if (agents == nullptr) return;
+  int count = 0;
+  while (agents->getNextAgentEntry()) {
+    ++count;
+    std::printf("qorhost: agent '%s' id %s managed %d (%s) state %d (%s) pid %ld restarts %d/%d\n",
+                narrow(agents->getAgentName()).c_str(), narrow(agents->getSubagentID()).c_str(),
+                agents->getManagedState(), managedText(agents->getManagedState()),
+                agents->getOperationalStatus(), operatingText(agents->getOperationalStatus()),
+                agents->getProcessID(), agents->getDailyRestartCount(), agents->getMaxRestartsPerDay());
+  }
+  std::printf("qorhost: %d agent%s\n", count, count == 1 ? "" : "s");
+  std::fflush(stdout);
+  service->releaseAgentIterator(agents);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -97,6 +143,7 @@ int main(int argc, char** argv) {
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGINT);
   sigaddset(&stopSignals, SIGTERM);
+  sigaddset(&stopSignals, SIGUSR1);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
   std::printf("qorhost: CAP directories: %s\n", qortool::envOr("QOR_CAP_DIR", "(unset: ./CAP)"));
@@ -112,9 +159,10 @@ int main(int argc, char** argv) {
   service->startQueryService();
   std::printf("qorhost: service started; press Ctrl-C to stop\n");
   std::fflush(stdout);
+  listAgents(service);
 
   int received = 0;
-  sigwait(&stopSignals, &received);
+  while (sigwait(&stopSignals, &received) == 0 && received == SIGUSR1) listAgents(service);
   std::printf("qorhost: %s received, stopping\n", received == SIGINT ? "SIGINT" : "SIGTERM");
   std::fflush(stdout);
 

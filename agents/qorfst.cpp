@@ -44,6 +44,11 @@ Layout layoutOf(const std::wstring& version) {
   return Layout::Unknown;
 }
 
+// A number that names none of an enum's values, 0 to `last`, reads as 0, as a
+// text that is no number does: an enum variable cannot hold a value outside
+// its range, and the rest of the service compares states by name.
+int enumValue(int value, int last) { return value >= 0 && value <= last ? value : 0; }
+
 // One line of a record after the version: how it is read into an agent and
 // written from one, and whether the older layouts hold it.
 struct RecordLine {
@@ -65,11 +70,11 @@ const RecordLine recordLines[] = {
      [](QorOFStream& out, const Agent& a) { out << a.getInstanceName(); }, true, false},
     {[](QorIFStream& in, Agent& a) { a.setServiceInstanceName(in.getlineWstring()); },
      [](QorOFStream& out, const Agent& a) { out << a.getServiceInstanceName(); }, true, true},
-    {[](QorIFStream& in, Agent& a) { a.setManagedState(in.getlineInt()); },
+    {[](QorIFStream& in, Agent& a) { a.setManagedState(enumValue(in.getlineInt(), WatchdogManaged)); },
      [](QorOFStream& out, const Agent& a) { out << static_cast<int>(a.getManagedState()); }, true, true},
     {[](QorIFStream& in, Agent& a) { a.setName(in.getlineWstring()); },
      [](QorOFStream& out, const Agent& a) { out << a.getName(); }, true, true},
-    {[](QorIFStream& in, Agent& a) { a.setOperatingState(in.getlineInt()); },
+    {[](QorIFStream& in, Agent& a) { a.setOperatingState(enumValue(in.getlineInt(), OpNotConfigured)); },
      [](QorOFStream& out, const Agent& a) { out << static_cast<int>(a.getOperatingState()); }, true, true},
     {[](QorIFStream& in, Agent& a) { a.setProcName(in.getlineWstring()); },
      [](QorOFStream& out, const Agent& a) { out << a.getProcName(); }, true, true},
@@ -79,13 +84,13 @@ const RecordLine recordLines[] = {
      [](QorOFStream& out, const Agent& a) { out << a.getDailyRestartCount(); }, true, true},
     {[](QorIFStream& in, Agent& a) { a.setPath(in.getlineWstring()); },
      [](QorOFStream& out, const Agent& a) { out << a.getPath(); }, true, true},
-    {[](QorIFStream& in, Agent& a) { a.setType(in.getlineInt()); },
+    {[](QorIFStream& in, Agent& a) { a.setType(enumValue(in.getlineInt(), ZEL_Windows)); },
      [](QorOFStream& out, const Agent& a) { out << static_cast<int>(a.getType()); }, true, true},
     {[](QorIFStream& in, Agent& a) { a.setAgentVersion(in.getlineWstring()); },
      [](QorOFStream& out, const Agent& a) { out << a.getAgentVersion(); }, true, false},
     {[](QorIFStream& in, Agent& a) { a.setAgentBuildNumber(in.getlineWstring()); },
      [](QorOFStream& out, const Agent& a) { out << a.getAgentBuildNumber(); }, true, false},
-    {[](QorIFStream& in, Agent& a) { a.setSavedState(in.getlineInt()); },
+    {[](QorIFStream& in, Agent& a) { a.setSavedState(enumValue(in.getlineInt(), WatchdogManaged)); },
      [](QorOFStream& out, const Agent& a) { out << static_cast<int>(a.getSavedState()); }, false, false},
 };
 static_assert(std::size(recordLines) == 15, "a record holds lines 3 to 17 between its version and its closing star");

@@ -490,3 +490,28 @@ TEST_F(StateFileTest, NumbersThatAreNoNumbersReadAsZero) {
   EXPECT_EQ(0, agents[0]->getProcID());
   EXPECT_EQ(5, agents[0]->getDailyRestartCount());
 }
+
+TEST_F(StateFileTest, AStateOrTypeNumberNoValueHasReadsAsZero) {
+  Record record;
+  record.managedState = "3";
+  record.operatingState = "4321";
+  record.type = "8";
+  record.savedState = "-1";
+  Record named;
+  named.managedState = "2";
+  named.operatingState = "7";
+  named.type = "7";
+  named.savedState = "1";
+  writeStateFile("2\n" + record.text() + named.text());
+  std::vector<Agent*> agents = read();
+  ASSERT_EQ(2u, agents.size());
+  EXPECT_EQ(Unmanaged, agents[0]->getManagedState());
+  EXPECT_EQ(OpUnknown, agents[0]->getOperatingState());
+  EXPECT_EQ(4321, agents[0]->getProcID());
+  EXPECT_EQ(ZEL_UNIX, agents[0]->getType());
+  EXPECT_EQ(Unmanaged, agents[0]->getSavedState());
+  EXPECT_EQ(WatchdogManaged, agents[1]->getManagedState());
+  EXPECT_EQ(OpNotConfigured, agents[1]->getOperatingState());
+  EXPECT_EQ(ZEL_Windows, agents[1]->getType());
+  EXPECT_EQ(Managed, agents[1]->getSavedState());
+}

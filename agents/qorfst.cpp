@@ -172,6 +172,7 @@ QorOFStream& operator<<(QorOFStream& out, Agent& agent) {
   return out;
 }
 
+// Requires: managedEndpointProcesses locked by the caller.
 void Controller::ReadAgent(ManagedProcessList& list, Policy* policy) {
   QOR_TRACE_FUNCTION();
   QorIFStream in;

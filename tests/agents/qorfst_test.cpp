@@ -515,3 +515,17 @@ TEST_F(StateFileTest, AStateOrTypeNumberNoValueHasReadsAsZero) {
   EXPECT_EQ(ZEL_Windows, agents[1]->getType());
   EXPECT_EQ(Managed, agents[1]->getSavedState());
 }
+
+TEST_F(StateFileTest, BinaryGarbageAfterTheCountGivesNoRecordAndEndsQuickly) {
+  std::string garbage;
+  for (int round = 0; round < 64; ++round) {
+    for (int byte = 255; byte >= 0; --byte) garbage.push_back(static_cast<char>(byte));
+  }
+  writeStateFile("1000000\n" + garbage);
+  qortest::traceTo(dir.file("trace"), 1);
+  long long start = qortest::nowMs();
+  EXPECT_TRUE(read().empty());
+  EXPECT_LT(qortest::nowMs() - start, 2000);
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Number of agents in dat file = 1000000\n"));
+  EXPECT_EQ(0, qortest::countOccurrences(trace(), "Matched Agent"));
+}

@@ -213,9 +213,8 @@ TEST_F(StateFileTest, WritingARecordGivesItsEighteenLinesInOrder) {
     QorOFStream out;
     out << agent;
   }
-  EXPECT_EQ(
-      "*\n6.2.2.2\nw1\nip-w1\nin-w1\nsv-w1\n1\nName w1\n4\npn-w1\n77\n3\n/p/w1\n2\nv-w1\nb-w1\n1\n*\n",
-      stateFile());
+  EXPECT_EQ("*\n6.2.2.2\nw1\nip-w1\nin-w1\nsv-w1\n1\nName w1\n4\npn-w1\n77\n3\n/p/w1\n2\nv-w1\nb-w1\n1\n*\n",
+            stateFile());
 }
 
 TEST_F(StateFileTest, AStoppedAgentInTheFileKeepsItsProcessIdBecauseTheIdComesAfterTheState) {
@@ -351,14 +350,16 @@ TEST_F(StateFileTest, ACountBeyondTheRangeOfIntSaturatesAndReadsTheRecordsThereA
   EXPECT_LT(qortest::nowMs() - start, 2000);
   ASSERT_EQ(2u, agents.size());
   EXPECT_EQ(L"", agents[1]->getInstanceName());
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Number of agents in dat file = " + std::to_string(INT_MAX) + "\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Number of agents in dat file = " + std::to_string(INT_MAX) + "\n"));
 }
 
 TEST_F(StateFileTest, ACountBelowTheRangeOfIntSaturates) {
   writeStateFile("-99999999999999999999\n" + Record().text());
   qortest::traceTo(dir.file("trace"), 1);
   EXPECT_TRUE(read().empty());
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Number of agents in dat file = " + std::to_string(INT_MIN) + "\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Number of agents in dat file = " + std::to_string(INT_MIN) + "\n"));
 }
 
 TEST_F(StateFileTest, AHugeCountMakesNoRecordsOnceTheFileHasEndedEvenForAnEmptySubagentId) {

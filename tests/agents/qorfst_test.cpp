@@ -493,7 +493,7 @@ TEST_F(StateFileTest, NumbersThatAreNoNumbersReadAsZero) {
   EXPECT_EQ(5, agents[0]->getDailyRestartCount());
 }
 
-TEST_F(StateFileTest, AStateOrTypeNumberNoValueHasReadsAsZero) {
+TEST_F(StateFileTest, AStateOrTypeNumberOutsideItsValuesReadsAsZero) {
   Record record;
   record.managedState = "3";
   record.operatingState = "4321";

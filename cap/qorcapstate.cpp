@@ -42,6 +42,23 @@ Agent* agentFor(Policy* policy) {
   return agent;
 }
 
+// The state file's restart count and managed state of the OS agent go to its
+// new record, but only where the watchdog process is its declared manager.
+// Requires: managedEndpointProcesses locked by the caller.
+void takePersistedOSAgentState(Controller* controller, Agent* agent, Policy* policy) {
+  ManagedProcessList persisted;
+  controller->ReadAgent(persisted, policy);
+  if (!persisted.empty() && policy->getManagerTypeElement() == WatchDog) {
+    Agent* front = persisted.front();
+    agent->setDailyRestartCount(front->getDailyRestartCount());
+    agent->setManagedState(front->getManagedState());
+  }
+  // Every record read here is freed, the front one and any others alike:
+  // none has a policy or a Watchdog yet, and nothing else points at them.
+  for (Agent* record : persisted) delete record;
+  persisted.clear();
+}
+
 }  // namespace
 
 void Controller::initialDiscovery() {
@@ -133,9 +150,7 @@ void Controller::addOSAgentRecord(CAPFileEvent* event, Policy* policy) {
   watchdog->setAgent(agent);
   agent->setWatchdog(watchdog);
 
-  // Stand-in: the OS agent's record from the state file comes with the
-  // state file reader (ReadAgent, agents/qorfst.cpp); until then nothing is
-  // read back.
+  takePersistedOSAgentState(this, agent, policy);
   if (agent->getManagedState() == Unmanaged) {
     AgentMgmtEvent unmanaged;
     unmanaged.setAgent(agent);

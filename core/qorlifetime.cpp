@@ -1,8 +1,15 @@
 #include "core/qorlifetime.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "agents/qoragt.h"
 #include "agents/qorfst.h"
 #include "core/qorctrl.h"
 #include "core/qormsghand.h"
@@ -41,6 +48,68 @@ std::vector<std::wstring> splitCapDirs(const std::wstring& value) {
 std::wstring beforeLastSlashOrWhole(const std::wstring& entry) {
   size_t slash = entry.rfind(L'/');
   return slash == std::wstring::npos ? entry : entry.substr(0, slash);
+}
+
+// The reason of the last failed call, for an error trace. A stream that
+// failed without a failing system call reads as an I/O error.
+const char* failureText() { return strerror(errno != 0 ? errno : EIO); }
+
+// The count line, then the records of both lists in list order. Gives up each
+// list lock as soon as that list is written.
+// Requires: both list locks held by the caller.
+void writeStateRecords(QorOFStream& out, ManagedProcessList* managed, ManagedProcessList* watched) {
+  QOR_TRACE_FUNCTION();
+  out << (managed->size() + watched->size()) << std::endl;
+  if (!managed->empty()) {
+    QOR_TRACE_STORY("Agent state being persisted to disk.\n");
+    for (Agent* agent : *managed) out << *agent;
+  }
+  managed->unlockList();
+  if (!watched->empty()) {
+    QOR_TRACE_STORY("os agent being persisted to disk.\n");
+    for (Agent* agent : *watched) out << *agent;
+  }
+  watched->unlockList();
+}
+
+// Forces a file's data to disk through a descriptor of its own: the stream
+// that wrote it gives none.
+bool syncPath(const std::string& path, int flags) {
+  int fd = open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) return false;
+  int rc = fsync(fd);
+  int error = errno;
+  close(fd);
+  errno = error;
+  return rc == 0;
+}
+
+// The directory part of a path, "." when it has none.
+std::string directoryOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Syncs the written temporary and renames it over the state file; on a
+// failure the temporary goes and the old state file stays.
+void replaceStateFile(const std::string& temporary, const std::string& target) {
+  QOR_TRACE_FUNCTION();
+  if (!syncPath(temporary, O_WRONLY)) {
+    QOR_TRACE_ERROR("Cannot sync the state file %s: %s\n", temporary.c_str(), failureText());
+    unlink(temporary.c_str());
+    return;
+  }
+  if (rename(temporary.c_str(), target.c_str()) != 0) {
+    QOR_TRACE_ERROR("Cannot rename %s to the state file %s: %s\n", temporary.c_str(), target.c_str(),
+                    failureText());
+    unlink(temporary.c_str());
+    return;
+  }
+  // The rename itself lasts a power loss only once the directory is synced.
+  if (!syncPath(directoryOf(target), O_RDONLY | O_DIRECTORY)) {
+    QOR_TRACE_ERROR("Cannot sync the directory of the state file %s: %s\n", target.c_str(), failureText());
+  }
 }
 
 }  // namespace
@@ -92,20 +161,27 @@ void PersistTEO() {
     managed->unlockList();
     return;
   }
-  // Kept: a state file that cannot be opened goes unnoticed; the writes then have no effect.
-  QorOFStream out;
-  out << (managed->size() + watched->size()) << std::endl;
-  if (!managed->empty()) {
-    QOR_TRACE_STORY("Agent state being persisted to disk.\n");
-    // Stand-in: each agent's record is written by the state file writer
-    // of agents/qorfst.cpp; until then the file holds the count alone.
+  // The records go to a temporary beside the state file, which replaces the
+  // state file only once it is whole and on disk: a crash, a kill or a full
+  // disk in the middle of the writing leaves the old file as it was.
+  const std::string target = GetTeoDatPath();
+  const std::string temporary = target + ".tmp";
+  errno = 0;
+  QorOFStream out(temporary);
+  if (!out.is_open()) {
+    QOR_TRACE_ERROR("Cannot open %s to write the state file: %s\n", temporary.c_str(), failureText());
+    managed->unlockList();
+    watched->unlockList();
+    return;
   }
-  managed->unlockList();
-  if (!watched->empty()) {
-    QOR_TRACE_STORY("os agent being persisted to disk.\n");
-  }
-  watched->unlockList();
+  writeStateRecords(out, managed, watched);
   out.close();
+  if (out.fail()) {
+    QOR_TRACE_ERROR("Cannot write the state file to %s: %s\n", temporary.c_str(), failureText());
+    unlink(temporary.c_str());
+    return;
+  }
+  replaceStateFile(temporary, target);
 }
 
 void TerminateTEO() {

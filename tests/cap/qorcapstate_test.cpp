@@ -527,3 +527,100 @@ TEST(CapStateWatchdogMode, AnOrdinaryAgentsFileIsIgnoredAndTheOsAgentsGoesTheNor
   EXPECT_TRUE(controller->getWatchdogList()->empty());
   controller->getWatchdogList()->unlockList();
 }
+
+namespace {
+
+// A state file record of the current layout with the given id, restart count
+// and managed state.
+std::string stateRecord(const std::string& id, int restarts, int managedState) {
+  return "*\n6.2.2.2\n" + id + "\nosagent\n\nsvc\n" + std::to_string(managedState) + "\nOS agent\n4\nosagent\n" +
+         "321\n" + std::to_string(restarts) + "\n/usr/bin\n1\n9.9\nb9\n0\n*\n";
+}
+
+// The state file lies in the test's own directory, set before its first use.
+class CapStatePersisted : public CapState {
+ protected:
+  void SetUp() override {
+    CapState::SetUp();
+    controller()->setTEODirPath(captest::wide(dir.path() + "/"));
+  }
+  void writeStateFile(const std::string& content) { qortest::writeFile(dir.file("teo.dat"), content); }
+
+  Agent* osRecord() {
+    watched()->lockList();
+    Agent* record = watched()->size() == 1 ? watched()->front() : nullptr;
+    watched()->unlockList();
+    return record;
+  }
+  static captest::Subagent watchdogManaged(const std::string& id) {
+    captest::Subagent os = subagent(id, "OS agent");
+    os.managerType = "<managerType>WatchDog</managerType>";
+    os.procName = "<procName>osagent</procName>";
+    return os;
+  }
+};
+
+}  // namespace
+
+TEST_F(CapStatePersisted, TheOsAgentTakesTheFrontRecordsRestartCountAndManagedStateUnderTheWatchdog) {
+  writeStateFile("3\n" + stateRecord("other", 7, 0) + stateRecord("qorwd", 4, 1) + stateRecord("qorwd", 9, 0));
+  write("os.xml", watchdogManaged("qorwd"));
+  std::vector<Event*> messages = apply("os.xml", true);
+  Agent* record = osRecord();
+  ASSERT_NE(nullptr, record);
+  EXPECT_EQ(L"qorwd", record->getID());
+  EXPECT_EQ(4, record->getDailyRestartCount());
+  EXPECT_EQ(Managed, record->getManagedState());
+  // Only the two fields come from the file; the rest is the CAP file's.
+  EXPECT_EQ(L"", record->getServiceInstanceName());
+  EXPECT_EQ(0, record->getProcID());
+  EXPECT_EQ(L"", record->getAgentVersion());
+  ASSERT_NE(nullptr, record->getWatchdog());
+  EXPECT_EQ(path("os.xml"), record->getPolicy()->getCAPFileName());
+  EXPECT_TRUE(policies().empty());
+  // A managed OS agent raises no warning: only the file's own message goes out.
+  ASSERT_EQ(1u, messages.size());
+  EXPECT_EQ(cap_added, messages[0]->getEventTypeID());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Number of agents in dat file = 3\n"));
+  EXPECT_EQ(2, qortest::countOccurrences(trace(), "Matched Agent = qorwd\n"));
+  deleteAll(messages);
+}
+
+TEST_F(CapStatePersisted, APersistedUnmanagedStateLeavesTheOsAgentUnguardedAndSaysSo) {
+  writeStateFile("1\n" + stateRecord("qorwd", 2, 0));
+  write("os.xml", watchdogManaged("qorwd"));
+  std::vector<Event*> messages = apply("os.xml", true);
+  Agent* record = osRecord();
+  ASSERT_NE(nullptr, record);
+  EXPECT_EQ(2, record->getDailyRestartCount());
+  EXPECT_EQ(Unmanaged, record->getManagedState());
+  ASSERT_EQ(2u, messages.size());
+  EXPECT_EQ(watchdog_unreliable, messages[0]->getEventTypeID());
+  EXPECT_EQ(cap_added, messages[1]->getEventTypeID());
+  deleteAll(messages);
+}
+
+TEST_F(CapStatePersisted, WithoutTheWatchdogAsManagerThePersistedStateIsNotTaken) {
+  writeStateFile("1\n" + stateRecord("os.qb", 5, 2));
+  captest::Subagent os = subagent("os.qb", "OS agent");
+  os.productCode = "<productCode>qb</productCode>";
+  write("os.xml", os);
+  std::vector<Event*> messages = apply("os.xml", true);
+  Agent* record = osRecord();
+  ASSERT_NE(nullptr, record);
+  EXPECT_EQ(0, record->getDailyRestartCount());
+  EXPECT_EQ(Unmanaged, record->getManagedState());
+  // The file was read all the same.
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Matched Agent = os.qb\n"));
+  deleteAll(messages);
+}
+
+TEST_F(CapStatePersisted, WithNoRecordOfItTheOsAgentKeepsItsFreshState) {
+  writeStateFile("1\n" + stateRecord("someone.else", 5, 1));
+  write("os.xml", watchdogManaged("qorwd"));
+  deleteAll(apply("os.xml", true));
+  Agent* record = osRecord();
+  ASSERT_NE(nullptr, record);
+  EXPECT_EQ(0, record->getDailyRestartCount());
+  EXPECT_EQ(WatchdogManaged, record->getManagedState());
+}

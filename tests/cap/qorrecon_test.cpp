@@ -19,6 +19,7 @@
 #include "include/qorapi.h"
 #include "support/qortest.h"
 #include "watchdog/proctest.h"
+#include "watchdog/qorcmd.h"
 #include "watchdog/qorwd.h"
 
 namespace {
@@ -214,6 +215,21 @@ TEST_F(Recon, TwoRunningProcessesOfANonSuiteAgentWithOneProcNameYieldTwoAgents) 
   EXPECT_EQ(2, traced("Copied new instance to new Collection\n"));
   EXPECT_EQ(2, traced("adding agent to process list from new.\n"));
   EXPECT_EQ(2, traced("agent event id = 2.\n"));
+}
+
+TEST_F(Recon, DuringTheInitialScanTheProcessTableReadAtItsStartServesTheFile) {
+  int before = run("twind");
+  GetCmdManager()->getRunningProcesses(controller()->getRunningProcesses());
+  run("twind");  // started after the scan's table was read
+  writeCap("twin.xml", plain("agent.twin", "twind"));
+  accept("twin.xml", true);
+  controller()->signalInitialDiscoveryComplete();  // frees the table
+  EXPECT_TRUE(controller()->getRunningProcesses().empty());
+
+  std::vector<Agent*> list = agents();
+  ASSERT_EQ(1u, list.size());
+  EXPECT_EQ(before, list[0]->getProcID());
+  EXPECT_EQ(1, traced("Running instance count: 1 \n"));
 }
 
 TEST_F(Recon, AfterARestartAPersistedAgentThatNoLongerRunsComesBackWithItsManagedState) {
@@ -525,7 +541,7 @@ TEST_F(Recon, ACapFileAddedWhileTheWatchdogManagesTheOsAgentYieldsManagedAgents)
 }
 
 TEST_F(Recon, ARunningProcessThatLacksTheMainNameAddsAPlaceholderForTheMainProcess) {
-  int helper = run("helperd");
+  ASSERT_GT(run("helperd"), 0);
   program("mainproc");
   captest::Subagent agent = plain("agent.main", "mainproc");
   agent.procName.clear();
@@ -541,8 +557,12 @@ TEST_F(Recon, ARunningProcessThatLacksTheMainNameAddsAPlaceholderForTheMainProce
   EXPECT_EQ(2, traced("Copied new instance to new Collection\n"));
   // Neither executable's name holds the policy's, so both take the policy's.
   EXPECT_EQ(2, traced("agent instance proc name= mainproc,  policy proc name =mainproc\n"));
-  for (Agent* listed : list) EXPECT_EQ(L"mainproc", listed->getInstanceProcName());
-  ASSERT_GT(helper, 0);
+  // Each is then looked for under that name, which no process has.
+  for (Agent* listed : list) {
+    EXPECT_EQ(L"mainproc", listed->getInstanceProcName());
+    EXPECT_EQ(OpStopped, listed->getOperatingState());
+    EXPECT_EQ(0, listed->getProcID());
+  }
 }
 
 TEST_F(Recon, ARunningNamedInstanceDropsThePersistedInstanceHolderAndGetsARecordAsAListedInstance) {

@@ -93,7 +93,8 @@ const RecordLine recordLines[] = {
     {[](QorIFStream& in, Agent& a) { a.setSavedState(enumValue(in.getlineInt(), WatchdogManaged)); },
      [](QorOFStream& out, const Agent& a) { out << static_cast<int>(a.getSavedState()); }, false, false},
 };
-static_assert(std::size(recordLines) == 15, "a record holds lines 3 to 17 between its version and its closing star");
+static_assert(std::size(recordLines) == 15,
+              "a record holds lines 3 to 17 between its version and its closing star");
 
 bool layoutHolds(Layout layout, const RecordLine& line) {
   switch (layout) {
@@ -172,6 +173,7 @@ QorOFStream& operator<<(QorOFStream& out, Agent& agent) {
   return out;
 }
 
+// Requires: managedEndpointProcesses locked by the caller.
 void Controller::ReadAgent(ManagedProcessList& list, Policy* policy) {
   QOR_TRACE_FUNCTION();
   QorIFStream in;

@@ -55,8 +55,8 @@ std::string utf8(const std::wstring& text) {
 // The eighteen lines an agent's record must be, each with its line end.
 std::string expectedRecord(const Agent& a) {
   std::string out = "*\n6.2.2.2\n";
-  for (const std::wstring& text : {a.getID(), a.getInstanceProcName(), a.getInstanceName(),
-                                   a.getServiceInstanceName()}) {
+  for (const std::wstring& text :
+       {a.getID(), a.getInstanceProcName(), a.getInstanceName(), a.getServiceInstanceName()}) {
     out += utf8(text) + "\n";
   }
   out += std::to_string(a.getManagedState()) + "\n" + utf8(a.getName()) + "\n";

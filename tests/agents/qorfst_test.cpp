@@ -213,9 +213,8 @@ TEST_F(StateFileTest, WritingARecordGivesItsEighteenLinesInOrder) {
     QorOFStream out;
     out << agent;
   }
-  EXPECT_EQ(
-      "*\n6.2.2.2\nw1\nip-w1\nin-w1\nsv-w1\n1\nName w1\n4\npn-w1\n77\n3\n/p/w1\n2\nv-w1\nb-w1\n1\n*\n",
-      stateFile());
+  EXPECT_EQ("*\n6.2.2.2\nw1\nip-w1\nin-w1\nsv-w1\n1\nName w1\n4\npn-w1\n77\n3\n/p/w1\n2\nv-w1\nb-w1\n1\n*\n",
+            stateFile());
 }
 
 TEST_F(StateFileTest, AStoppedAgentInTheFileKeepsItsProcessIdBecauseTheIdComesAfterTheState) {
@@ -351,14 +350,16 @@ TEST_F(StateFileTest, ACountBeyondTheRangeOfIntSaturatesAndReadsTheRecordsThereA
   EXPECT_LT(qortest::nowMs() - start, 2000);
   ASSERT_EQ(2u, agents.size());
   EXPECT_EQ(L"", agents[1]->getInstanceName());
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Number of agents in dat file = " + std::to_string(INT_MAX) + "\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Number of agents in dat file = " + std::to_string(INT_MAX) + "\n"));
 }
 
 TEST_F(StateFileTest, ACountBelowTheRangeOfIntSaturates) {
   writeStateFile("-99999999999999999999\n" + Record().text());
   qortest::traceTo(dir.file("trace"), 1);
   EXPECT_TRUE(read().empty());
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Number of agents in dat file = " + std::to_string(INT_MIN) + "\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Number of agents in dat file = " + std::to_string(INT_MIN) + "\n"));
 }
 
 TEST_F(StateFileTest, AHugeCountMakesNoRecordsOnceTheFileHasEndedEvenForAnEmptySubagentId) {
@@ -466,7 +467,8 @@ TEST_F(StateFileTest, BytesThatAreNoUtf8EndTheReadingWhereTheyStand) {
   EXPECT_EQ(L"/opt/qa", agents[0]->getPath());
   EXPECT_EQ(L"inst1", agents[1]->getInstanceName());
   EXPECT_EQ(2, agents[1]->getDailyRestartCount());
-  EXPECT_EQ(L"", agents[1]->getPath());
+  // The text before the bad bytes comes through; nothing after them does.
+  EXPECT_EQ(L"/opt/", agents[1]->getPath());
   EXPECT_EQ(static_cast<AgentType>(0), agents[1]->getType());
 }
 
@@ -491,7 +493,7 @@ TEST_F(StateFileTest, NumbersThatAreNoNumbersReadAsZero) {
   EXPECT_EQ(5, agents[0]->getDailyRestartCount());
 }
 
-TEST_F(StateFileTest, AStateOrTypeNumberNoValueHasReadsAsZero) {
+TEST_F(StateFileTest, AStateOrTypeNumberOutsideItsValuesReadsAsZero) {
   Record record;
   record.managedState = "3";
   record.operatingState = "4321";
@@ -514,4 +516,18 @@ TEST_F(StateFileTest, AStateOrTypeNumberNoValueHasReadsAsZero) {
   EXPECT_EQ(OpNotConfigured, agents[1]->getOperatingState());
   EXPECT_EQ(ZEL_Windows, agents[1]->getType());
   EXPECT_EQ(Managed, agents[1]->getSavedState());
+}
+
+TEST_F(StateFileTest, BinaryGarbageAfterTheCountGivesNoRecordAndEndsQuickly) {
+  std::string garbage;
+  for (int round = 0; round < 64; ++round) {
+    for (int byte = 255; byte >= 0; --byte) garbage.push_back(static_cast<char>(byte));
+  }
+  writeStateFile("1000000\n" + garbage);
+  qortest::traceTo(dir.file("trace"), 1);
+  long long start = qortest::nowMs();
+  EXPECT_TRUE(read().empty());
+  EXPECT_LT(qortest::nowMs() - start, 2000);
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Number of agents in dat file = 1000000\n"));
+  EXPECT_EQ(0, qortest::countOccurrences(trace(), "Matched Agent"));
 }

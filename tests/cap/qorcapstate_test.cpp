@@ -533,8 +533,8 @@ namespace {
 // A state file record of the current layout with the given id, restart count
 // and managed state.
 std::string stateRecord(const std::string& id, int restarts, int managedState) {
-  return "*\n6.2.2.2\n" + id + "\nosagent\n\nsvc\n" + std::to_string(managedState) + "\nOS agent\n4\nosagent\n" +
-         "321\n" + std::to_string(restarts) + "\n/usr/bin\n1\n9.9\nb9\n0\n*\n";
+  return "*\n6.2.2.2\n" + id + "\nosagent\n\nsvc\n" + std::to_string(managedState) +
+         "\nOS agent\n4\nosagent\n321\n" + std::to_string(restarts) + "\n/usr/bin\n1\n9.9\nb9\n0\n*\n";
 }
 
 // The state file lies in the test's own directory, set before its first use.
@@ -563,7 +563,8 @@ class CapStatePersisted : public CapState {
 }  // namespace
 
 TEST_F(CapStatePersisted, TheOsAgentTakesTheFrontRecordsRestartCountAndManagedStateUnderTheWatchdog) {
-  writeStateFile("3\n" + stateRecord("other", 7, 0) + stateRecord("qorwd", 4, 1) + stateRecord("qorwd", 9, 0));
+  writeStateFile("3\n" + stateRecord("other", 7, 0) + stateRecord("qorwd", 4, 1) +
+                 stateRecord("qorwd", 9, 0));
   write("os.xml", watchdogManaged("qorwd"));
   std::vector<Event*> messages = apply("os.xml", true);
   Agent* record = osRecord();

@@ -124,14 +124,14 @@ Agent* makeAgent(const std::wstring& id, int count) {
 
 // The record makeAgent's agent is written as.
 std::string recordOf(const std::string& id, int count) {
-  return "*\n6.2.2.2\n" + id + "\nip-" + id + "\nin-" + id + "\nsv-" + id + "\n1\nName " + id + "\n4\npn-" + id +
-         "\n100\n" + std::to_string(count) + "\n/p/" + id + "\n1\nv1\nb2\n2\n*\n";
+  return "*\n6.2.2.2\n" + id + "\nip-" + id + "\nin-" + id + "\nsv-" + id + "\n1\nName " + id + "\n4\npn-" +
+         id + "\n100\n" + std::to_string(count) + "\n/p/" + id + "\n1\nv1\nb2\n2\n*\n";
 }
 
 // Empties both lists of the Controller and deletes their agents.
 void clearLists() {
-  for (ManagedProcessList* list :
-       {Controller::getController()->getManagedEndpointProcesses(), Controller::getController()->getWatchdogList()}) {
+  for (ManagedProcessList* list : {Controller::getController()->getManagedEndpointProcesses(),
+                                   Controller::getController()->getWatchdogList()}) {
     for (Agent* agent : *list) delete agent;
     list->clear();
   }
@@ -201,8 +201,8 @@ TEST(StateFile, WhenTheTemporaryCannotBeOpenedTheOldFileStaysAndTheErrorNamesIt)
   PersistTEO();
   EXPECT_EQ(old, qortest::readFile(a.file("teo.dat")));
   EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(a.file("trace")),
-                                         "Cannot open " + a.path() + "//teo.dat.tmp to write the state file: " +
-                                             "Is a directory\n"));
+                                         "Cannot open " + a.path() +
+                                             "//teo.dat.tmp to write the state file: Is a directory\n"));
   // The lists are free again: a later persist can take them.
   EXPECT_FALSE(Controller::getController()->getManagedEndpointProcesses()->isLockedByCaller());
   EXPECT_TRUE(Controller::getController()->getWatchdogList()->lockList());
@@ -253,7 +253,8 @@ TEST(StateFile, AfterReadingADamagedFileTheNextPersistWritesAWholeOne) {
   // A count far beyond the records, a record cut short by bytes that are no
   // text, and an overlong line behind them.
   qortest::writeFile(a.file("teo.dat"), "2147483647\n" + recordOf("qa.one", 3) +
-                                            "*\n6.2.2.2\nqa.one\nip\n\xff\xfe\xfd\n" + std::string(400, 'x') + "\n");
+                                            "*\n6.2.2.2\nqa.one\nip\n\xff\xfe\xfd\n" + std::string(400, 'x') +
+                                            "\n");
   Controller* controller = Controller::getController();
   Policy policy;
   policy.setSubagentID(L"qa.one");
@@ -278,7 +279,8 @@ TEST(StateFile, AWritingKilledInTheMiddleLeavesAWholeFile) {
     return text;
   };
   ManagedProcessList* managed = Controller::getController()->getManagedEndpointProcesses();
-  for (int i = 0; i < agents; ++i) managed->push_back(makeAgent(qor_mbstowcs(("qa." + std::to_string(i)).c_str()), 0));
+  for (int i = 0; i < agents; ++i)
+    managed->push_back(makeAgent(qor_mbstowcs(("qa." + std::to_string(i)).c_str()), 0));
   PersistTEO();
   const std::string even = contentFor(0);
   const std::string odd = contentFor(1);

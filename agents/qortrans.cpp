@@ -32,7 +32,10 @@ bool pathMissing(const Agent* agent) {
 bool notConfigured(const Agent* agent) { return agent->getPolicy()->isZELAgentNotConfigured(); }
 
 // Gives the agent its checker, which the availability cycle needs to look at it.
+// An agent that comes under management a second time, as a reused instance
+// holder or a moved installation does, has its old checker freed.
 void attachWatchdog(Agent* agent) {
+  delete agent->getWatchdog();
   Watchdog* watchdog = new Watchdog();
   watchdog->setAgent(agent);
   agent->setWatchdog(watchdog);

@@ -135,8 +135,7 @@ void Controller::capFileAdded(CAPFileEvent* event) {
   }
   processPolicyInstances(policy, cap_added);
   policies.push_back(policy);
-  // Stand-in: the agents of the policy come from reconciliation
-  // (Controller::reconcile, cap/qorrecon.cpp); until then a policy has none.
+  reconcile(policy, event);
 }
 
 void Controller::addOSAgentRecord(CAPFileEvent* event, Policy* policy) {
@@ -225,9 +224,9 @@ void Controller::processPolicyInstances(Policy* policy, TEOEvents event) {
         other->addExceptionInstances(policy);
         removeAgentExceptionInstances(other);
       } else if (event == cap_removed) {
-        // ...and gives them back when it goes. Stand-in: the generic policy's
-        // agents for them come from reconciliation (cap/qorrecon.cpp).
+        // ...and gives them back when it goes: the generic policy gets agents for them again.
         other->removeExceptionInstances(policy);
+        addMissingInstances(policy->getInstances(), other, true);
       }
     } else if (event == cap_added) {
       if (!other->isGeneric()) {

@@ -289,6 +289,23 @@ class Controller {
   void capFileRemoved(CAPFileEvent* event);
   void addOSAgentRecord(CAPFileEvent* event, Policy* policy);
 
+  // ---- cap/qorrecon.cpp ---------------------------------------------------
+  // The collections and process records of one reconcile, freed with it.
+  struct Reconciliation;
+  // The instance step: one running process against the state file's records,
+  // and its numbered parts. Requires (all): the discovery mutex and
+  // managedEndpointProcesses locked by the caller (the command handler thread).
+  void reconcileInstance(Reconciliation& work, size_t position);
+  // Step 2: the record that stands for the process, moved to the updated
+  // collection or, with `dropped`, out of every collection; null when none
+  // does. `candidate` ends as the last record looked at.
+  Agent* takePersistedRecord(Reconciliation& work, QorProcess* process, Agent*& candidate, bool& dropped);
+  // Step 3: a record made for a process that no persisted record stands for.
+  void addInstanceRecord(Reconciliation& work, QorProcess* process, Agent* candidate);
+  // Step 4: true when the record's installation had moved and its management
+  // event has run.
+  bool followMovedInstallation(Reconciliation& work, Agent* record);
+
   // ---- agents/qortrans.cpp ------------------------------------------------
   // The row groups of the two transition tables.
   // Requires (all): managedEndpointProcesses locked by the caller (the

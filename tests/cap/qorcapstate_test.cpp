@@ -4,11 +4,15 @@
 // stay on the message queue for the test to read.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "agents/qoragt.h"
+#include "cap/agentlab.h"
 #include "cap/capfiles.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "core/qormsghand.h"
+#include "include/qorapi.h"
 #include "support/qortest.h"
 #include "watchdog/qorwd.h"
 
@@ -98,18 +102,48 @@ class CapState : public ::testing::Test {
     return agent;
   }
 
+  // An agent named "Shared" whose processes are copies of the shell in the
+  // lab; the word after the script in the command line is the instance.
+  captest::Subagent shared(const std::string& id) {
+    captest::Subagent agent = subagent(id, "Shared");
+    agent.process =
+        "<process><procName>sharedd</procName>"
+        "<commandLine regex=\"1\">\\.sh ([a-z]+)</commandLine></process>";
+    agent.agentPath = "<agentPath>" + lab.file("sharedd") + "</agentPath>";
+    return agent;
+  }
+  // The OS agent's own file, supervised by the watchdog process: later files
+  // then give managed agents.
+  void addManagedOSAgent() {
+    captest::Subagent os = subagent("os.agent", "OS agent");
+    os.managerType = "<managerType>WatchDog</managerType>";
+    os.procName = "<procName>osagent</procName>";
+    write("os.xml", os);
+    add("os.xml");
+  }
+  // The ids and instance names of the agents, in list order, with their process ids.
+  std::vector<std::wstring> listPids(ManagedProcessList* list) {
+    std::vector<std::wstring> pids;
+    list->lockList();
+    for (Agent* agent : *list)
+      pids.push_back(agent->getInstanceName() + L"=" + std::to_wstring(agent->getProcID()));
+    list->unlockList();
+    return pids;
+  }
+
   qortest::TempDir dir;
+  captest::AgentLab lab;
 };
 
 }  // namespace
 
-TEST_F(CapState, AnAcceptedFileJoinsThePoliciesAndTellsTheListeners) {
+TEST_F(CapState, AnAcceptedFileJoinsThePoliciesGetsItsAgentAndTellsTheListeners) {
   write("a.xml", subagent("agent.a"));
   std::vector<Event*> messages = apply("a.xml", true);
   ASSERT_EQ(1u, policies().size());
   EXPECT_EQ(L"agent.a", policies()[0]->getSubagentID());
   EXPECT_EQ(path("a.xml"), policies()[0]->getCAPFileName());
-  EXPECT_TRUE(listIds(managed()).empty());  // agents come from reconciliation
+  EXPECT_EQ(std::vector<std::wstring>({L"agent.a/"}), listIds(managed()));
   ASSERT_EQ(1u, messages.size());
   EXPECT_EQ(path("a.xml") + L" CAP File Event: Agent added to system - CAP file found.",
             messages[0]->getLogMessage());
@@ -126,47 +160,89 @@ TEST_F(CapState, ARefusedFileIsTracedAndItsMessageStillGoesOut) {
 }
 
 TEST_F(CapState, ASubagentIdInUseByAManagedAgentLeavesEveryListUnchanged) {
-  Policy* existing = new Policy();
-  existing->setSubagentID(L"agent.dup");
-  addAgent(managed(), existing, L"agent.dup", L"", L"first");
+  write("first.xml", subagent("agent.dup"));
+  add("first.xml");
+  managed()->lockList();
+  ASSERT_EQ(1u, managed()->size());
+  Agent* first = managed()->front();
+  managed()->unlockList();
+  Policy* firstPolicy = policies()[0];
+
   write("dup.xml", subagent("agent.dup"));
-  add("dup.xml");
-  EXPECT_TRUE(policies().empty());
-  EXPECT_EQ(std::vector<std::wstring>({L"agent.dup/"}), listIds(managed()));
+  std::vector<Event*> messages = apply("dup.xml", true);
+  ASSERT_EQ(1u, policies().size());
+  EXPECT_EQ(firstPolicy, policies()[0]);
+  managed()->lockList();
+  ASSERT_EQ(1u, managed()->size());
+  EXPECT_EQ(first, managed()->front());
+  EXPECT_EQ(firstPolicy, first->getPolicy());
+  managed()->unlockList();
   EXPECT_TRUE(listIds(watched()).empty());
   EXPECT_EQ(1, qortest::countOccurrences(trace(),
                                          "Duplicate subagent ID found, ignoring this subagent. CAP file: " +
                                              dir.file("dup.xml") + "\n"));
+  // The refused file's own message still goes out.
+  ASSERT_EQ(1u, messages.size());
+  EXPECT_EQ(path("dup.xml") + L" CAP File Event: Agent added to system - CAP file found.",
+            messages[0]->getLogMessage());
+  deleteAll(messages);
+}
+
+TEST_F(CapState, ARefusedDuplicateStaysIgnoredAfterTheFirstFileHasGone) {
+  write("first.xml", subagent("agent.dup"));
+  write("dup.xml", subagent("agent.dup"));
+  add("first.xml");
+  add("dup.xml");
+  deleteAll(apply("first.xml", false));
+  EXPECT_TRUE(policies().empty());
+  EXPECT_TRUE(listIds(managed()).empty());
+  // Only its own removal and return bring the second file in.
+  deleteAll(apply("dup.xml", false));
+  add("dup.xml");
+  ASSERT_EQ(1u, policies().size());
+  EXPECT_EQ(path("dup.xml"), policies()[0]->getCAPFileName());
+  EXPECT_EQ(std::vector<std::wstring>({L"agent.dup/"}), listIds(managed()));
 }
 
 TEST_F(CapState, ASubagentIdInUseByTheOsAgentRecordIsRefusedTheSameWay) {
-  Policy* os = new Policy();
-  os->setSubagentID(L"os.agent");
-  addAgent(watched(), os, L"os.agent", L"", L"OS agent");
+  addManagedOSAgent();
   write("dup.xml", subagent("os.agent"));
   add("dup.xml");
   EXPECT_TRUE(policies().empty());
   EXPECT_TRUE(listIds(managed()).empty());
   EXPECT_EQ(std::vector<std::wstring>({L"os.agent/"}), listIds(watched()));
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Duplicate subagent ID found, ignoring this subagent."));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Duplicate subagent ID found, ignoring this subagent. CAP file: " +
+                                             dir.file("dup.xml") + "\n"));
 }
 
 TEST_F(CapState, AnAgentlessPolicyDoesNotBlockItsId) {
-  write("one.xml", subagent("agent.same"));
-  write("two.xml", subagent("agent.same"));
-  add("one.xml");
-  add("two.xml");
-  EXPECT_EQ(2u, policies().size());
+  lab.runShell("sharedd", {"a"});
+  write("generic.xml", shared("agent.g"));
+  add("generic.xml");
+  ASSERT_EQ(std::vector<std::wstring>({L"agent.g/a"}), listIds(managed()));
+  // A specific policy takes the generic one's only instance, and with it its only agent.
+  captest::Subagent specific = shared("agent.s");
+  specific.instance = "<instance><name>a</name></instance>";
+  write("specific.xml", specific);
+  add("specific.xml");
+  ASSERT_EQ(std::vector<std::wstring>({L"agent.s/a"}), listIds(managed()));
+
+  write("again.xml", subagent("agent.g", "Another"));
+  add("again.xml");
+  EXPECT_EQ(3u, policies().size());
+  EXPECT_EQ(std::vector<std::wstring>({L"agent.s/a", L"agent.g/"}), listIds(managed()));
+  EXPECT_EQ(0, qortest::countOccurrences(trace(), "Duplicate subagent ID found"));
 }
 
 TEST_F(CapState, RemovingAFileWithThreeAgentsRemovesThemAndItsPolicyAndTellsOfTheLast) {
   write("multi.xml", specific("agent.multi", "Multi", {"a", "b", "c"}));
   add("multi.xml");
-  Policy* policy = policyOfFile("multi.xml");
-  ASSERT_NE(nullptr, policy);
-  addAgent(managed(), policy, L"agent.multi", L"a", L"Multi a");
-  addAgent(managed(), policy, L"agent.multi", L"b", L"Multi b");
-  addAgent(managed(), policy, L"agent.multi", L"c", L"Multi c");
+  ASSERT_EQ(std::vector<std::wstring>({L"agent.multi/a", L"agent.multi/b", L"agent.multi/c"}),
+            listIds(managed()));
+  managed()->lockList();
+  const int lastGuid = managed()->back()->getGUID();
+  managed()->unlockList();
 
   std::vector<Event*> messages = apply("multi.xml", false);
   EXPECT_TRUE(listIds(managed()).empty());
@@ -174,8 +250,12 @@ TEST_F(CapState, RemovingAFileWithThreeAgentsRemovesThemAndItsPolicyAndTellsOfTh
   ASSERT_EQ(1u, messages.size());
   EventData data;
   messages[0]->getEventData(data);
-  EXPECT_EQ(L"Multi c", data.agentName);
+  EXPECT_EQ(L"Multi: a, b, c", data.agentName);
   EXPECT_EQ(cap_removed, data.eventID);
+  Agent* told = static_cast<CAPFileEvent*>(messages[0])->getAgent();
+  ASSERT_NE(nullptr, told);
+  EXPECT_EQ(L"c", told->getInstanceName());
+  EXPECT_EQ(lastGuid, told->getGUID());
   EXPECT_EQ(path("multi.xml") + L" CAP File Event: Agent removed from system - CAP file removed.",
             messages[0]->getLogMessage());
   EXPECT_EQ(3, qortest::countOccurrences(
@@ -185,20 +265,65 @@ TEST_F(CapState, RemovingAFileWithThreeAgentsRemovesThemAndItsPolicyAndTellsOfTh
   deleteAll(messages);
 }
 
+// The host's listeners of the removal of an accepted file.
+class RemovalLog : public QOR_LogListener {
+ public:
+  void AlertMe() override { seen.push_back(logData); }
+  std::vector<QOR_LogData> seen;
+};
+class RemovalAlert : public QOR_AlertListener {
+ public:
+  void AlertMe() override { seen.push_back(alertData); }
+  std::vector<QOR_AlertData> seen;
+};
+
+TEST_F(CapState, TheRemovalOfAnAcceptedFileIsLoggedAndAlerted) {
+  setenv("QOR_CAP_DIR", dir.path().c_str(), 1);
+  QOR_QueryService* service = QOR_QueryService::initQueryService();
+  RemovalLog log;
+  RemovalAlert alert;
+  service->registerLogListener(&log);
+  service->registerAlertListener(&alert);
+  write("a.xml", subagent("agent.a", "Agent A"));
+  for (Event* message : apply("a.xml", true)) QOR_QueryService::ProcessEvent(message);
+  ASSERT_EQ(1u, log.seen.size());
+  EXPECT_TRUE(alert.seen.empty());  // an arrival is no alert
+
+  for (Event* message : apply("a.xml", false)) QOR_QueryService::ProcessEvent(message);
+  ASSERT_EQ(2u, log.seen.size());
+  EXPECT_EQ(cap_removed, log.seen[1].eventID);
+  EXPECT_EQ(path("a.xml") + L" CAP File Event: Agent removed from system - CAP file removed.",
+            log.seen[1].logMessage);
+  ASSERT_EQ(1u, alert.seen.size());
+  EXPECT_EQ(cap_removed, alert.seen[0].eventID);
+  EXPECT_EQ(L"Agent A", alert.seen[0].agentName);
+  EXPECT_EQ(Console, alert.seen[0].agentType);
+  service->deregisterLogListener(&log);
+  service->deregisterAlertListener(&alert);
+}
+
 TEST_F(CapState, RemovingAnAgentlessPolicyNamesItThroughATemporaryAgent) {
-  write("lonely.xml", specific("agent.lonely", "Lonely", {"x", "y"}));
-  add("lonely.xml");
+  lab.runShell("sharedd", {"a"});
+  write("generic.xml", shared("agent.g"));
+  add("generic.xml");
+  captest::Subagent specific = shared("agent.s");
+  specific.instance = "<instance><name>a</name></instance>";
+  write("specific.xml", specific);
+  add("specific.xml");
+  ASSERT_EQ(std::vector<std::wstring>({L"agent.s/a"}), listIds(managed()));
+
+  std::vector<Event*> messages = apply("generic.xml", false);
   ASSERT_EQ(1u, policies().size());
-  std::vector<Event*> messages = apply("lonely.xml", false);
-  EXPECT_TRUE(policies().empty());
+  EXPECT_EQ(path("specific.xml"), policies()[0]->getCAPFileName());
+  EXPECT_EQ(std::vector<std::wstring>({L"agent.s/a"}), listIds(managed()));
   ASSERT_EQ(1u, messages.size());
   EventData data;
   messages[0]->getEventData(data);
-  EXPECT_EQ(L"Lonely: x, y", data.agentName);
+  EXPECT_EQ(L"Shared", data.agentName);
   EXPECT_EQ(Console, data.agentType);
-  EXPECT_EQ(1,
-            qortest::countOccurrences(
-                trace(), "Found a agentless policy with matching policy cap file to remove. agent.lonely\n"));
+  EXPECT_EQ(L"", data.instanceProcName);
+  EXPECT_EQ(1, qortest::countOccurrences(
+                   trace(), "Found a agentless policy with matching policy cap file to remove. agent.g\n"));
   deleteAll(messages);
 }
 
@@ -221,39 +346,65 @@ TEST_F(CapState, AnEventWithAMismatchedStateAndIdChangesNothing) {
   deleteAll(takeMessages());
 }
 
-TEST_F(CapState, GenericThenSpecificTakesTheSpecificInstancesAwayFromTheGeneric) {
-  write("generic.xml", subagent("agent.g", "Shared"));
+TEST_F(CapState, GenericThenSpecificTakesTheSpecificInstancesAwayFromTheGenericAndGivesThemBack) {
+  addManagedOSAgent();
+  int a = lab.runShell("sharedd", {"a"});
+  int b = lab.runShell("sharedd", {"b"});
+  write("generic.xml", shared("agent.g"));
   add("generic.xml");
   Policy* generic = policyOfFile("generic.xml");
   ASSERT_NE(nullptr, generic);
-  addAgent(managed(), generic, L"agent.g", L"a", L"Shared a");
-  addAgent(managed(), generic, L"agent.g", L"b", L"Shared b");
+  std::vector<std::wstring> both{L"a=" + std::to_wstring(a), L"b=" + std::to_wstring(b)};
+  std::vector<std::wstring> found = listPids(managed());
+  std::sort(found.begin(), found.end());
+  ASSERT_EQ(both, found);
 
-  write("specific.xml", specific("agent.s", "Shared", {"a"}));
+  captest::Subagent specific = shared("agent.s");
+  specific.instance = "<instance><name>a</name></instance>";
+  write("specific.xml", specific);
   add("specific.xml");
   EXPECT_TRUE(generic->isExceptionInstance(L"a"));
   EXPECT_FALSE(generic->isExceptionInstance(L"b"));
-  EXPECT_EQ(std::vector<std::wstring>({L"agent.g/b"}), listIds(managed()));
+  EXPECT_EQ(std::vector<std::wstring>({L"agent.g/b", L"agent.s/a"}), listIds(managed()));
+  EXPECT_EQ(std::vector<std::wstring>({L"b=" + std::to_wstring(b), L"a=" + std::to_wstring(a)}),
+            listPids(managed()));
   EXPECT_EQ(2u, policies().size());
   EXPECT_EQ(
       1, qortest::countOccurrences(trace(), "Found agent with matching instance to remove. agent.g : a\n"));
 
-  // When the specific file goes, the generic policy takes the instance back.
+  // When the specific file goes, the generic policy gets an agent for the
+  // instance again, and it finds the instance's process.
   deleteAll(apply("specific.xml", false));
   EXPECT_FALSE(generic->isExceptionInstance(L"a"));
   EXPECT_EQ(1u, policies().size());
+  EXPECT_EQ(std::vector<std::wstring>({L"agent.g/b", L"agent.g/a"}), listIds(managed()));
+  EXPECT_EQ(std::vector<std::wstring>({L"b=" + std::to_wstring(b), L"a=" + std::to_wstring(a)}),
+            listPids(managed()));
+  managed()->lockList();
+  for (Agent* agent : *managed()) {
+    EXPECT_EQ(generic, agent->getPolicy());
+    EXPECT_EQ(Managed, agent->getManagedState());
+  }
+  managed()->unlockList();
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "New instance a to be managed.\n"));
 }
 
 TEST_F(CapState, SpecificThenGenericLeavesTheGenericWithoutThoseInstances) {
-  write("specific.xml", specific("agent.s", "Shared", {"a", "c"}));
+  lab.runShell("sharedd", {"a"});
+  lab.runShell("sharedd", {"b"});
+  captest::Subagent specific = shared("agent.s");
+  specific.instance = "<instance><name>a</name><name>c</name></instance>";
+  write("specific.xml", specific);
   add("specific.xml");
-  write("generic.xml", subagent("agent.g", "Shared"));
+  write("generic.xml", shared("agent.g"));
   add("generic.xml");
   Policy* generic = policyOfFile("generic.xml");
   ASSERT_NE(nullptr, generic);
   EXPECT_TRUE(generic->isExceptionInstance(L"a"));
   EXPECT_TRUE(generic->isExceptionInstance(L"c"));
   EXPECT_FALSE(generic->isInstance(L"a"));
+  // The generic policy never gets an agent for a or c, though a runs.
+  EXPECT_EQ(std::vector<std::wstring>({L"agent.s/a", L"agent.s/c", L"agent.g/b"}), listIds(managed()));
 }
 
 TEST_F(CapState, PoliciesOfOtherAgentNamesAreLeftAlone) {

@@ -1,0 +1,148 @@
+// Agents come alive, as a host operator sees them through qorhost: a CAP file
+// for a running program yields an agent with its process id, one for a
+// program that does not run an agent with none, managed agents are checked
+// on their schedule, a killed program is reported, and the state survives a
+// restart of the service. Real programs (copies of sleep started by the
+// example script), real CAP files, the real qorhost.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "support/qortest.h"
+
+namespace {
+
+std::string tool(const std::string& name) { return qortest::binaryDir() + "/tools/" + name; }
+
+// A folder of programs run by the example script, each a copy of sleep under
+// a name of its own; stopped at the end.
+class Programs {
+ public:
+  ~Programs() {
+    for (const std::string& name : started_) run("stop", name);
+  }
+  int start(const std::string& name) {
+    run("start", name);
+    started_.push_back(name);
+    return pid(name);
+  }
+  void stop(const std::string& name) { run("stop", name); }
+  int pid(const std::string& name) const { return std::atoi(qortest::readFile(dir_.file(name + ".pid")).c_str()); }
+  // The executable of a program, whether it runs or not.
+  std::string path(const std::string& name) const { return dir_.file("bin/" + name); }
+  void install(const std::string& name) {
+    qortest::runProgram({"/bin/mkdir", "-p", dir_.file("bin")});
+    qortest::writeFile(path(name), qortest::readFile("/bin/sleep"));
+    qortest::makeExecutable(path(name));
+  }
+  std::string script() const { return qortest::sourceDir() + "/examples/scripts/example-daemon.sh"; }
+  std::string env() const { return "QOR_EXAMPLES_RUN=" + dir_.path(); }
+
+ private:
+  void run(const std::string& action, const std::string& name) {
+    qortest::RunResult result = qortest::runProgram({"/bin/sh", script(), action, name}, {env()});
+    EXPECT_EQ(0, result.exitCode) << action << " " << name << ": " << result.out << result.err;
+  }
+
+  qortest::TempDir dir_;
+  std::vector<std::string> started_;
+};
+
+// A CAP file for one program of `programs`; `extra` goes after platform
+// (checkFrequency and the like, in the order of the format).
+std::string capFile(const std::string& id, const std::string& name, const std::string& path,
+                    const std::string& checkFrequency = "", const std::string& statusScript = "") {
+  std::string text =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<subagents xmlns=\"urn:qor:cap\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
+      "xsi:schemaLocation=\"urn:qor:cap mdhcap.xsd\">\n"
+      "  <subagent id=\"" + id + "\">\n"
+      "    <agentName>" + name + "</agentName>\n"
+      "    <procName>" + path.substr(path.rfind('/') + 1) + "</procName>\n"
+      "    <agentType>Console</agentType>\n"
+      "    <agentPath>" + path + "</agentPath>\n"
+      "    <platform xsi:type=\"PlatformLinux\"/>\n";
+  if (!checkFrequency.empty()) text += "    <checkFrequency>" + checkFrequency + "</checkFrequency>\n";
+  text +=
+      "    <managerType>TeoServices</managerType>\n"
+      "    <maxRestarts>3</maxRestarts>\n";
+  text += statusScript;
+  return text + "  </subagent>\n</subagents>\n";
+}
+
+// qorhost on a CAP directory, its traces in a file of its own.
+class Host {
+ public:
+  Host(const std::string& capDir, const std::string& ipDir, const std::string& traceFile, unsigned level,
+       const std::vector<std::string>& env)
+      : child_({tool("qorhost"), "--cap-dir", capDir, "--ip-dir", ipDir, "--trace-level", std::to_string(level),
+                "--trace-file", traceFile},
+               env) {}
+  qortest::Child& child() { return child_; }
+  // Waits until qorhost has printed `count` listings, each closed by its
+  // "qorhost: N agents" line.
+  bool waitForListing(int count) {
+    return qortest::waitFor([&] { return listings() >= count; }, 15000);
+  }
+  int listings() {
+    static const std::regex closing("^qorhost: [0-9]+ agents?$");
+    int found = 0;
+    for (const std::string& line : qortest::linesWith(child_.out(), "qorhost: ")) {
+      if (std::regex_match(line, closing)) ++found;
+    }
+    return found;
+  }
+  std::vector<std::string> agentLines() { return qortest::linesWith(child_.out(), "qorhost: agent '"); }
+  int stop() {
+    child_.signal(SIGINT);
+    return child_.wait(15000);
+  }
+
+ private:
+  qortest::Child child_;
+};
+
+class Agents : public ::testing::Test {
+ protected:
+  std::string trace() { return qortest::readFile(work.file("trace")); }
+  void writeCap(const std::string& file, const std::string& content) { qortest::writeFile(caps.file(file), content); }
+
+  qortest::TempDir caps;
+  qortest::TempDir work;
+  Programs programs;
+};
+
+TEST_F(Agents, ARunningProgramHasItsProcessIdAndAMissingOneNone) {
+  int pid = programs.start("qore2erund");
+  programs.install("qore2eidled");
+  writeCap("running.xml", capFile("e2e.running", "Running program", programs.path("qore2erund")));
+  writeCap("idle.xml", capFile("e2e.idle", "Idle program", programs.path("qore2eidled")));
+
+  Host host(caps.path(), work.path(), work.file("trace"), 128, {programs.env()});
+  ASSERT_TRUE(host.waitForListing(1)) << host.child().out();
+  std::vector<std::string> lines = host.agentLines();
+  ASSERT_EQ(2u, lines.size()) << host.child().out();
+  EXPECT_EQ("qorhost: agent 'Idle program' id e2e.idle managed 1 (managed) state 2 (stopped) pid 0 restarts 0/3",
+            lines[0]);
+  EXPECT_EQ("qorhost: agent 'Running program' id e2e.running managed 1 (managed) state 4 (running) pid " +
+                std::to_string(pid) + " restarts 0/3",
+            lines[1]);
+  EXPECT_EQ(0, host.stop());
+}
+
+TEST_F(Agents, SigusrOneListsTheAgentsAgain) {
+  programs.start("qore2eusrd");
+  writeCap("usr.xml", capFile("e2e.usr", "Listed program", programs.path("qore2eusrd")));
+  Host host(caps.path(), work.path(), work.file("trace"), 128, {programs.env()});
+  ASSERT_TRUE(host.waitForListing(1)) << host.child().out();
+  host.child().signal(SIGUSR1);
+  ASSERT_TRUE(host.waitForListing(2)) << host.child().out();
+  EXPECT_EQ(2u, host.agentLines().size());
+  EXPECT_EQ(0, host.stop());
+}
+
+}  // namespace

@@ -31,7 +31,9 @@ class Programs {
     return pid(name);
   }
   void stop(const std::string& name) { run("stop", name); }
-  int pid(const std::string& name) const { return std::atoi(qortest::readFile(dir_.file(name + ".pid")).c_str()); }
+  int pid(const std::string& name) const {
+    return std::atoi(qortest::readFile(dir_.file(name + ".pid")).c_str());
+  }
   // The executable of a program, whether it runs or not.
   std::string path(const std::string& name) const { return dir_.file("bin/" + name); }
   void install(const std::string& name) {
@@ -60,11 +62,19 @@ std::string capFile(const std::string& id, const std::string& name, const std::s
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
       "<subagents xmlns=\"urn:qor:cap\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
       "xsi:schemaLocation=\"urn:qor:cap mdhcap.xsd\">\n"
-      "  <subagent id=\"" + id + "\">\n"
-      "    <agentName>" + name + "</agentName>\n"
-      "    <procName>" + path.substr(path.rfind('/') + 1) + "</procName>\n"
+      "  <subagent id=\"" +
+      id +
+      "\">\n"
+      "    <agentName>" +
+      name +
+      "</agentName>\n"
+      "    <procName>" +
+      path.substr(path.rfind('/') + 1) +
+      "</procName>\n"
       "    <agentType>Console</agentType>\n"
-      "    <agentPath>" + path + "</agentPath>\n"
+      "    <agentPath>" +
+      path +
+      "</agentPath>\n"
       "    <platform xsi:type=\"PlatformLinux\"/>\n";
   if (!checkFrequency.empty()) text += "    <checkFrequency>" + checkFrequency + "</checkFrequency>\n";
   text +=
@@ -79,8 +89,8 @@ class Host {
  public:
   Host(const std::string& capDir, const std::string& ipDir, const std::string& traceFile, unsigned level,
        const std::vector<std::string>& env)
-      : child_({tool("qorhost"), "--cap-dir", capDir, "--ip-dir", ipDir, "--trace-level", std::to_string(level),
-                "--trace-file", traceFile},
+      : child_({tool("qorhost"), "--cap-dir", capDir, "--ip-dir", ipDir, "--trace-level",
+                std::to_string(level), "--trace-file", traceFile},
                env) {}
   qortest::Child& child() { return child_; }
   // Waits until qorhost has printed `count` listings, each closed by its
@@ -109,7 +119,9 @@ class Host {
 class Agents : public ::testing::Test {
  protected:
   std::string trace() { return qortest::readFile(work.file("trace")); }
-  void writeCap(const std::string& file, const std::string& content) { qortest::writeFile(caps.file(file), content); }
+  void writeCap(const std::string& file, const std::string& content) {
+    qortest::writeFile(caps.file(file), content);
+  }
 
   qortest::TempDir caps;
   qortest::TempDir work;
@@ -126,8 +138,9 @@ TEST_F(Agents, ARunningProgramHasItsProcessIdAndAMissingOneNone) {
   ASSERT_TRUE(host.waitForListing(1)) << host.child().out();
   std::vector<std::string> lines = host.agentLines();
   ASSERT_EQ(2u, lines.size()) << host.child().out();
-  EXPECT_EQ("qorhost: agent 'Idle program' id e2e.idle managed 1 (managed) state 2 (stopped) pid 0 restarts 0/3",
-            lines[0]);
+  EXPECT_EQ(
+      "qorhost: agent 'Idle program' id e2e.idle managed 1 (managed) state 2 (stopped) pid 0 restarts 0/3",
+      lines[0]);
   EXPECT_EQ("qorhost: agent 'Running program' id e2e.running managed 1 (managed) state 4 (running) pid " +
                 std::to_string(pid) + " restarts 0/3",
             lines[1]);
@@ -143,6 +156,66 @@ TEST_F(Agents, SigusrOneListsTheAgentsAgain) {
   ASSERT_TRUE(host.waitForListing(2)) << host.child().out();
   EXPECT_EQ(2u, host.agentLines().size());
   EXPECT_EQ(0, host.stop());
+}
+
+// The lines of the state file, and a field of the record of `id`: `line` is
+// the line's number within the record (1 is its opening "*", 3 its id).
+std::vector<std::string> lines(const std::string& text) { return qortest::linesWith(text, ""); }
+void setField(std::vector<std::string>& file, const std::string& id, int line, const std::string& value) {
+  for (size_t i = 3; i < file.size(); ++i) {
+    if (file[i] == id && file[i - 2] == "*") {
+      file[i - 3 + line] = value;
+      return;
+    }
+  }
+  ADD_FAILURE() << "no record of " << id;
+}
+std::string join(const std::vector<std::string>& file) {
+  std::string text;
+  for (const std::string& line : file) text += line + "\n";
+  return text;
+}
+
+TEST_F(Agents, ASecondStartReadsTheStateFileBackAndShowsTheSameAgents) {
+  int pid = programs.start("qore2ekeepd");
+  programs.install("qore2erestd");
+  writeCap("keep.xml", capFile("e2e.keep", "Kept program", programs.path("qore2ekeepd")));
+  writeCap("rest.xml", capFile("e2e.rest", "Resting program", programs.path("qore2erestd")));
+
+  {
+    Host first(caps.path(), work.path(), work.file("trace"), 128, {programs.env()});
+    ASSERT_TRUE(first.waitForListing(1)) << first.child().out();
+    ASSERT_EQ(0, first.stop());
+  }
+  std::vector<std::string> file = lines(qortest::readFile(caps.file("teo.dat")));
+  ASSERT_EQ(1u + 2 * 18, file.size());
+  EXPECT_EQ("2", file[0]);
+  // Records in list order: the files' names sort "keep.xml" first.
+  const std::vector<std::string> keep(file.begin() + 1, file.begin() + 19);
+  EXPECT_EQ((std::vector<std::string>{"*", "6.2.2.2", "e2e.keep", "qore2ekeepd", "", "", "1", "Kept program",
+                                      "4", "qore2ekeepd", std::to_string(pid), "0",
+                                      programs.path("qore2ekeepd"), "1", "", "", "0", "*"}),
+            keep);
+  EXPECT_FALSE(qortest::fileExists(caps.file("teo.dat.tmp")));
+
+  // What a day of the service would have left: two restarts of the kept
+  // program, and the resting one taken out of management by an operator.
+  setField(file, "e2e.keep", 12, "2");
+  setField(file, "e2e.rest", 7, "0");
+  qortest::writeFile(caps.file("teo.dat"), join(file));
+
+  Host second(caps.path(), work.path(), work.file("trace"), 128, {programs.env()});
+  ASSERT_TRUE(second.waitForListing(1)) << second.child().out();
+  std::vector<std::string> agents = second.agentLines();
+  ASSERT_EQ(2u, agents.size()) << second.child().out();
+  EXPECT_EQ("qorhost: agent 'Kept program' id e2e.keep managed 1 (managed) state 4 (running) pid " +
+                std::to_string(pid) + " restarts 2/3",
+            agents[0]);
+  EXPECT_EQ(
+      "qorhost: agent 'Resting program' id e2e.rest managed 0 (unmanaged) state 0 (unknown) pid 0 restarts "
+      "0/3",
+      agents[1]);
+  EXPECT_EQ(0, second.stop());
 }
 
 }  // namespace

@@ -29,6 +29,7 @@ class Watchdog {
   void checkAvailability();
   // Refreshes the counters of a running agent and reports a CPU or memory
   // figure above the policy's threshold. Called by checkAvailability only.
+  // Requires: managedEndpointProcesses locked by the caller.
   void checkHealth();
   // Kept: an empty hook with no caller; it stays a declared operation.
   void checkOther() const {}

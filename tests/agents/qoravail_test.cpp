@@ -8,6 +8,7 @@
 #include <atomic>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include "agents/qoragt.h"
@@ -17,6 +18,7 @@
 #include "include/qorapi.h"
 #include "platform/log1.h"
 #include "support/qortest.h"
+#include "watchdog/proctest.h"
 #include "watchdog/qorwd.h"
 
 namespace {
@@ -238,6 +240,41 @@ long long stampOf(const std::string& line) {
   return static_cast<long long>(mktime(&local)) * 1000 + millis;
 }
 
+// What the host hears: each log text, and each alert's id and message.
+class HeardLogs : public QOR_LogListener {
+ public:
+  void AlertMe() override {
+    char* text = QOR_wcstombs(logData.logMessage);
+    std::lock_guard<std::mutex> lock(mutex);
+    texts.push_back(text);
+    delete[] text;
+  }
+  std::vector<std::string> snapshot() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return texts;
+  }
+
+ private:
+  std::mutex mutex;
+  std::vector<std::string> texts;
+};
+
+class HeardAlerts : public QOR_AlertListener {
+ public:
+  void AlertMe() override {
+    std::lock_guard<std::mutex> lock(mutex);
+    alerts.emplace_back(alertData.eventID, alertData.userMessage);
+  }
+  std::vector<std::pair<int, std::wstring>> snapshot() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return alerts;
+  }
+
+ private:
+  std::mutex mutex;
+  std::vector<std::pair<int, std::wstring>> alerts;
+};
+
 // The whole service with an empty CAP directory and agents put straight into
 // its managed list; the availability thread's story read from the trace.
 class AvailabilityCycle : public ::testing::Test {
@@ -302,6 +339,8 @@ class AvailabilityCycle : public ::testing::Test {
   qortest::TempDir caps;
   qortest::TempDir traces;
   AgentMaker maker;
+  HeardLogs logs;
+  HeardAlerts alerts;
   QOR_QueryService* service = nullptr;
 };
 
@@ -411,6 +450,32 @@ TEST_F(AvailabilityCycle, AScheduleThatShrankBelowTheCycleReachedEndsThePass) {
              "Starting cycle loop: cycle count: 2\n", "Going to sleep for: 10 on iteration 2\n"}),
       Story(texts.end() - 4, texts.end()));
   EXPECT_EQ(0, traced("Testing agent masks on cycle 3\n"));
+}
+
+TEST_F(AvailabilityCycle, ADownAgentFoundByTheCycleReachesTheHostAsAnAlertWithItsScriptsMessage) {
+  proctest::copyProgram("/bin/sleep", maker.files.file("qorcycle"));  // installed, not running
+  maker.make("cycle.down", 5, true,
+             captest::script("availabilityStatusScript", "exit 3",
+                             "<returnCode type=\"Error\" msg_id=\"status said down\">3</returnCode>"));
+  service = QOR_QueryService::initQueryService();
+  service->registerLogListener(&logs);
+  service->registerAlertListener(&alerts);
+  service->startQueryService();
+  const std::string text =
+      "Test agent Operational Event: Agent stopped abnormally. Details: status said down.";
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        for (const std::string& log : logs.snapshot()) {
+          if (log == text) return true;
+        }
+        return false;
+      },
+      10000));
+  ASSERT_TRUE(qortest::waitFor([&] { return !alerts.snapshot().empty(); }, 2000));
+  stop();
+  EXPECT_EQ(agent_stopped_abnormally, alerts.snapshot().front().first);
+  EXPECT_EQ(L"status said down", alerts.snapshot().front().second);
+  EXPECT_EQ(1, traced("Pushing agent check based on mask on iteration 1 -- cycle.down\n"));
 }
 
 TEST_F(AvailabilityCycle, AShutdownDuringTheSleepCancelsTheThread) {

@@ -1,12 +1,107 @@
 // The availability thread: decides when each managed agent is due for a check
-// and queues the check for the command handler thread.
+// and queues the check for the command handler thread, where every change of
+// an agent happens. It never looks at a process itself.
+#include <pthread.h>
+
+#include <bitset>
+
 #include "agents/qoragt.h"
+#include "core/qorcmdhand.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "platform/log1.h"
 #include "platform/osv1.h"
+#include "watchdog/qorwd.h"
 
 QOR_TRACE_UNIT();
+
+namespace {
+
+// AvailChecking's own trace block, handed to its steps, so that the whole
+// story of the cycle carries the name AvailChecking.
+struct CycleTrace {
+  LOG1_EPB* block;
+  unsigned flags;
+};
+
+// Opens a step of the cycle: the trace macros below it write under the
+// cycle's block and with its flags.
+#define QOR_TRACE_AS_CYCLE(trace)        \
+  LOG1_EPB& LOG1__EPB_ = *(trace).block; \
+  const unsigned LOG1__flags_ = (trace).flags
+
+// The availability thread's private copy of the schedule; only a rebuild on
+// this thread changes it.
+struct CheckSchedule {
+  std::bitset<MAX_CHECK_CYCLES> mask;
+  int cycles;  // N: the cycles of a pass run from 1 to N - 1
+};
+
+// Kept: a sleep starts at 5 seconds whatever the interval; each cycle with no agent due adds one interval.
+// With the interval at 5 the thread wakes exactly at the next cycle due. Advances `cycle` to the cycle to
+// wake for, or to the end of the schedule when none is left.
+int sleepUntilDue(const CheckSchedule& schedule, int interval, int& cycle) {
+  int seconds = 5;
+  while (cycle < schedule.cycles && !schedule.mask.test(static_cast<size_t>(cycle))) {
+    seconds += interval;
+    ++cycle;
+  }
+  return seconds;
+}
+
+// Takes the rebuilt schedule after a change of policy or management. False
+// when the pass is to end because the new schedule is shorter than the cycle
+// reached.
+bool takeNewSchedule(ManagedProcessList& list, CheckSchedule& schedule, int cycle, const CycleTrace& trace) {
+  QOR_TRACE_AS_CYCLE(trace);
+  schedule.mask = list.getMasterMask();
+  const int cycles = list.getCycleCount();
+  QOR_TRACE_STORY("Dirty condition detected: new cycles %d on cycle %d\n", cycles, cycle);
+  if (cycle > cycles) return false;
+  schedule.cycles = cycles;
+  return true;
+}
+
+// An agent is due in a cycle that is a multiple of its check period.
+bool isDueIn(const Agent* agent, int cycle) {
+  const int period = static_cast<int>(agent->getCheckMask());
+  if (period <= 0) return false;
+  return period == 1 || cycle % period == 0;
+}
+
+// Queues a check for each agent due in `cycle`, in list order. The list lock
+// is held for the walk only; a list that cannot be locked lets the cycle pass
+// without checks.
+void pushDueChecks(Controller* controller, int cycle, const CycleTrace& trace) {
+  QOR_TRACE_AS_CYCLE(trace);
+  ManagedProcessList* list = controller->getManagedEndpointProcesses();
+  QOR_TRACE_STORY("Testing agent masks on cycle %d\n", cycle);
+  if (!list->lockList()) return;
+  for (Agent* agent : *list) {
+    if (!isDueIn(agent, cycle)) continue;
+    QOR_TRACE_STORY("Pushing agent check based on mask on iteration %d -- %s\n", cycle,
+                    agent->getshortID().c_str());
+    if (controller->isShuttingDown()) break;
+    // The event points at the live agent without owning it; the command
+    // handler finds out whether it is still listed when its turn comes.
+    AgentAVCheckEvent* event = new AgentAVCheckEvent();
+    event->setAgent(agent);
+    controller->getCommandHandler()->pushEvent(event);
+  }
+  list->unlockList();
+}
+
+// Shutdown cancels the thread only inside its sleep, where it holds nothing:
+// a cancel that comes while it is awake waits for the next sleep, and a
+// thread that sees shuttingDown first ends by itself.
+void cancellableSleep(int seconds) {
+  int previous = 0;
+  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
+  OSV1_Sleep(seconds);
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+}
+
+}  // namespace
 
 void* AVThreadEntry(void* /*unused*/) {
   Controller::getController()->AvailChecking();
@@ -15,17 +110,26 @@ void* AVThreadEntry(void* /*unused*/) {
 
 void Controller::AvailChecking() {
   QOR_TRACE_FUNCTION();
-  // Stand-in: the cycle of check masks replaces this loop here; until then
-  // a pass is two cycles of 5 seconds, all sleep, as with no agent to check.
-  // The thread holds no lock across its sleep, which is what lets shutdown
-  // cancel it there.
+  const CycleTrace trace{&LOG1__EPB_, LOG1__flags_};
+  int previous = 0;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+  ManagedProcessList& list = managedEndpointProcesses;
   while (!isShuttingDown()) {
-    const int sleepTime = 5 + managedEndpointProcesses.getInterval();
-    QOR_TRACE_STORY("Going to sleep for: %d on iteration %d\n", sleepTime, 1);
-    if (!isShuttingDown()) {
-      avSleeping.store(true, std::memory_order_release);
-      OSV1_Sleep(sleepTime);
-      avSleeping.store(false, std::memory_order_release);
+    const int interval = list.getInterval();
+    CheckSchedule schedule{list.getMasterMask(), list.getCycleCount()};
+    QOR_TRACE_STORY("Starting cycle loop: cycle count: %d\n", schedule.cycles);
+    for (int cycle = 1; cycle < schedule.cycles && !isShuttingDown(); ++cycle) {
+      const int seconds = sleepUntilDue(schedule, interval, cycle);
+      QOR_TRACE_STORY("Going to sleep for: %d on iteration %d\n", seconds, cycle);
+      if (!isShuttingDown()) {
+        avSleeping.store(true, std::memory_order_release);
+        cancellableSleep(seconds);
+        avSleeping.store(false, std::memory_order_release);
+      }
+      if (isShuttingDown()) break;
+      // A change made during the sleep is seen only now.
+      if (list.isDirty() && !takeNewSchedule(list, schedule, cycle, trace)) break;
+      if (cycle < schedule.cycles && !isShuttingDown()) pushDueChecks(this, cycle, trace);
     }
   }
   signalAVShutdownComplete();
@@ -43,11 +147,13 @@ void Controller::ProcessAvCheck(AgentAVCheckEvent* event) {
     return;
   }
   if (agent->availCheckRetryEnabled()) {
+    // A status script that timed out is still being tried again.
     QOR_TRACE_DETAIL("Retry availability check is enabled -- skip check.\n");
     return;
   }
-  // Stand-in: the remote deploy test comes with OS agent supervision
-  // (interfaces/qorosagt.cpp) and the check itself with the watchdog checks
-  // (Watchdog::checkAvailability, watchdog/qorwd.cpp); until then nothing
-  // is checked.
+  if (checkRemoteDeploy(agent->getPolicy(), false)) {
+    QOR_TRACE_DETAIL("Agent remote deployed is running-- skip check.\n");
+    return;
+  }
+  agent->getWatchdog()->checkAvailability();
 }

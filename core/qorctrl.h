@@ -187,6 +187,9 @@ class Controller {
   // Requires: managedEndpointProcesses locked by the caller (the command
   // handler thread), with the event's agent confirmed in the list.
   void ProcessAvCheck(AgentAVCheckEvent* event);
+  // The tests of the checks set the service's start and the disarm flag,
+  // which only the service's own start and the OS agent's supervision change.
+  friend class ControllerTestAccess;
 
   // ---- agents/qortrans.cpp: agent state transitions ----------------------
 

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <regex>
 #include <string>
@@ -216,6 +217,91 @@ TEST_F(Agents, ASecondStartReadsTheStateFileBackAndShowsTheSameAgents) {
       "0/3",
       agents[1]);
   EXPECT_EQ(0, second.stop());
+}
+
+// Seconds since midnight of a trace line's time stamp ("YYYY-MM-DD HH:MM:SS.mmm ...").
+double stampOf(const std::string& line) {
+  int hours = 0, minutes = 0, seconds = 0, millis = 0;
+  if (std::sscanf(line.c_str(), "%*d-%*d-%*d %d:%d:%d.%d", &hours, &minutes, &seconds, &millis) != 4)
+    return -1;
+  return hours * 3600.0 + minutes * 60.0 + seconds + millis / 1000.0;
+}
+
+TEST_F(Agents, AManagedAgentIsCheckedEveryFiveSecondsAndItsDeathIsHeardWithinOnePeriod) {
+  int pid = programs.start("qore2echeckd");
+  writeCap("check.xml", capFile("e2e.check", "Checked program", programs.path("qore2echeckd"), "5"));
+  Host host(caps.path(), work.path(), work.file("trace"), 1 | 256, {programs.env()});
+  ASSERT_TRUE(host.waitForListing(1)) << host.child().out();
+
+  const std::string checked = "Agent e2e.check checked at ";
+  ASSERT_TRUE(qortest::waitFor([&] { return qortest::linesWith(trace(), checked).size() >= 3; }, 20000))
+      << trace();
+  std::vector<std::string> checks = qortest::linesWith(trace(), checked);
+  for (size_t i = 1; i < 3; ++i) {
+    double gap = stampOf(checks[i]) - stampOf(checks[i - 1]);
+    EXPECT_GT(gap, 4.5) << checks[i - 1] << "\n" << checks[i];
+    EXPECT_LT(gap, 6.0) << checks[i - 1] << "\n" << checks[i];
+  }
+
+  long long killed = qortest::nowMs();
+  kill(pid, SIGKILL);
+  ASSERT_TRUE(host.child().waitForOutput("[ 8] ALERT agent 'Checked program'", 12000)) << host.child().out();
+  EXPECT_LT(qortest::nowMs() - killed, 5000 + 1500);
+  EXPECT_EQ(1u, qortest::linesWith(host.child().out(),
+                                   "[ 8] Checked program Operational Event: Agent stopped "
+                                   "abnormally.")
+                    .size())
+      << host.child().out();
+  // The check reported the agent down with the state it found, 2.
+  std::vector<std::string> story = qortest::linesWith(trace(), "agent event ");
+  bool reported = false;
+  for (size_t i = 0; i + 1 < story.size(); ++i) {
+    reported = reported || (story[i].find("agent event op state = 2.") != std::string::npos &&
+                            story[i + 1].find("agent event id = 8.") != std::string::npos);
+  }
+  EXPECT_TRUE(reported) << trace();
+  EXPECT_EQ(1u, qortest::linesWith(trace(), "Availability script failed and agent e2e.check is down").size());
+  EXPECT_EQ(0, host.stop());
+}
+
+TEST_F(Agents, AStatusScriptsReturnCodeMapGivesTheEventItsMessage) {
+  programs.start("qore2estatusd");
+  qortest::writeFile(work.file("healthy"), "");
+  std::string status =
+      "    <availabilityStatusScript>\n"
+      "      <command>test -e " +
+      work.file("healthy") +
+      "</command>\n"
+      "      <returnCodeList>\n"
+      "        <returnCode type=\"OK\" msg_id=\"E2E_HEALTHY\">0</returnCode>\n"
+      "        <returnCode type=\"Error\" msg_id=\"E2E_SICK\">1</returnCode>\n"
+      "      </returnCodeList>\n"
+      "    </availabilityStatusScript>\n";
+  writeCap("status.xml",
+           capFile("e2e.status", "Scripted program", programs.path("qore2estatusd"), "5", status));
+  Host host(caps.path(), work.path(), work.file("trace"), 1 | 256, {programs.env()});
+  ASSERT_TRUE(host.waitForListing(1)) << host.child().out();
+  ASSERT_TRUE(qortest::waitFor(
+      [&] { return !qortest::linesWith(trace(), "Agent e2e.status checked at").empty(); }, 12000));
+  EXPECT_EQ(std::string::npos, host.child().out().find("[ 8]"));
+
+  std::remove(work.file("healthy").c_str());
+  ASSERT_TRUE(host.child().waitForOutput("Details: E2E_SICK.\n", 12000)) << host.child().out();
+  EXPECT_EQ(1u,
+            qortest::linesWith(host.child().out(),
+                               "[ 8] Scripted program Operational Event: Agent stopped abnormally. Details: "
+                               "E2E_SICK.")
+                .size())
+      << host.child().out();
+  ASSERT_TRUE(host.child().waitForOutput("[ 8] ALERT agent 'Scripted program' state 4", 2000))
+      << host.child().out();
+  EXPECT_FALSE(qortest::linesWith(host.child().out(), "[ 8] ALERT agent 'Scripted program' state 4").empty());
+  EXPECT_NE(std::string::npos, host.child().out().find(": E2E_SICK\n"));
+  // The program still runs: the script failed but the process is there.
+  EXPECT_EQ(1u,
+            qortest::linesWith(trace(), "Availability script failed but agent e2e.status is still up, rc = 1")
+                .size());
+  EXPECT_EQ(0, host.stop());
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include <bitset>
 #include <list>
 
+#include "core/qorlock.h"
+
 class Agent;
 
 // Sort order of the schedule: by the check frequency of the agents' policies.
@@ -63,7 +65,7 @@ class ManagedProcessList : public std::list<Agent*> {
   std::atomic<int> cycleCount;
   int interval;
   std::atomic<bool> dirty;
-  pthread_mutex_t listMutex;
+  QorMutex listMutex;
   std::atomic<pthread_t> lockOwner;
   std::atomic<bool> locked;
 };

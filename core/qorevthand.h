@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "core/qorlock.h"
+
 // The flat record of an event, with no pointers: what listeners and the
 // watchdog process's cache receive.
 struct EventData {
@@ -104,13 +106,13 @@ class EventHandler {
   void runLoop(void (*deliver)(EventHandler* self, Event* event));
 
  private:
+  QorMutex queueMutex;
   std::vector<Event*> eventQueue;
-  pthread_mutex_t queueMutex;
   pthread_cond_t queueCondition;
   // Written under the shutdown mutex; read by the consumer with or without the
   // queue mutex, hence atomic.
   std::atomic<bool> shutdownRequested;
-  pthread_mutex_t shutdownMutex;
+  QorMutex shutdownMutex;
   pthread_cond_t shutdownCondition;  // initialised and destroyed, never waited on
 };
 

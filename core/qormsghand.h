@@ -5,11 +5,10 @@
 #ifndef QOR_CORE_QORMSGHAND_H
 #define QOR_CORE_QORMSGHAND_H
 
-#include <pthread.h>
-
 #include <vector>
 
 #include "core/qorevthand.h"
+#include "core/qorlock.h"
 
 // A listener gets a private copy of the event, which it owns and must delete.
 // It runs with the listener mutex held: it must not (de)register listeners.
@@ -36,8 +35,8 @@ class MessageHandler : public EventHandler {
   size_t listenerCount();
 
  private:
+  QorMutex listenerMutex;
   std::vector<EventListener> listeners;
-  pthread_mutex_t listenerMutex;
 };
 
 // Thread entry; the argument is the MessageHandler.

@@ -7,6 +7,8 @@
 
 #include <vector>
 
+#include "core/qorlock.h"
+
 class WorkerThreadVector {
  public:
   WorkerThreadVector();
@@ -28,8 +30,8 @@ class WorkerThreadVector {
   bool waitOnEmpty();
 
  private:
+  QorMutex vectorMutex;
   std::vector<pthread_t> threads;
-  pthread_mutex_t vectorMutex;
   pthread_cond_t emptyCondition;
 };
 

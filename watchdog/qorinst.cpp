@@ -1,10 +1,10 @@
 #include "watchdog/qorinst.h"
 
 #include <algorithm>
-#include <mutex>
 
 #include "agents/qoragt.h"
 #include "cap/qorpol.h"
+#include "core/qorlock.h"
 #include "platform/log1.h"
 #include "watchdog/qorcmd.h"
 
@@ -19,8 +19,8 @@ const std::wstring kCodeQE = L"qe";
 // The last output of the running-instances command, shared by all policies
 // although it holds the lines of the policy that fetched it: a miss simply
 // fetches anew.
+QorMutex vexinfOutputMutex(QorMutex::kNeverDestroyed);
 std::wstring vexinfOutput;
-std::mutex vexinfOutputMutex;
 
 void fillScript(QorScript* script, const std::wstring& command) {
   script->setOriginalCommand(command);
@@ -209,7 +209,7 @@ std::wstring GetZELInstanceName(Policy* policy, int pid) {
     QOR_TRACE_DETAIL("Look for pid %d.\n", pid);
     std::wstring cached;
     {
-      std::lock_guard<std::mutex> lock(vexinfOutputMutex);
+      QorMutexLock lock(&vexinfOutputMutex);
       cached = vexinfOutput;
     }
     std::vector<QorProcess*> single(1, &process);
@@ -221,7 +221,7 @@ std::wstring GetZELInstanceName(Policy* policy, int pid) {
     // The tool runs without the cache locked: it may take up to the time-out.
     std::wstring fresh = GetVexinfRunningInstances(policy);
     {
-      std::lock_guard<std::mutex> lock(vexinfOutputMutex);
+      QorMutexLock lock(&vexinfOutputMutex);
       vexinfOutput = fresh;
     }
     ++tries;

@@ -90,12 +90,12 @@ class EventHandler {
   bool pushEvent(Event* event);
 
   // Requires: the queue mutex held by the caller (the consumer).
-  bool isQueueEmpty();
-  Event* popEvent();
-  bool waitOnEventQueue();
+  bool isQueueEmpty() QOR_REQUIRES(queueMutex);
+  Event* popEvent() QOR_REQUIRES(queueMutex);
+  bool waitOnEventQueue() QOR_REQUIRES(queueMutex);
 
-  bool lockEventQueue();
-  bool unlockEventQueue();
+  bool lockEventQueue() QOR_TRY_ACQUIRE(true, queueMutex);
+  bool unlockEventQueue() QOR_RELEASE(queueMutex);
 
   // Marks the queue finished for good and wakes the consumer.
   void requestShutdown();
@@ -107,7 +107,7 @@ class EventHandler {
 
  private:
   QorMutex queueMutex;
-  std::vector<Event*> eventQueue;
+  std::vector<Event*> eventQueue QOR_GUARDED_BY(queueMutex);
   pthread_cond_t queueCondition;
   // Written under the shutdown mutex; read by the consumer with or without the
   // queue mutex, hence atomic.

@@ -28,15 +28,15 @@ class MessageHandler : public EventHandler {
   // for the life of the process.
   void deregisterListener(EventListener listener);
   void notifyListeners(Event* event);
-  bool lockListenerList();
-  bool unlockListenerList();
+  bool lockListenerList() QOR_TRY_ACQUIRE(true, listenerMutex);
+  bool unlockListenerList() QOR_RELEASE(listenerMutex);
 
   // The number of listeners; for tests and diagnostics.
   size_t listenerCount();
 
  private:
   QorMutex listenerMutex;
-  std::vector<EventListener> listeners;
+  std::vector<EventListener> listeners QOR_GUARDED_BY(listenerMutex);
 };
 
 // Thread entry; the argument is the MessageHandler.

@@ -22,7 +22,8 @@ QorMutex envVarsMutex(QorMutex::kNeverDestroyed);
 
 // Values of environment variables, and of other agents under keys of their
 // own. Never cleared; an entry, once in, is never replaced.
-std::map<std::wstring, std::wstring>& qorEnvVars() {
+// Requires: envVarsMutex held by the caller.
+std::map<std::wstring, std::wstring>& qorEnvVars() QOR_REQUIRES(envVarsMutex) {
   static std::map<std::wstring, std::wstring> vars;
   return vars;
 }

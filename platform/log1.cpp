@@ -20,11 +20,11 @@ namespace {
 // is constant-initialised, so units may register during static initialisation,
 // and never destroyed, so threads may trace while the process exits.
 QorMutex registryMutex(QorMutex::kNeverDestroyed);
-LOG1_Unit* registryHead = nullptr;
+LOG1_Unit* registryHead QOR_GUARDED_BY(registryMutex) = nullptr;
 
 QorMutex sinkMutex(QorMutex::kNeverDestroyed);
-FILE* sink = nullptr;  // null: standard error
-bool sinkOwned = false;
+FILE* sink QOR_GUARDED_BY(sinkMutex) = nullptr;  // null: standard error
+bool sinkOwned QOR_GUARDED_BY(sinkMutex) = false;
 
 std::atomic<unsigned> traceMask{QOR_TRACE_DEFAULT_MASK};
 std::atomic<bool> configured{false};

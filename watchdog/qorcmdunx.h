@@ -86,7 +86,7 @@ class QorCmdUNIX : public QorCmd {
 
   // Clock ticks since boot, taken at the first need and kept: 0 until then.
   static QorMutex upTimeMutex;
-  static unsigned long upTime;
+  static unsigned long upTime QOR_GUARDED_BY(upTimeMutex);
 
  private:
   struct PollOutcome;
@@ -109,8 +109,8 @@ class QorCmdUNIX : public QorCmd {
   // that runs a command, walked by the discovery thread and the watchdog's
   // main loop. Guarded by defunctMutex, as is keptStreams.
   QorMutex defunctMutex;
-  std::vector<int> defunctProcesses;
-  std::vector<FILE*> keptStreams;
+  std::vector<int> defunctProcesses QOR_GUARDED_BY(defunctMutex);
+  std::vector<FILE*> keptStreams QOR_GUARDED_BY(defunctMutex);
 };
 
 #endif  // QOR_WATCHDOG_QORCMDUNX_H

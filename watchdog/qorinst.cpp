@@ -20,7 +20,7 @@ const std::wstring kCodeQE = L"qe";
 // although it holds the lines of the policy that fetched it: a miss simply
 // fetches anew.
 QorMutex vexinfOutputMutex(QorMutex::kNeverDestroyed);
-std::wstring vexinfOutput;
+std::wstring vexinfOutput QOR_GUARDED_BY(vexinfOutputMutex);
 
 void fillScript(QorScript* script, const std::wstring& command) {
   script->setOriginalCommand(command);

@@ -17,16 +17,16 @@ namespace {
 // Filled as processes are inspected and never invalidated: a user renamed
 // while the service runs keeps the old name.
 QorMutex idUserNamesMutex(QorMutex::kNeverDestroyed);
-std::map<int, std::wstring> idUserNames;
+std::map<int, std::wstring> idUserNames QOR_GUARDED_BY(idUserNamesMutex);
 
 // getpwuid returns a static record that the next call overwrites.
 QorMutex passwdMutex(QorMutex::kNeverDestroyed);
 
 QorMutex currUserMutex(QorMutex::kNeverDestroyed);
-std::wstring currUser;
+std::wstring currUser QOR_GUARDED_BY(currUserMutex);
 
 // Requires: idUserNamesMutex held.
-void cacheUserName(int id, const std::wstring& name) {
+void cacheUserName(int id, const std::wstring& name) QOR_REQUIRES(idUserNamesMutex) {
   QOR_TRACE_FUNCTION();
   if (name.empty()) return;
   QOR_TRACE_DETAIL("Adding userName %s (key = %d) to cache\n", QOR_N(name), id);
@@ -34,7 +34,7 @@ void cacheUserName(int id, const std::wstring& name) {
 }
 
 // Requires: idUserNamesMutex held.
-std::wstring cachedUserName(int id) {
+std::wstring cachedUserName(int id) QOR_REQUIRES(idUserNamesMutex) {
   auto found = idUserNames.find(id);
   return found == idUserNames.end() ? std::wstring() : found->second;
 }

@@ -27,11 +27,15 @@ class ManagedProcessList : public std::list<Agent*> {
   ManagedProcessList(const ManagedProcessList&) = delete;
   ManagedProcessList& operator=(const ManagedProcessList&) = delete;
 
+  // Requires: the list lock held by the caller.
   void push_back(Agent* agent);
+  // Requires: the list lock held by the caller.
   iterator erase(iterator position);
   // Orders the agents by check frequency, stably. Only the rebuild uses it.
+  // Requires: the list lock held by the caller.
   void sort();
   // True if this very pointer is in the list (compared by address).
+  // Requires: the list lock held by the caller.
   bool inList(Agent* agent);
 
   // The list lock is outside the clang analysis: executeCmd gives it up and
@@ -52,6 +56,7 @@ class ManagedProcessList : public std::list<Agent*> {
   // Turns the check frequencies of the managed agents into per-agent check
   // periods and the mask of cycles in which some agent is due. A period that
   // reaches past the last bit ends the process, as nothing catches it.
+  // Requires: the list lock NOT held by the caller, since it takes the lock.
   void regenCheckMasks();
   static int gcd(int a, int b);
   // The product comes first, in 32-bit signed arithmetic, so the result

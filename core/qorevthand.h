@@ -91,7 +91,10 @@ class EventHandler {
 
   // Requires: the queue mutex held by the caller (the consumer).
   bool isQueueEmpty() QOR_REQUIRES(queueMutex);
+  // Requires: the queue mutex held by the caller (the consumer).
   Event* popEvent() QOR_REQUIRES(queueMutex);
+  // Requires: the queue mutex held by the caller (the consumer), who holds it
+  // again when the wait returns.
   bool waitOnEventQueue() QOR_REQUIRES(queueMutex);
 
   bool lockEventQueue() QOR_TRY_ACQUIRE(true, queueMutex);

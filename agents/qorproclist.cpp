@@ -8,11 +8,9 @@
 QOR_TRACE_UNIT();
 
 ManagedProcessList::ManagedProcessList()
-    : cycleCount(0), interval(5), dirty(true), lockOwner(pthread_t()), locked(false) {
-  pthread_mutex_init(&listMutex, nullptr);
-}
+    : cycleCount(0), interval(5), dirty(true), lockOwner(pthread_t()), locked(false) {}
 
-ManagedProcessList::~ManagedProcessList() { pthread_mutex_destroy(&listMutex); }
+ManagedProcessList::~ManagedProcessList() = default;
 
 void ManagedProcessList::push_back(Agent* agent) {
   std::list<Agent*>::push_back(agent);
@@ -118,11 +116,7 @@ bool ManagedProcessList::inList(Agent* agent) {
 
 bool ManagedProcessList::lockList() {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_lock(&listMutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_lock failed, rc=%d \n", rc);
-    return false;
-  }
+  if (!QOR_LOCK_TRACED(listMutex)) return false;
   lockOwner.store(pthread_self(), std::memory_order_relaxed);
   locked.store(true, std::memory_order_release);
   return true;
@@ -132,12 +126,7 @@ bool ManagedProcessList::unlockList() {
   QOR_TRACE_FUNCTION();
   if (isLockedByCaller()) {
     locked.store(false, std::memory_order_release);
-    int rc = pthread_mutex_unlock(&listMutex);
-    if (rc != 0) {
-      QOR_TRACE_ERROR("Error: pthread_mutex_unlock failed, rc=%d \n", rc);
-      return false;
-    }
-    return true;
+    return QOR_UNLOCK_TRACED(listMutex);
   }
   QOR_TRACE_DETAIL("Unlock failed: list locked by one thread and unlock tried by another one\n");
   return false;

@@ -11,6 +11,8 @@
 #include <bitset>
 #include <list>
 
+#include "core/qorlock.h"
+
 class Agent;
 
 // The most cycles a check schedule has, and the bits of its mask: bit n for
@@ -29,18 +31,25 @@ class ManagedProcessList : public std::list<Agent*> {
   ManagedProcessList(const ManagedProcessList&) = delete;
   ManagedProcessList& operator=(const ManagedProcessList&) = delete;
 
+  // Requires: the list lock held by the caller.
   void push_back(Agent* agent);
+  // Requires: the list lock held by the caller.
   iterator erase(iterator position);
   // Orders the agents by check frequency, stably. Only the rebuild uses it.
+  // Requires: the list lock held by the caller.
   void sort();
   // True if this very pointer is in the list (compared by address).
+  // Requires: the list lock held by the caller.
   bool inList(Agent* agent);
 
-  bool lockList();
+  // The list lock is outside the clang analysis: executeCmd gives it up and
+  // takes it back for whichever caller holds it, which annotations would have
+  // to follow through every caller. Functions that need it say so instead.
+  bool lockList() QOR_NO_THREAD_SAFETY_ANALYSIS;
   // Refuses, with false and a trace, a thread that does not hold the lock, and
   // a second unlock by the holder: a command run gives the lock up only when
   // its caller really holds it.
-  bool unlockList();
+  bool unlockList() QOR_NO_THREAD_SAFETY_ANALYSIS;
   // True when the calling thread holds the lock: code reached both with and
   // without the list in hand decides by it whether to take the lock itself.
   bool isLockedByCaller() const;
@@ -51,6 +60,7 @@ class ManagedProcessList : public std::list<Agent*> {
   // Turns the check frequencies of the managed agents into per-agent check
   // periods and the mask of cycles in which some agent is due. A period that
   // reaches past the last bit ends the process, as nothing catches it.
+  // Requires: the list lock NOT held by the caller, since it takes the lock.
   void regenCheckMasks();
   static int gcd(int a, int b);
   // The product comes first, in 32-bit signed arithmetic, so the result
@@ -67,7 +77,7 @@ class ManagedProcessList : public std::list<Agent*> {
   std::atomic<int> cycleCount;
   int interval;
   std::atomic<bool> dirty;
-  pthread_mutex_t listMutex;
+  QorMutex listMutex;
   std::atomic<pthread_t> lockOwner;
   std::atomic<bool> locked;
 };

@@ -200,20 +200,25 @@ class Policy {
   bool isInstance(const std::wstring& name) const;
   bool isExceptionInstance(const std::wstring& name) const;
   // Appends a name not yet present and marks the instances as new.
+  // Requires: on a listed policy, the discovery mutex and managedEndpointProcesses locked by the caller.
   void addInstance(const std::wstring& name);
   // Called on a generic policy: the instances of a specific policy of the same
   // agent leave this one's instances and join its exception list.
+  // Requires: on a listed policy, the discovery mutex and managedEndpointProcesses locked by the caller.
   void addExceptionInstances(Policy* specific);
   // Undoes addExceptionInstances for a specific policy that went away; the
   // names do not return to the instances by this call.
+  // Requires: on a listed policy, the discovery mutex and managedEndpointProcesses locked by the caller.
   void removeExceptionInstances(Policy* specific);
   bool hasNewInstances() const { return newInstances; }
+  // Requires: on a listed policy, the discovery mutex and managedEndpointProcesses locked by the caller.
   void newInstancesProcessed() { newInstances = false; }
   bool hasDefaultZELInstance() const { return defaultZELInstance; }
   void setGeneric(bool isGeneric) { generic = isGeneric; }
   bool isGeneric() const { return generic; }
   // Keeps the instances of a generic suite policy in step with the suite's
   // configuration.
+  // Requires: on a listed policy, the discovery mutex and managedEndpointProcesses locked by the caller.
   void loadZELInstances();
 
   bool isZELAgent() const { return agentTypeElement == ZEL_UNIX || agentTypeElement == ZEL_Windows; }

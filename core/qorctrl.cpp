@@ -6,6 +6,7 @@
 #include "cap/qorunx.h"
 #include "cap/qorxmlproc.h"
 #include "core/qorcmdhand.h"
+#include "core/qorlock.h"
 #include "core/qormsghand.h"
 #include "core/qorutil.h"
 #include "interfaces/qorsockserv.h"
@@ -31,16 +32,14 @@ void destroyRendezvous(Rendezvous& rendezvous) {
 }
 
 void setRendezvous(Rendezvous& rendezvous) {
-  pthread_mutex_lock(&rendezvous.mutex);
+  QorMutexLock lock(&rendezvous.mutex);
   rendezvous.flag = true;
   pthread_cond_signal(&rendezvous.condition);
-  pthread_mutex_unlock(&rendezvous.mutex);
 }
 
 void clearRendezvous(Rendezvous& rendezvous) {
-  pthread_mutex_lock(&rendezvous.mutex);
+  QorMutexLock lock(&rendezvous.mutex);
   rendezvous.flag = false;
-  pthread_mutex_unlock(&rendezvous.mutex);
 }
 
 // The usual wait: an interruption ends the wait unless the story level is on,
@@ -58,22 +57,20 @@ void waitStandard(pthread_mutex_t* mutex, pthread_cond_t* condition, const bool*
 }
 
 void waitStandard(Rendezvous& rendezvous, bool traceRc) {
-  pthread_mutex_lock(&rendezvous.mutex);
+  QorMutexLock lock(&rendezvous.mutex);
   waitStandard(&rendezvous.mutex, &rendezvous.condition, &rendezvous.flag, traceRc);
-  pthread_mutex_unlock(&rendezvous.mutex);
 }
 
 // The discovery wait of shutdown differs on purpose: an interruption waits
 // again, and any other result, success included, ends the wait at once.
 void waitOnceUnlessInterrupted(Rendezvous& rendezvous) {
   QOR_TRACE_FUNCTION();
-  pthread_mutex_lock(&rendezvous.mutex);
+  QorMutexLock lock(&rendezvous.mutex);
   while (!rendezvous.flag) {
     int rc = pthread_cond_wait(&rendezvous.condition, &rendezvous.mutex);
     if (rc != EINTR) break;
     QOR_TRACE_STORY("system interrupt received while waiting...retrying\n");
   }
-  pthread_mutex_unlock(&rendezvous.mutex);
 }
 
 }  // namespace
@@ -191,22 +188,12 @@ void Controller::signalDIShutdownComplete() { setRendezvous(diRendezvous); }
 
 bool Controller::lockDiscovery() {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_lock(&discoveryMutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_lock failed, rc=%d \n", rc);
-    return false;
-  }
-  return true;
+  return QOR_LOCK_TRACED(&discoveryMutex);
 }
 
 bool Controller::unlockDiscovery() {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_unlock(&discoveryMutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_unlock failed, rc=%d \n", rc);
-    return false;
-  }
-  return true;
+  return QOR_UNLOCK_TRACED(&discoveryMutex);
 }
 
 bool Controller::tryLockDiscovery() { return pthread_mutex_trylock(&discoveryMutex) == 0; }
@@ -265,21 +252,22 @@ void Controller::TEOThreadExecution() {
 void Controller::requestLoop() {
   QOR_TRACE_FUNCTION();
   while (!isShuttingDown()) {
-    pthread_mutex_lock(&requestMutex);
-    while (threadRequest == NO_THREAD_REQUEST) {
-      int rc = pthread_cond_wait(&requestCondition, &requestMutex);
-      if (rc == EINTR) {
-        if (!QOR_TRACE_ON(QOR_TL_STORY)) break;
-        QOR_TRACE_STORY("system interrupt received while waiting...retrying\n");
+    {
+      QorMutexLock lock(&requestMutex);
+      while (threadRequest == NO_THREAD_REQUEST) {
+        int rc = pthread_cond_wait(&requestCondition, &requestMutex);
+        if (rc == EINTR) {
+          if (!QOR_TRACE_ON(QOR_TL_STORY)) break;
+          QOR_TRACE_STORY("system interrupt received while waiting...retrying\n");
+        }
       }
+      QOR_TRACE_STORY("Request received: %d \n", threadRequest);
+      if (threadRequest == SHUTDOWN_REQUEST) {
+        QOR_TRACE_STORY("Shutdown request received \n");
+        shuttingDown.store(true, std::memory_order_release);
+      }
+      threadRequest = NO_THREAD_REQUEST;
     }
-    QOR_TRACE_STORY("Request received: %d \n", threadRequest);
-    if (threadRequest == SHUTDOWN_REQUEST) {
-      QOR_TRACE_STORY("Shutdown request received \n");
-      shuttingDown.store(true, std::memory_order_release);
-    }
-    threadRequest = NO_THREAD_REQUEST;
-    pthread_mutex_unlock(&requestMutex);
 
     if (isShuttingDown()) {
       QOR_TRACE_STORY("Processing shutdown request\n");
@@ -293,10 +281,11 @@ void Controller::requestLoop() {
 void Controller::requestShutdown() {
   QOR_TRACE_FUNCTION();
   QOR_TRACE_STORY("Signalling shutdown request. \n");
-  pthread_mutex_lock(&requestMutex);
-  threadRequest = SHUTDOWN_REQUEST;
-  pthread_cond_signal(&requestCondition);
-  pthread_mutex_unlock(&requestMutex);
+  {
+    QorMutexLock lock(&requestMutex);
+    threadRequest = SHUTDOWN_REQUEST;
+    pthread_cond_signal(&requestCondition);
+  }
 
   QOR_TRACE_STORY("Enter wait for shutdown complete.\n");
   waitStandard(shutdownRendezvous, true);

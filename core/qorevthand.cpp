@@ -44,18 +44,14 @@ void Event::initData(EventData& data) {
 }
 
 EventHandler::EventHandler() : shutdownRequested(false) {
-  pthread_mutex_init(&queueMutex, nullptr);
   pthread_cond_init(&queueCondition, nullptr);
-  pthread_mutex_init(&shutdownMutex, nullptr);
   pthread_cond_init(&shutdownCondition, nullptr);
 }
 
 // Kept: events still queued are left alone: they are neither processed nor deleted.
 EventHandler::~EventHandler() {
   pthread_cond_destroy(&shutdownCondition);
-  pthread_mutex_destroy(&shutdownMutex);
   pthread_cond_destroy(&queueCondition);
-  pthread_mutex_destroy(&queueMutex);
 }
 
 bool EventHandler::pushEvent(Event* event) {
@@ -84,7 +80,7 @@ Event* EventHandler::popEvent() {
 bool EventHandler::waitOnEventQueue() {
   QOR_TRACE_FUNCTION();
   for (;;) {
-    int rc = pthread_cond_wait(&queueCondition, &queueMutex);
+    int rc = queueMutex.wait(&queueCondition);
     if (rc == 0) {
       QOR_TRACE_QUEUE("Successfully completed wait for event queue.\n");
       return true;
@@ -100,36 +96,22 @@ bool EventHandler::waitOnEventQueue() {
 
 bool EventHandler::lockEventQueue() {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_lock(&queueMutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_lock failed, rc=%d \n", rc);
-    return false;
-  }
-  return true;
+  return QOR_LOCK_TRACED(queueMutex);
 }
 
 bool EventHandler::unlockEventQueue() {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_unlock(&queueMutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_unlock failed, rc=%d \n", rc);
-    return false;
-  }
-  return true;
+  return QOR_UNLOCK_TRACED(queueMutex);
 }
 
 void EventHandler::requestShutdown() {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_lock(&shutdownMutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_lock failed, rc=%d \n", rc);
-    return;
-  }
+  if (!QOR_LOCK_TRACED(shutdownMutex)) return;
   shutdownRequested.store(true, std::memory_order_release);
-  pthread_mutex_unlock(&shutdownMutex);
+  shutdownMutex.unlock();
 
   if (!lockEventQueue()) return;
-  rc = pthread_cond_signal(&queueCondition);
+  int rc = pthread_cond_signal(&queueCondition);
   if (rc != 0) {
     QOR_TRACE_ERROR("Error: pthread_cond_signal failed. rc=%d", rc);
   } else {

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "core/qorlock.h"
+
 // The flat record of an event, with no pointers: what listeners and the
 // watchdog process's cache receive.
 struct EventData {
@@ -88,12 +90,15 @@ class EventHandler {
   bool pushEvent(Event* event);
 
   // Requires: the queue mutex held by the caller (the consumer).
-  bool isQueueEmpty();
-  Event* popEvent();
-  bool waitOnEventQueue();
+  bool isQueueEmpty() QOR_REQUIRES(queueMutex);
+  // Requires: the queue mutex held by the caller (the consumer).
+  Event* popEvent() QOR_REQUIRES(queueMutex);
+  // Requires: the queue mutex held by the caller (the consumer), who holds it
+  // again when the wait returns.
+  bool waitOnEventQueue() QOR_REQUIRES(queueMutex);
 
-  bool lockEventQueue();
-  bool unlockEventQueue();
+  bool lockEventQueue() QOR_TRY_ACQUIRE(true, queueMutex);
+  bool unlockEventQueue() QOR_RELEASE(queueMutex);
 
   // Marks the queue finished for good and wakes the consumer.
   void requestShutdown();
@@ -104,13 +109,13 @@ class EventHandler {
   void runLoop(void (*deliver)(EventHandler* self, Event* event));
 
  private:
-  std::vector<Event*> eventQueue;
-  pthread_mutex_t queueMutex;
+  QorMutex queueMutex;
+  std::vector<Event*> eventQueue QOR_GUARDED_BY(queueMutex);
   pthread_cond_t queueCondition;
   // Written under the shutdown mutex; read by the consumer with or without the
   // queue mutex, hence atomic.
   std::atomic<bool> shutdownRequested;
-  pthread_mutex_t shutdownMutex;
+  QorMutex shutdownMutex;
   pthread_cond_t shutdownCondition;  // Kept: initialised and destroyed, never waited on
 };
 

@@ -15,20 +15,19 @@ void sendOne(EventHandler* self, Event* event) {
 
 }  // namespace
 
-MessageHandler::MessageHandler() { pthread_mutex_init(&listenerMutex, nullptr); }
+MessageHandler::MessageHandler() = default;
 
-MessageHandler::~MessageHandler() { pthread_mutex_destroy(&listenerMutex); }
+MessageHandler::~MessageHandler() = default;
 
 void MessageHandler::runHandler() { runLoop(sendOne); }
 
 void MessageHandler::registerListener(EventListener listener) {
-  pthread_mutex_lock(&listenerMutex);
+  QorMutexLock lock(&listenerMutex);
   listeners.push_back(listener);
-  pthread_mutex_unlock(&listenerMutex);
 }
 
 void MessageHandler::deregisterListener(EventListener listener) {
-  pthread_mutex_lock(&listenerMutex);
+  QorMutexLock lock(&listenerMutex);
   if (!listeners.empty()) {
     // Kept: the loop runs only while the iterator is at the end, so no listener is ever erased.
     for (auto it = listeners.begin(); it == listeners.end(); ++it) {
@@ -38,7 +37,6 @@ void MessageHandler::deregisterListener(EventListener listener) {
       }
     }
   }
-  pthread_mutex_unlock(&listenerMutex);
 }
 
 void MessageHandler::notifyListeners(Event* event) {
@@ -56,29 +54,17 @@ void MessageHandler::notifyListeners(Event* event) {
 
 bool MessageHandler::lockListenerList() {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_lock(&listenerMutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_lock failed, rc=%d \n", rc);
-    return false;
-  }
-  return true;
+  return QOR_LOCK_TRACED(listenerMutex);
 }
 
 bool MessageHandler::unlockListenerList() {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_unlock(&listenerMutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_unlock failed, rc=%d \n", rc);
-    return false;
-  }
-  return true;
+  return QOR_UNLOCK_TRACED(listenerMutex);
 }
 
 size_t MessageHandler::listenerCount() {
-  pthread_mutex_lock(&listenerMutex);
-  size_t count = listeners.size();
-  pthread_mutex_unlock(&listenerMutex);
-  return count;
+  QorMutexLock lock(&listenerMutex);
+  return listeners.size();
 }
 
 void* messageHandlerThreadEntry(void* handler) {

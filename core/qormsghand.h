@@ -5,11 +5,10 @@
 #ifndef QOR_CORE_QORMSGHAND_H
 #define QOR_CORE_QORMSGHAND_H
 
-#include <pthread.h>
-
 #include <vector>
 
 #include "core/qorevthand.h"
+#include "core/qorlock.h"
 
 // A listener gets a private copy of the event, which it owns and must delete.
 // It runs with the listener mutex held: it must not (de)register listeners.
@@ -29,15 +28,15 @@ class MessageHandler : public EventHandler {
   // for the life of the process.
   void deregisterListener(EventListener listener);
   void notifyListeners(Event* event);
-  bool lockListenerList();
-  bool unlockListenerList();
+  bool lockListenerList() QOR_TRY_ACQUIRE(true, listenerMutex);
+  bool unlockListenerList() QOR_RELEASE(listenerMutex);
 
   // The number of listeners; for tests and diagnostics.
   size_t listenerCount();
 
  private:
-  std::vector<EventListener> listeners;
-  pthread_mutex_t listenerMutex;
+  QorMutex listenerMutex;
+  std::vector<EventListener> listeners QOR_GUARDED_BY(listenerMutex);
 };
 
 // Thread entry; the argument is the MessageHandler.

@@ -1,7 +1,5 @@
 #include "core/qorutil.h"
 
-#include <pthread.h>
-
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -12,6 +10,7 @@
 #include <map>
 #include <vector>
 
+#include "core/qorlock.h"
 #include "platform/log1.h"
 #include "platform/osv1.h"
 
@@ -19,33 +18,26 @@ QOR_TRACE_UNIT();
 
 namespace {
 
+QorMutex envVarsMutex(QorMutex::kNeverDestroyed);
+
 // Values of environment variables, and of other agents under keys of their own.
 // Kept: never cleared, and an entry once in is never replaced: a later change goes unseen.
-std::map<std::wstring, std::wstring>& qorEnvVars() {
+// Requires: envVarsMutex held by the caller.
+std::map<std::wstring, std::wstring>& qorEnvVars() QOR_REQUIRES(envVarsMutex) {
   static std::map<std::wstring, std::wstring> vars;
   return vars;
 }
-pthread_mutex_t envVarsMutex = PTHREAD_MUTEX_INITIALIZER;
-
-class EnvVarsLock {
- public:
-  EnvVarsLock() { pthread_mutex_lock(&envVarsMutex); }
-  ~EnvVarsLock() { pthread_mutex_unlock(&envVarsMutex); }
-  EnvVarsLock(const EnvVarsLock&) = delete;
-  EnvVarsLock& operator=(const EnvVarsLock&) = delete;
-};
 
 // Each conversion sets LC_CTYPE from the environment again, on any thread.
 // setlocale is not promised to be safe against itself on another thread, so
 // the calls take turns; the lock covers setlocale alone, which every thread
 // sets from the same environment, so that conversions do not wait for each
 // other.
-pthread_mutex_t localeMutex = PTHREAD_MUTEX_INITIALIZER;
+QorMutex localeMutex(QorMutex::kNeverDestroyed);
 
 void setLocaleFromEnvironment() {
-  pthread_mutex_lock(&localeMutex);
+  QorMutexLock lock(&localeMutex);
   setlocale(LC_CTYPE, "");
-  pthread_mutex_unlock(&localeMutex);
 }
 
 }  // namespace
@@ -85,7 +77,7 @@ std::string qor_narrow(const std::wstring& text) {
 }
 
 std::wstring GetEnvVarValue(const std::wstring& name) {
-  EnvVarsLock lock;
+  QorMutexLock lock(&envVarsMutex);
   auto found = qorEnvVars().find(name);
   return found == qorEnvVars().end() ? std::wstring() : found->second;
 }
@@ -94,7 +86,7 @@ void SetEnvVarValue(const std::wstring& name, const std::wstring& value) {
   QOR_TRACE_FUNCTION();
   if (name.empty()) return;
   QOR_TRACE_DETAIL("Adding value %s for env var %s\n", QOR_N(value), QOR_N(name));
-  EnvVarsLock lock;
+  QorMutexLock lock(&envVarsMutex);
   qorEnvVars().insert(std::make_pair(name, value));
 }
 

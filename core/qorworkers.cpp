@@ -6,34 +6,18 @@
 
 QOR_TRACE_UNIT();
 
-WorkerThreadVector::WorkerThreadVector() {
-  pthread_mutex_init(&vectorMutex, nullptr);
-  pthread_cond_init(&emptyCondition, nullptr);
-}
+WorkerThreadVector::WorkerThreadVector() { pthread_cond_init(&emptyCondition, nullptr); }
 
-WorkerThreadVector::~WorkerThreadVector() {
-  pthread_cond_destroy(&emptyCondition);
-  pthread_mutex_destroy(&vectorMutex);
-}
+WorkerThreadVector::~WorkerThreadVector() { pthread_cond_destroy(&emptyCondition); }
 
 bool WorkerThreadVector::lockWorkerThreads() {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_lock(&vectorMutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_lock failed, rc=%d \n", rc);
-    return false;
-  }
-  return true;
+  return QOR_LOCK_TRACED(vectorMutex);
 }
 
 bool WorkerThreadVector::unlockWorkerThreads() {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_unlock(&vectorMutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_unlock failed, rc=%d \n", rc);
-    return false;
-  }
-  return true;
+  return QOR_UNLOCK_TRACED(vectorMutex);
 }
 
 bool WorkerThreadVector::addThread(pthread_t thread) {
@@ -101,7 +85,7 @@ bool WorkerThreadVector::waitOnEmpty() {
     return false;
   }
   for (;;) {
-    int rc = pthread_cond_wait(&emptyCondition, &vectorMutex);
+    int rc = vectorMutex.wait(&emptyCondition);
     if (rc == 0) break;
     if (rc == EINTR) {
       QOR_TRACE_STORY("system interrupt received while waiting...retrying\n");

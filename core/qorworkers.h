@@ -7,6 +7,8 @@
 
 #include <vector>
 
+#include "core/qorlock.h"
+
 class WorkerThreadVector {
  public:
   WorkerThreadVector();
@@ -14,22 +16,24 @@ class WorkerThreadVector {
   WorkerThreadVector(const WorkerThreadVector&) = delete;
   WorkerThreadVector& operator=(const WorkerThreadVector&) = delete;
 
-  bool lockWorkerThreads();
-  bool unlockWorkerThreads();
+  bool lockWorkerThreads() QOR_TRY_ACQUIRE(true, vectorMutex);
+  bool unlockWorkerThreads() QOR_RELEASE(vectorMutex);
   // Requires: the vector lock held by the caller.
-  bool addThread(pthread_t thread);
+  bool addThread(pthread_t thread) QOR_REQUIRES(vectorMutex);
   // Takes the lock itself; true if the thread was found.
   bool eraseThread(pthread_t thread);
   // Cancels and forgets every worker; takes the lock itself.
   void cancelThreads();
   // Takes the lock itself; false also when the lock fails.
   bool isVectorEmpty();
-  // Waits for the next signal of the empty condition. Nothing in the service calls it.
-  bool waitOnEmpty();
+  // Waits for the next signal of the empty condition. Nothing in the service
+  // calls it. A failed wait returns with the lock still held, which the
+  // analysis cannot express.
+  bool waitOnEmpty() QOR_NO_THREAD_SAFETY_ANALYSIS;
 
  private:
-  std::vector<pthread_t> threads;
-  pthread_mutex_t vectorMutex;
+  QorMutex vectorMutex;
+  std::vector<pthread_t> threads QOR_GUARDED_BY(vectorMutex);
   pthread_cond_t emptyCondition;
 };
 

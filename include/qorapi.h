@@ -187,6 +187,9 @@ class QOR_EXPORT QOR_QueryService {
   static bool m_bIsStarted;
   static bool m_bIsInitialized;
 
+  // Each list is guarded by the mutex of its kind, which the lock and unlock
+  // calls above take and give back; ProcessEvent holds it while it calls the
+  // listeners.
   std::vector<QOR_AlertListener*> alertListeners;
   std::vector<QOR_LogListener*> logListeners;
   pthread_mutex_t alertListMutex;

@@ -6,6 +6,7 @@
 
 #include "cap/qorconv.h"
 #include "core/qorevt.h"
+#include "core/qorlock.h"
 #include "core/qorutil.h"
 #include "platform/log1.h"
 
@@ -56,24 +57,16 @@ bool eraseFirst(std::vector<Listener*>& listeners, Listener* listener) {
   return true;
 }
 
+// The listener mutexes are declared bare by the exported header, which
+// embedders compile without the library's own headers.
 bool lockMutex(pthread_mutex_t* mutex) {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_lock(mutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_lock failed, rc=%d \n", rc);
-    return false;
-  }
-  return true;
+  return QOR_LOCK_TRACED(mutex);
 }
 
 bool unlockMutex(pthread_mutex_t* mutex) {
   QOR_TRACE_FUNCTION();
-  int rc = pthread_mutex_unlock(mutex);
-  if (rc != 0) {
-    QOR_TRACE_ERROR("Error: pthread_mutex_unlock failed, rc=%d \n", rc);
-    return false;
-  }
-  return true;
+  return QOR_UNLOCK_TRACED(mutex);
 }
 
 }  // namespace

@@ -12,16 +12,19 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/qorlock.h"
+
 namespace {
 
-// The registry of unit records and the sink. Both are guarded by one mutex that
-// is constant-initialised, so units may register during static initialisation.
-pthread_mutex_t registryMutex = PTHREAD_MUTEX_INITIALIZER;
-LOG1_Unit* registryHead = nullptr;
+// The registry of unit records and the sink. Each is guarded by a mutex that
+// is constant-initialised, so units may register during static initialisation,
+// and never destroyed, so threads may trace while the process exits.
+QorMutex registryMutex(QorMutex::kNeverDestroyed);
+LOG1_Unit* registryHead QOR_GUARDED_BY(registryMutex) = nullptr;
 
-pthread_mutex_t sinkMutex = PTHREAD_MUTEX_INITIALIZER;
-FILE* sink = nullptr;  // null: standard error
-bool sinkOwned = false;
+QorMutex sinkMutex(QorMutex::kNeverDestroyed);
+FILE* sink QOR_GUARDED_BY(sinkMutex) = nullptr;  // null: standard error
+bool sinkOwned QOR_GUARDED_BY(sinkMutex) = false;
 
 std::atomic<unsigned> traceMask{QOR_TRACE_DEFAULT_MASK};
 std::atomic<bool> configured{false};
@@ -46,17 +49,16 @@ bool parseMask(const char* text, unsigned& mask) {
 }
 
 void bumpGenerations() {
-  pthread_mutex_lock(&registryMutex);
+  QorMutexLock lock(&registryMutex);
   for (LOG1_Unit* unit = registryHead; unit != nullptr; unit = unit->next) {
     unsigned next = unit->generation.load(std::memory_order_relaxed) + 1;
     if (next == 0) next = 1;  // 0 is what an unconstructed unit reads as
     unit->generation.store(next, std::memory_order_release);
   }
-  pthread_mutex_unlock(&registryMutex);
 }
 
 void openSink(const char* path) {
-  pthread_mutex_lock(&sinkMutex);
+  QorMutexLock lock(&sinkMutex);
   if (sinkOwned && sink != nullptr) fclose(sink);
   sink = nullptr;
   sinkOwned = false;
@@ -70,7 +72,6 @@ void openSink(const char* path) {
               strerror(errno));
     }
   }
-  pthread_mutex_unlock(&sinkMutex);
 }
 
 void configureFromEnvironment() {
@@ -109,12 +110,11 @@ size_t formatPrefix(char* buffer, size_t size, const LOG1_EPB* epb, int line) {
 // text has none, so that lines of different threads never interleave.
 void writeLine(const char* text, size_t length) {
   bool needsNewline = length == 0 || text[length - 1] != '\n';
-  pthread_mutex_lock(&sinkMutex);
+  QorMutexLock lock(&sinkMutex);
   FILE* out = sink != nullptr ? sink : stderr;
   fwrite(text, 1, length, out);
   if (needsNewline) fputc('\n', out);
   fflush(out);
-  pthread_mutex_unlock(&sinkMutex);
 }
 
 void appendUtf8(std::string& out, wchar_t wc) {
@@ -147,10 +147,9 @@ LOG1_Unit::LOG1_Unit(const char* date, const char* time, const char* path)
       fileName(baseName(path)),
       component("QOR100"),
       next(nullptr) {
-  pthread_mutex_lock(&registryMutex);
+  QorMutexLock lock(&registryMutex);
   next = registryHead;
   registryHead = this;
-  pthread_mutex_unlock(&registryMutex);
 }
 
 unsigned LOG1_Sync(LOG1_EPB* epb) {

@@ -18,36 +18,6 @@ const std::wstring AGENT_INST_CMD_STR = L"agentInstanceCommand";
 const std::wstring AGENT_INST_CMD_START = L"START";
 const std::wstring AGENT_INST_CMD_STOP = L"STOP";
 
-namespace {
-
-// Holds cmdMutex for one serialised command. A thread cancelled in the middle
-// of the command unwinds through here, so the suite's next command is not
-// blocked for good.
-class SerialLock {
- public:
-  explicit SerialLock(pthread_mutex_t* mutex) : mutex_(mutex) {}
-  ~SerialLock() { release(); }
-  SerialLock(const SerialLock&) = delete;
-  SerialLock& operator=(const SerialLock&) = delete;
-
-  int acquire() {
-    int rc = pthread_mutex_lock(mutex_);
-    held_ = rc == 0;
-    return rc;
-  }
-  int release() {
-    if (!held_) return 0;
-    held_ = false;
-    return pthread_mutex_unlock(mutex_);
-  }
-
- private:
-  pthread_mutex_t* mutex_;
-  bool held_ = false;
-};
-
-}  // namespace
-
 QorCmd::QorCmd() : timeout(MIN_CMD_TIMEOUT), controller(Controller::getController()) {
   QOR_TRACE_FUNCTION();
   int value = 0;
@@ -57,10 +27,9 @@ QorCmd::QorCmd() : timeout(MIN_CMD_TIMEOUT), controller(Controller::getControlle
     timeout = value;
   }
   QOR_TRACE_DETAIL("Using command timeout = %d.\n", timeout);
-  pthread_mutex_init(&cmdMutex, nullptr);
 }
 
-QorCmd::~QorCmd() { pthread_mutex_destroy(&cmdMutex); }
+QorCmd::~QorCmd() = default;
 
 int QorCmd::executeCmd(QorScript* script, std::wstring& output, std::wstring& msgID, Agent* agent) {
   QOR_TRACE_FUNCTION();
@@ -77,8 +46,11 @@ int QorCmd::executeCmd(QorScript* script, std::wstring& output, std::wstring& ms
   std::string rawOutput;
   int rc;
   {
-    // cmdMutex is only waited for with the list given up.
-    SerialLock serial(&cmdMutex);
+    // cmdMutex is only waited for with the list given up, and held for the
+    // length of the command when the command must be serialised. A thread
+    // cancelled in the middle of the command unwinds through the guard, so
+    // the suite's next command is not blocked for good.
+    QorMutexLock serial(&cmdMutex, QorMutexLock::kDeferred);
     if (serializeCommand(command)) {
       int lockRc = serial.acquire();
       if (lockRc != 0) {

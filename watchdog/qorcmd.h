@@ -6,11 +6,11 @@
 #ifndef QOR_WATCHDOG_QORCMD_H
 #define QOR_WATCHDOG_QORCMD_H
 
-#include <pthread.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "core/qorlock.h"
 
 class Agent;
 class Controller;
@@ -91,7 +91,7 @@ class QorCmd {
 
   int32_t timeout;
   Controller* controller;  // not owned
-  pthread_mutex_t cmdMutex;
+  QorMutex cmdMutex;
 };
 
 // The process-wide command manager, made at the first call.

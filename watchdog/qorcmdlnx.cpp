@@ -34,8 +34,8 @@ void splitExecutable(const std::wstring& exePath, std::wstring& directory, std::
 
 }  // namespace
 
+QorMutex QorCmdUNIX::upTimeMutex(QorMutex::kNeverDestroyed);
 unsigned long QorCmdUNIX::upTime = 0;
-std::mutex QorCmdUNIX::upTimeMutex;
 
 QorCmd* GetCmdManager() {
   // Made under call_once: a test or a late caller may ask first from any thread.
@@ -117,7 +117,7 @@ std::wstring QorCmdLinux::getUserID(int pid, QorAppHandle /*handle*/) {
 unsigned long QorCmdLinux::getUpTime() {
   QOR_TRACE_FUNCTION();
   // Kept: taken once and kept for the life of the process: it does not advance.
-  std::lock_guard<std::mutex> lock(upTimeMutex);
+  QorMutexLock lock(&upTimeMutex);
   if (upTime != 0) return upTime;
   double seconds = 0.0;
   FILE* file = fopen("/proc/uptime", "r");

@@ -193,18 +193,18 @@ int QorCmdUNIX::abandonCommand(FILE* stream, int pid, QorScript* script, Agent* 
 }
 
 void QorCmdUNIX::addDefunctProcess(int pid, FILE* stream) {
-  std::lock_guard<std::mutex> lock(defunctMutex);
+  QorMutexLock lock(&defunctMutex);
   defunctProcesses.push_back(pid);
   keptStreams.push_back(stream);
 }
 
 void QorCmdUNIX::keepStream(FILE* stream) {
-  std::lock_guard<std::mutex> lock(defunctMutex);
+  QorMutexLock lock(&defunctMutex);
   keptStreams.push_back(stream);
 }
 
 std::vector<int> QorCmdUNIX::getDefunctProcesses() {
-  std::lock_guard<std::mutex> lock(defunctMutex);
+  QorMutexLock lock(&defunctMutex);
   return defunctProcesses;
 }
 
@@ -224,7 +224,7 @@ bool drainedToEnd(FILE* stream) {
 
 void QorCmdUNIX::cleanUpDefunctProcesses() {
   QOR_TRACE_FUNCTION();
-  std::lock_guard<std::mutex> lock(defunctMutex);
+  QorMutexLock lock(&defunctMutex);
   for (auto it = defunctProcesses.begin(); it != defunctProcesses.end();) {
     if (waitpid(*it, nullptr, WNOHANG) == *it) {
       QOR_TRACE_DETAIL("Child pid %d is not running", *it);

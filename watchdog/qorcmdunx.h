@@ -6,11 +6,11 @@
 #define QOR_WATCHDOG_QORCMDUNX_H
 
 #include <cstdio>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "cap/qorpol.h"
+#include "core/qorlock.h"
 #include "watchdog/qorcmd.h"
 
 // The shell that runs every command: "/bin/sh". A pointer rather than an
@@ -85,8 +85,8 @@ class QorCmdUNIX : public QorCmd {
   ~QorCmdUNIX();
 
   // Clock ticks since boot, taken at the first need and kept: 0 until then.
-  static unsigned long upTime;
-  static std::mutex upTimeMutex;
+  static QorMutex upTimeMutex;
+  static unsigned long upTime QOR_GUARDED_BY(upTimeMutex);
 
  private:
   struct PollOutcome;
@@ -108,9 +108,9 @@ class QorCmdUNIX : public QorCmd {
   // Children left running, to be reaped later: appended to by any thread
   // that runs a command, walked by the discovery thread and the watchdog's
   // main loop. Guarded by defunctMutex, as is keptStreams.
-  std::vector<int> defunctProcesses;
-  std::vector<FILE*> keptStreams;
-  std::mutex defunctMutex;
+  QorMutex defunctMutex;
+  std::vector<int> defunctProcesses QOR_GUARDED_BY(defunctMutex);
+  std::vector<FILE*> keptStreams QOR_GUARDED_BY(defunctMutex);
 };
 
 #endif  // QOR_WATCHDOG_QORCMDUNX_H

@@ -1,10 +1,10 @@
 #include "watchdog/qorinst.h"
 
 #include <algorithm>
-#include <mutex>
 
 #include "agents/qoragt.h"
 #include "cap/qorpol.h"
+#include "core/qorlock.h"
 #include "platform/log1.h"
 #include "watchdog/qorcmd.h"
 
@@ -18,8 +18,8 @@ const std::wstring kCodeQE = L"qe";
 
 // The last output of the running-instances command.
 // Kept: shared by all policies although it holds one policy's lines; a miss simply fetches anew.
-std::wstring vexinfOutput;
-std::mutex vexinfOutputMutex;
+QorMutex vexinfOutputMutex(QorMutex::kNeverDestroyed);
+std::wstring vexinfOutput QOR_GUARDED_BY(vexinfOutputMutex);
 
 void fillScript(QorScript* script, const std::wstring& command) {
   script->setOriginalCommand(command);
@@ -208,7 +208,7 @@ std::wstring GetZELInstanceName(Policy* policy, int pid) {
     QOR_TRACE_DETAIL("Look for pid %d.\n", pid);
     std::wstring cached;
     {
-      std::lock_guard<std::mutex> lock(vexinfOutputMutex);
+      QorMutexLock lock(&vexinfOutputMutex);
       cached = vexinfOutput;
     }
     std::vector<QorProcess*> single(1, &process);
@@ -220,7 +220,7 @@ std::wstring GetZELInstanceName(Policy* policy, int pid) {
     // The tool runs without the cache locked: it may take up to the time-out.
     std::wstring fresh = GetVexinfRunningInstances(policy);
     {
-      std::lock_guard<std::mutex> lock(vexinfOutputMutex);
+      QorMutexLock lock(&vexinfOutputMutex);
       vexinfOutput = fresh;
     }
     ++tries;

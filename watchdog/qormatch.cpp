@@ -11,13 +11,13 @@
 #include <cstdlib>
 #include <ctime>
 #include <cwchar>
-#include <mutex>
 #include <string>
 
 #include "agents/qoragt.h"
 #include "cap/qorconv.h"
 #include "cap/qorpol.h"
 #include "core/qorctrl.h"
+#include "core/qorlock.h"
 #include "platform/log1.h"
 #include "watchdog/qorcmdlnx.h"
 #include "watchdog/qorinst.h"
@@ -40,7 +40,7 @@ constexpr int kConversionBuffer = 2096;
 
 // A policy's RegexMatcher is one object, reset for each use; a match from
 // inside a command's poll loop can meet one from discovery on the same policy.
-std::mutex regexMutex;
+QorMutex regexMutex(QorMutex::kNeverDestroyed);
 
 bool isDatabaseCode(const Policy* policy) {
   return policy->getProductCode() == kCodeQF || policy->getProductCode() == kCodeQG;
@@ -114,7 +114,7 @@ bool QorCmd::compareCommandLine(const std::wstring& commandLine, Policy* policy,
   }
   icu::UnicodeString text = icu::UnicodeString::fromUTF8(icu::StringPiece(utf8.get(), length));
 
-  std::lock_guard<std::mutex> lock(regexMutex);
+  QorMutexLock lock(&regexMutex);
   icu::RegexMatcher* matcher = policy->getRegexMatcher();
   // A pattern that did not compile leaves no matcher: nothing matches it.
   if (matcher == nullptr) return QOR_TRACE_RETURN(false);

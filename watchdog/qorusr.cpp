@@ -5,8 +5,8 @@
 
 #include <cerrno>
 #include <map>
-#include <mutex>
 
+#include "core/qorlock.h"
 #include "core/qorutil.h"
 #include "platform/log1.h"
 
@@ -16,17 +16,17 @@ namespace {
 
 // Filled as processes are inspected.
 // Kept: never invalidated: a user renamed while the service runs keeps the old name.
-std::map<int, std::wstring> idUserNames;
-std::mutex idUserNamesMutex;
+QorMutex idUserNamesMutex(QorMutex::kNeverDestroyed);
+std::map<int, std::wstring> idUserNames QOR_GUARDED_BY(idUserNamesMutex);
 
 // getpwuid returns a static record that the next call overwrites.
-std::mutex passwdMutex;
+QorMutex passwdMutex(QorMutex::kNeverDestroyed);
 
-std::wstring currUser;
-std::mutex currUserMutex;
+QorMutex currUserMutex(QorMutex::kNeverDestroyed);
+std::wstring currUser QOR_GUARDED_BY(currUserMutex);
 
 // Requires: idUserNamesMutex held.
-void cacheUserName(int id, const std::wstring& name) {
+void cacheUserName(int id, const std::wstring& name) QOR_REQUIRES(idUserNamesMutex) {
   QOR_TRACE_FUNCTION();
   if (name.empty()) return;
   QOR_TRACE_DETAIL("Adding userName %s (key = %d) to cache\n", QOR_N(name), id);
@@ -34,7 +34,7 @@ void cacheUserName(int id, const std::wstring& name) {
 }
 
 // Requires: idUserNamesMutex held.
-std::wstring cachedUserName(int id) {
+std::wstring cachedUserName(int id) QOR_REQUIRES(idUserNamesMutex) {
   auto found = idUserNames.find(id);
   return found == idUserNames.end() ? std::wstring() : found->second;
 }
@@ -42,18 +42,18 @@ std::wstring cachedUserName(int id) {
 }  // namespace
 
 std::wstring GetIDUserName(int id) {
-  std::lock_guard<std::mutex> lock(idUserNamesMutex);
+  QorMutexLock lock(&idUserNamesMutex);
   return cachedUserName(id);
 }
 
 void SetIDUserName(int id, const std::wstring& name) {
-  std::lock_guard<std::mutex> lock(idUserNamesMutex);
+  QorMutexLock lock(&idUserNamesMutex);
   cacheUserName(id, name);
 }
 
 std::wstring GetUserNameFromID(int id) {
   QOR_TRACE_FUNCTION();
-  std::lock_guard<std::mutex> lock(passwdMutex);
+  QorMutexLock lock(&passwdMutex);
   errno = 0;
   struct passwd* entry = getpwuid(static_cast<uid_t>(id));
   if (entry == nullptr) {
@@ -66,7 +66,7 @@ std::wstring GetUserNameFromID(int id) {
 std::wstring ResolveUserName(int id) {
   // One lock over the whole lookup, so that two threads asking for the same
   // unknown id cause one passwd lookup between them.
-  std::lock_guard<std::mutex> lock(idUserNamesMutex);
+  QorMutexLock lock(&idUserNamesMutex);
   std::wstring name = cachedUserName(id);
   if (!name.empty()) return name;
   name = GetUserNameFromID(id);
@@ -76,7 +76,7 @@ std::wstring ResolveUserName(int id) {
 }
 
 std::wstring GetCurrentUser() {
-  std::lock_guard<std::mutex> lock(currUserMutex);
+  QorMutexLock lock(&currUserMutex);
   if (currUser.empty()) {
     currUser = QOR_GetEnvironment(L"USER");
     if (currUser.empty()) currUser = GetUserNameFromID(static_cast<int>(getuid()));

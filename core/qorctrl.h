@@ -1,7 +1,8 @@
 // The Controller: the one object that owns the running service, its agent
 // lists, policies, both event queues, every long-lived thread and the
 // rendezvous on which those threads start and stop. Reached from every unit
-// through Controller::getController(); created once and never destroyed.
+// through Controller::getController().
+// Kept: created once and never destroyed, so a pointer to it never goes stale.
 //
 // The class is defined across several files in four folders; the members
 // below are grouped by the file that defines them, named above each group.
@@ -48,6 +49,7 @@
 
 #include "agents/qorproclist.h"
 #include "core/qorevt.h"
+#include "core/qorlock.h"
 #include "core/qorworkers.h"
 
 class XMLprocessor;
@@ -65,9 +67,9 @@ class CAPFileEvent;
 // A flag set under a mutex and announced with one signal. The mutex is held
 // only around the flag.
 struct Rendezvous {
-  pthread_mutex_t mutex;
+  QorMutex mutex;
   pthread_cond_t condition;
-  bool flag = false;
+  bool flag QOR_GUARDED_BY(mutex) = false;
 };
 
 // Thread entries, each defined beside the loop it runs.
@@ -85,8 +87,8 @@ class Controller {
 
   // Finding agents by a mask of fields (interfaces/qoragtcmd.cpp).
   // Each bit of the mask names one field of the agent and the entry of the
-  // eight criteria that it is compared with; the bit order and the entry
-  // order differ. A mask of 0 takes every agent.
+  // eight criteria that it is compared with. A mask of 0 takes every agent.
+  // Kept: the bit order and the entry order differ.
   enum MatchField : int {
     MATCH_NAME = 1,                    // criteria[0], getName
     MATCH_ID = 2,                      // criteria[3], getID
@@ -129,10 +131,11 @@ class Controller {
   void signalDIShutdownComplete();
 
   // The outermost lock: taken before the list lock, never while holding it.
-  bool lockDiscovery();
-  bool unlockDiscovery();
+  bool lockDiscovery() QOR_TRY_ACQUIRE(true, discoveryMutex);
+  bool unlockDiscovery() QOR_RELEASE(discoveryMutex);
   // The discovery thread never waits for the mutex: false when it is taken.
-  bool tryLockDiscovery();
+  // Kept: a cycle that finds it taken is skipped, not delayed.
+  bool tryLockDiscovery() QOR_TRY_ACQUIRE(true, discoveryMutex);
 
   // ---- cap/qorcapstate.cpp: CAP files come and go ------------------------
 
@@ -141,7 +144,7 @@ class Controller {
   void initialDiscovery();
   // Requires: the discovery mutex and managedEndpointProcesses locked by the
   // caller (the command handler thread).
-  void ProcessCAPStateChange(CAPFileEvent* event);
+  void ProcessCAPStateChange(CAPFileEvent* event) QOR_REQUIRES(discoveryMutex);
   // true when the file parsed into `policy`. No lock.
   bool ParseCAPFile(const std::wstring& path, Policy& policy);
   // The generic and specific rules between policies of one agent name.
@@ -161,7 +164,7 @@ class Controller {
   // each through its management event into managedEndpointProcesses.
   // Requires (all five): the discovery mutex and managedEndpointProcesses
   // locked by the caller (the command handler thread).
-  void reconcile(Policy* policy, CAPFileEvent* event);
+  void reconcile(Policy* policy, CAPFileEvent* event) QOR_REQUIRES(discoveryMutex);
   // Brings in the state file's records that matched a running instance.
   void updatePersistedAgentCollection(ManagedProcessList& list, Policy* policy);
   // Brings in the state file's records that matched nothing running.
@@ -288,8 +291,8 @@ class Controller {
   // Requires: the discovery mutex and managedEndpointProcesses locked by the
   // caller; each takes the watchdogList lock itself, around its own reads and
   // changes only.
-  void capFileAdded(CAPFileEvent* event);
-  void capFileRemoved(CAPFileEvent* event);
+  void capFileAdded(CAPFileEvent* event) QOR_REQUIRES(discoveryMutex);
+  void capFileRemoved(CAPFileEvent* event) QOR_REQUIRES(discoveryMutex);
   void addOSAgentRecord(CAPFileEvent* event, Policy* policy);
 
   // ---- cap/qorrecon.cpp ---------------------------------------------------
@@ -338,10 +341,10 @@ class Controller {
   Message_Cache* wdCache;  // watchdog mode: created and deleted by the TEO thread
   pthread_t teoThread;
   Rendezvous startupRendezvous;  // startupComplete
-  // The request rendezvous: threadRequest is guarded by requestMutex.
-  pthread_mutex_t requestMutex;
+  // The request rendezvous.
+  QorMutex requestMutex;
   pthread_cond_t requestCondition;
-  int threadRequest;  // a ThreadRequest
+  int threadRequest QOR_GUARDED_BY(requestMutex);  // a ThreadRequest
   // Flags read without a lock, hence atomic.
   std::atomic<bool> shuttingDown;
   Rendezvous shutdownRendezvous;          // shutdownComplete
@@ -368,16 +371,16 @@ class Controller {
   int discoveryInterval;
   int zelDiscoveryInterval;
   // The outermost lock; see the contract at the top.
-  pthread_mutex_t discoveryMutex;
+  QorMutex discoveryMutex;
   // Guarded by the managedEndpointProcesses lock; changed on the command
   // handler thread only.
   std::vector<Policy*> policies;
   // Filled by the TEO thread before the initial scan's events are queued,
   // read and at the scan's end freed by the command handler thread.
   std::vector<QorProcess*> runningProcesses;
-  // Agents taken out of the list for a specific policy's instances: kept, not
-  // destroyed, since an event on its way may still point at one. Guarded by
+  // Agents taken out of the list for a specific policy's instances. Guarded by
   // the managedEndpointProcesses lock.
+  // Kept: never destroyed, since an event on its way may still point at one.
   std::vector<Agent*> retiredAgents;
 };
 

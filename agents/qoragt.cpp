@@ -183,4 +183,13 @@ bool Agent::isZELInstanceHolder() const {
   return (identity.type == ZEL_UNIX || identity.type == ZEL_Windows) && instance.instanceName.empty();
 }
 
+void Agent::setIdentityFrom(Policy* source) {
+  setID(source->getSubagentID());
+  setPolicy(source);
+  setName(source->buildAgentName());
+  setProcName(source->getProcName());
+  setPath(source->getAgentPath());
+  setType(source->getAgentTypeElement());
+}
+
 bool Agent::isWatchDogAgent() const { return identity.id == L"qorwd"; }

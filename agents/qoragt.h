@@ -187,6 +187,9 @@ class Agent {
   void setAgentInformation();
   // For agents of the suite, the user configured in the run-as files.
   void setZELUserName();
+  // Takes the identity of its policy: id, the policy itself (not owned while
+  // listed), name, process name, path and type.
+  void setIdentityFrom(Policy* source);
   // The process is this agent's: by instance name for suite agents, by
   // instance process name for every other type.
   bool match(QorProcess* process) const;

@@ -33,12 +33,7 @@ bool belongsToFile(const Agent* agent, const std::wstring& capFileName) {
 // An agent with the identity of a policy: its id, names, path and type.
 Agent* agentFor(Policy* policy) {
   Agent* agent = new Agent();
-  agent->setID(policy->getSubagentID());
-  agent->setPolicy(policy);
-  agent->setName(policy->buildAgentName());
-  agent->setProcName(policy->getProcName());
-  agent->setPath(policy->getAgentPath());
-  agent->setType(policy->getAgentTypeElement());
+  agent->setIdentityFrom(policy);
   return agent;
 }
 

@@ -190,16 +190,6 @@ void admitPersistedAgents(Controller* controller, ManagedProcessList& list, Poli
   }
 }
 
-// An agent's identity from its policy.
-void fillFromPolicy(Agent* agent, Policy* policy) {
-  agent->setID(policy->getSubagentID());
-  agent->setPolicy(policy);
-  agent->setName(policy->buildAgentName());
-  agent->setProcName(policy->getProcName());
-  agent->setPath(policy->getAgentPath());
-  agent->setType(policy->getAgentTypeElement());
-}
-
 // The criteria of a lookup by subagent id, and by instance name when one is given.
 void idCriteria(std::wstring* criteria, Policy* policy, const std::wstring& instance = std::wstring()) {
   criteria[3] = policy->getSubagentID();
@@ -347,7 +337,7 @@ void Controller::addRemainingPersistedAgents(ManagedProcessList& list, Policy* p
 void Controller::addNewAgentCollection(ManagedProcessList& list, Policy* policy, bool checkOSAgent) {
   QOR_TRACE_FUNCTION();
   for (Agent* agent : list) {
-    fillFromPolicy(agent, policy);
+    agent->setIdentityFrom(policy);
     agent->setAgentInformation();
     agent->setZELUserName();
 
@@ -405,7 +395,7 @@ void Controller::addMissingInstances(std::vector<std::wstring> names, Policy* po
     Agent* agent = fromHolder ? holder : new Agent();
     holder = nullptr;
     agent->setInstanceName(name);
-    fillFromPolicy(agent, policy);
+    agent->setIdentityFrom(policy);
     agent->setInstanceProcName(policy->getProcName());
     agent->setAgentInformation();
     agent->setZELUserName();

@@ -99,15 +99,24 @@ fuzz-run: fuzz
 	  $(FUZZ_DIR)/corpus/$(FUZZ_TARGET) fuzz/corpus/$(FUZZ_TARGET)
 
 # The demo works on a copy of examples/cap, so that the state file and any
-# CAP file you add or remove stay out of the source tree.
+# CAP file you add or remove stay out of the source tree. The example programs
+# (copies of sleep under /tmp/qor-examples) are started first, so that their
+# agents are seen running, and stopped again when qorhost ends.
+DEMO_PROGRAMS := qor-sleeper qor-watched qor-pattern
+
 demo: build
 	@mkdir -p $(DEMO_DIR)/cap $(DEMO_DIR)/ip
 	@cp examples/cap/*.xml $(DEMO_DIR)/cap/ 2>/dev/null || true
+	@for p in $(DEMO_PROGRAMS); do examples/scripts/example-daemon.sh start $$p >/dev/null || exit 1; done
 	@echo "qorhost on $(DEMO_DIR)/cap (a copy of examples/cap): add or remove CAP files there."
+	@echo "The example programs run under /tmp/qor-examples; kill one and watch the next check."
+	@echo "kill -USR1 the qorhost process to list the agents again."
 	@echo "Error traces go to standard error; set QOR_TRACE_LEVEL=146 for the whole story."
 	@echo "Press Ctrl-C to stop."
+	@trap : INT TERM; \
 	QOR_EXAMPLES=$(CURDIR)/examples $(BUILD_DIR)/tools/qorhost --cap-dir $(DEMO_DIR)/cap --ip-dir $(DEMO_DIR)/ip \
-	  --trace-level $${QOR_TRACE_LEVEL:-128}
+	  --trace-level $${QOR_TRACE_LEVEL:-128}; \
+	for p in $(DEMO_PROGRAMS); do examples/scripts/example-daemon.sh stop $$p >/dev/null; done
 
 clean:
 	rm -rf $(BUILD_DIR) $(CLANG_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR)

@@ -41,6 +41,13 @@ void expectInOrder(const std::string& trace, const std::vector<std::string>& tex
 
 }  // namespace
 
+// The request code is traced as a number ("Request received: 1"), so the
+// numbers are part of what an operator reads.
+TEST(ControllerThreadRequests, KeepTheirNumbers) {
+  EXPECT_EQ(0, Controller::NO_THREAD_REQUEST);
+  EXPECT_EQ(1, Controller::SHUTDOWN_REQUEST);
+}
+
 TEST(ControllerIntervals, DefaultsAreNoDiscoveryAndTenMinutes) {
   unsetenv("QOR_DISCOVERY_INTERVAL");
   unsetenv("QOR_ZEL_DISCOVERY_INTERVAL");

@@ -20,7 +20,11 @@ namespace {
 
 class CapState : public ::testing::Test {
  protected:
-  void SetUp() override { qortest::traceTo(dir.file("trace"), 1 | 128); }
+  // The state file is read for every accepted file: it must be this test's.
+  void SetUp() override {
+    qortest::traceTo(dir.file("trace"), 1 | 128);
+    controller()->setTEODirPath(captest::wide(dir.path() + "/"));
+  }
 
   Controller* controller() { return Controller::getController(); }
   std::vector<Policy*>& policies() { return controller()->getPolicies(); }
@@ -537,13 +541,9 @@ std::string stateRecord(const std::string& id, int restarts, int managedState) {
          "\nOS agent\n4\nosagent\n321\n" + std::to_string(restarts) + "\n/usr/bin\n1\n9.9\nb9\n0\n*\n";
 }
 
-// The state file lies in the test's own directory, set before its first use.
+// The state file lies in the test's own directory, as for every CapState test.
 class CapStatePersisted : public CapState {
  protected:
-  void SetUp() override {
-    CapState::SetUp();
-    controller()->setTEODirPath(captest::wide(dir.path() + "/"));
-  }
   void writeStateFile(const std::string& content) { qortest::writeFile(dir.file("teo.dat"), content); }
 
   Agent* osRecord() {

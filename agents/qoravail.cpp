@@ -17,19 +17,6 @@ QOR_TRACE_UNIT();
 
 namespace {
 
-// AvailChecking's own trace block, handed to its steps, so that the whole
-// story of the cycle carries the name AvailChecking.
-struct CycleTrace {
-  LOG1_EPB* block;
-  unsigned flags;
-};
-
-// Opens a step of the cycle: the trace macros below it write under the
-// cycle's block and with its flags.
-#define QOR_TRACE_AS_CYCLE(trace)        \
-  LOG1_EPB& LOG1__EPB_ = *(trace).block; \
-  const unsigned LOG1__flags_ = (trace).flags
-
 // The availability thread's private copy of the schedule; only a rebuild on
 // this thread changes it.
 struct CheckSchedule {
@@ -52,8 +39,9 @@ int sleepUntilDue(const CheckSchedule& schedule, int interval, int& cycle) {
 // Takes the rebuilt schedule after a change of policy or management. False
 // when the pass is to end because the new schedule is shorter than the cycle
 // reached.
-bool takeNewSchedule(ManagedProcessList& list, CheckSchedule& schedule, int cycle, const CycleTrace& trace) {
-  QOR_TRACE_AS_CYCLE(trace);
+bool takeNewSchedule(ManagedProcessList& list, CheckSchedule& schedule, int cycle,
+                     const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   schedule.mask = list.getMasterMask();
   const int cycles = list.getCycleCount();
   QOR_TRACE_STORY("Dirty condition detected: new cycles %d on cycle %d\n", cycles, cycle);
@@ -72,8 +60,8 @@ bool isDueIn(const Agent* agent, int cycle) {
 // Queues a check for each agent due in `cycle`, in list order. The list lock
 // is held for the walk only; a list that cannot be locked lets the cycle pass
 // without checks.
-void pushDueChecks(Controller* controller, int cycle, const CycleTrace& trace) {
-  QOR_TRACE_AS_CYCLE(trace);
+void pushDueChecks(Controller* controller, int cycle, const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   ManagedProcessList* list = controller->getManagedEndpointProcesses();
   QOR_TRACE_STORY("Testing agent masks on cycle %d\n", cycle);
   if (!list->lockList()) return;
@@ -110,7 +98,8 @@ void* AVThreadEntry(void* /*unused*/) {
 
 void Controller::AvailChecking() {
   QOR_TRACE_FUNCTION();
-  const CycleTrace trace{&LOG1__EPB_, LOG1__flags_};
+  // The steps trace under AvailChecking's name: the whole story of the cycle carries it.
+  const LOG1_Context trace = QOR_TRACE_CONTEXT();
   int previous = 0;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
   ManagedProcessList& list = managedEndpointProcesses;

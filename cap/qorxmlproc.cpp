@@ -220,22 +220,10 @@ void XMLprocessor::freeMemory() {
   constraints = nullptr;
 }
 
-// parse's own trace block, handed to its steps, so that every trace line of a
-// parse carries the name parse, whichever step writes it.
-struct XMLprocessor::ParseTrace {
-  LOG1_EPB* block;
-  unsigned flags;
-};
-
-// An error trace of a step of a parse, written under parse's block.
-#define QOR_PARSE_TRACE_ERROR(trace, ...)                                                        \
-  do {                                                                                           \
-    if (LOG1_On((trace).flags, QOR_TL_ERROR)) LOG1_Printf((trace).block, __LINE__, __VA_ARGS__); \
-  } while (0)
-
 int XMLprocessor::parse(const std::wstring& path, XMLElement& top) {
   QOR_TRACE_FUNCTION();
-  const ParseTrace trace{&LOG1__EPB_, LOG1__flags_};
+  // The steps trace under parse's name, whichever writes the line.
+  const LOG1_Context trace = QOR_TRACE_CONTEXT();
   qor_xml_userdata_t userData{};
   std::ifstream stream;
   std::wstring fileName;
@@ -284,12 +272,13 @@ void XMLprocessor::setUpParser(const std::wstring& path, XMLElement& top, std::w
 // The file name in this locale's narrow form, for opening; false when the
 // locale cannot spell it.
 bool XMLprocessor::narrowFileName(const std::wstring& path, std::vector<char>& narrowPath,
-                                  const ParseTrace& trace) {
+                                  const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   narrowPath.assign(path.size() * 4 + 1, '\0');
   if (wcstombs(narrowPath.data(), path.c_str(), narrowPath.size()) != static_cast<size_t>(-1)) return true;
   // A name this locale cannot spell cannot be opened either; there is no
   // stream to wait on, so this is given up at once.
-  QOR_PARSE_TRACE_ERROR(trace, "Error opening xml stream %s", qor_utf8(path).c_str());
+  QOR_TRACE_ERROR("Error opening xml stream %s", qor_utf8(path).c_str());
   lastError.recordError(XML_OPEN_FAILED, 0, 0, 0, "The file name cannot be converted for opening.");
   return false;
 }
@@ -297,12 +286,13 @@ bool XMLprocessor::narrowFileName(const std::wstring& path, std::vector<char>& n
 // Opens the file for reading: XML_OK, or XML_OPEN_FAILED with a stream that
 // reads nothing.
 int XMLprocessor::openFile(const std::wstring& path, const std::vector<char>& narrowPath,
-                           std::ifstream& stream, const ParseTrace& trace) {
+                           std::ifstream& stream, const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   stream.open(narrowPath.data(), std::ios::in | std::ios::binary);
   if (stream.is_open()) return XML_OK;
   // Kept: a stream that failed to open reads nothing and never ends, so the parse never returns.
   // It reports neither end of file nor a bad state. Callers check that the file opens first.
-  QOR_PARSE_TRACE_ERROR(trace, "Error opening xml stream %s", qor_utf8(path).c_str());
+  QOR_TRACE_ERROR("Error opening xml stream %s", qor_utf8(path).c_str());
   return XML_OPEN_FAILED;
 }
 
@@ -310,7 +300,7 @@ int XMLprocessor::openFile(const std::wstring& path, const std::vector<char>& na
 // The result is that error's code, or at the end of the file `result`, the
 // outcome of the opening.
 int XMLprocessor::feedFile(const std::wstring& path, std::ifstream& stream,
-                           const qor_xml_userdata_t& userData, int result, const ParseTrace& trace) {
+                           const qor_xml_userdata_t& userData, int result, const LOG1_Context& trace) {
   for (;;) {
     int count = 0;
     int readResult = readBlock(path, stream, &count, trace);
@@ -329,18 +319,19 @@ int XMLprocessor::feedFile(const std::wstring& path, std::ifstream& stream,
 // Reads the next block of the file into expat's buffer: XML_OK with the number
 // of bytes read, or the code of what failed.
 int XMLprocessor::readBlock(const std::wstring& path, std::ifstream& stream, int* count,
-                            const ParseTrace& trace) {
+                            const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   void* buffer = XML_GetBuffer(parser, BUFF_SIZE);
   if (buffer == nullptr) {
-    QOR_PARSE_TRACE_ERROR(trace, "Error allocating buffer of size %d for reading xml file %s", BUFF_SIZE,
-                          qor_utf8(path).c_str());
+    QOR_TRACE_ERROR("Error allocating buffer of size %d for reading xml file %s", BUFF_SIZE,
+                    qor_utf8(path).c_str());
     lastError.recordError(XML_NO_READ_BUFFER, 0, 0, 0, "No memory to read the file into.");
     return XML_NO_READ_BUFFER;
   }
   stream.read(static_cast<char*>(buffer), BUFF_SIZE);
   *count = static_cast<int>(stream.gcount());
   if (stream.bad()) {
-    QOR_PARSE_TRACE_ERROR(trace, "Error reading the xml document %s.", qor_utf8(path).c_str());
+    QOR_TRACE_ERROR("Error reading the xml document %s.", qor_utf8(path).c_str());
     lastError.recordError(XML_READ_FAILED, 0, 0, 0, "The file could not be read.");
     return XML_READ_FAILED;
   }
@@ -349,16 +340,17 @@ int XMLprocessor::readBlock(const std::wstring& path, std::ifstream& stream, int
 
 // expat found the file not well-formed: its own code is the result, recorded
 // with the position where expat stood.
-int XMLprocessor::expatError(const std::wstring& path, const ParseTrace& trace) {
+int XMLprocessor::expatError(const std::wstring& path, const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   XML_Error code = XML_GetErrorCode(parser);
   int result = static_cast<int>(code);
   long byte = static_cast<long>(XML_GetCurrentByteIndex(parser));
   int line = static_cast<int>(XML_GetCurrentLineNumber(parser));
   int column = static_cast<int>(XML_GetCurrentColumnNumber(parser));
-  QOR_PARSE_TRACE_ERROR(trace, "Error %d parsing xml document %s.", result, qor_utf8(path).c_str());
-  QOR_PARSE_TRACE_ERROR(trace, "The error string is: %s", orEmpty(XML_ErrorString(code)));
-  QOR_PARSE_TRACE_ERROR(trace, "Error parsing buffer at byte %d, line %d and column %d",
-                        static_cast<int>(byte), line, column);
+  QOR_TRACE_ERROR("Error %d parsing xml document %s.", result, qor_utf8(path).c_str());
+  QOR_TRACE_ERROR("The error string is: %s", orEmpty(XML_ErrorString(code)));
+  QOR_TRACE_ERROR("Error parsing buffer at byte %d, line %d and column %d", static_cast<int>(byte), line,
+                  column);
   lastError.recordError(result, byte, line, column, orEmpty(XML_ErrorString(code)));
   return result;
 }

@@ -20,6 +20,8 @@
 // The size of the blocks in which a file is read.
 constexpr int BUFF_SIZE = 4096;
 
+struct LOG1_Context;
+
 // The first error of a parse: its code, where expat stood, and a sentence that
 // explains it to the person who wrote the file.
 class XMLErrorInfo {
@@ -81,22 +83,20 @@ class XMLprocessor {
   const XMLErrorInfo& getLastError() const { return lastError; }
 
  private:
-  // parse's trace block, which its steps write their lines under.
-  struct ParseTrace;
-
   void create();
   void freeMemory();
 
-  // The steps of a parse into an element tree, in the order parse takes them.
+  // The steps of a parse into an element tree, in the order parse takes them;
+  // they write their trace lines under parse's own name.
   void setUpParser(const std::wstring& path, XMLElement& top, std::wstring& fileName,
                    std::stack<XMLElementConstraints*>& constraintStack, qor_xml_userdata_t& userData);
-  bool narrowFileName(const std::wstring& path, std::vector<char>& narrowPath, const ParseTrace& trace);
+  bool narrowFileName(const std::wstring& path, std::vector<char>& narrowPath, const LOG1_Context& trace);
   int openFile(const std::wstring& path, const std::vector<char>& narrowPath, std::ifstream& stream,
-               const ParseTrace& trace);
+               const LOG1_Context& trace);
   int feedFile(const std::wstring& path, std::ifstream& stream, const qor_xml_userdata_t& userData,
-               int result, const ParseTrace& trace);
-  int readBlock(const std::wstring& path, std::ifstream& stream, int* count, const ParseTrace& trace);
-  int expatError(const std::wstring& path, const ParseTrace& trace);
+               int result, const LOG1_Context& trace);
+  int readBlock(const std::wstring& path, std::ifstream& stream, int* count, const LOG1_Context& trace);
+  int expatError(const std::wstring& path, const LOG1_Context& trace);
 
   XML_Parser parser;
   XMLElementConstraints* constraints;

@@ -145,6 +145,19 @@ class LOG1_Scope {
 // True when the level is on for this call; for code that must decide more than a line.
 #define QOR_TRACE_ON(level) LOG1_On(LOG1__flags_, (level))
 
+// The trace block and flags of a call, handed to the helpers a long function
+// is split into, so that their lines carry the name of the function a reader
+// of the traces knows.
+struct LOG1_Context {
+  LOG1_EPB* block;
+  unsigned flags;
+};
+#define QOR_TRACE_CONTEXT() (LOG1_Context{&LOG1__EPB_, LOG1__flags_})
+// Opens such a helper: the trace macros below it write under `context`.
+#define QOR_TRACE_AS(context)              \
+  LOG1_EPB& LOG1__EPB_ = *(context).block; \
+  const unsigned LOG1__flags_ = (context).flags
+
 // A wide string argument for a "%s" conversion.
 #define QOR_N(wide) (LOG1_Narrow(wide).c_str())
 

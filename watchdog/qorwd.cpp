@@ -63,8 +63,8 @@ bool isDownState(int state) { return state == OpStopped || state == OpStopping; 
 int Watchdog::getOperatingState() {
   // The process id found is not taken into the record here.
   int pid = agent->getProcID();
-  return cmdManager->getAppOperatingState(processNameOf(agent), agent->getInstanceName(), agent->getPath(), pid,
-                                          agent->getPolicy());
+  return cmdManager->getAppOperatingState(processNameOf(agent), agent->getInstanceName(), agent->getPath(),
+                                          pid, agent->getPolicy());
 }
 
 void Watchdog::collectProcessData() { cmdManager->collectProcessData(agent); }
@@ -80,22 +80,10 @@ void Watchdog::processOpStateEvent(int opState, int eventID, const std::wstring&
 
 // ---- The scheduled check ----------------------------------------------------
 
-// checkAvailability's own trace block, handed to its steps, so that every
-// line of a check carries the name checkAvailability, whichever step writes it.
-struct Watchdog::CheckTrace {
-  LOG1_EPB* block;
-  unsigned flags;
-};
-
-// Opens a step of the check: the trace macros below it write under the
-// check's block and with the check's flags.
-#define QOR_TRACE_AS_CHECK(trace)        \
-  LOG1_EPB& LOG1__EPB_ = *(trace).block; \
-  const unsigned LOG1__flags_ = (trace).flags
-
 void Watchdog::checkAvailability() {
   QOR_TRACE_FUNCTION();
-  const CheckTrace trace{&LOG1__EPB_, LOG1__flags_};
+  // The steps trace under checkAvailability's name, whichever writes the line.
+  const LOG1_Context trace = QOR_TRACE_CONTEXT();
   const time_t now = time(nullptr);
   if (!isDue(now, trace)) return;
   QOR_TRACE_STATUS("Agent %s checked at %s", agent->getshortID().c_str(), timeText(now).c_str());
@@ -118,8 +106,8 @@ void Watchdog::checkAvailability() {
   agent->setCheckTime(now);
 }
 
-bool Watchdog::isDue(time_t now, const CheckTrace& trace) {
-  QOR_TRACE_AS_CHECK(trace);
+bool Watchdog::isDue(time_t now, const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   time_t lastChecked = 0;
   if (!agent->getLastChecked(lastChecked)) {
     // A first check is compared with the service's start and never skipped.
@@ -147,14 +135,14 @@ bool Watchdog::isDue(time_t now, const CheckTrace& trace) {
 }
 
 // Kept: only the day of the year counts: a check a year later on the same day keeps the count.
-void Watchdog::resetOnNewDay(int nowDay, int otherDay, const CheckTrace& trace) {
-  QOR_TRACE_AS_CHECK(trace);
+void Watchdog::resetOnNewDay(int nowDay, int otherDay, const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   if (nowDay == otherDay) return;
   QOR_TRACE_STATUS("Reset restart count for agent %s new day %d.\n", agent->getshortID().c_str(), nowDay);
   agent->resetDailyRestartCount();
 }
 
-int Watchdog::findState(int& rc, std::wstring& output, std::wstring& msgID, const CheckTrace& trace) {
+int Watchdog::findState(int& rc, std::wstring& output, std::wstring& msgID, const LOG1_Context& trace) {
   Policy* policy = agent->getPolicy();
   const bool noScript = policy->getAvailabilityStatusScript()->empty();
   if (noScript && isSystemService()) {
@@ -178,8 +166,8 @@ int Watchdog::findState(int& rc, std::wstring& output, std::wstring& msgID, cons
 // Runs the status script, once more after each time-out while retries are
 // left; the retry flag doubles the next run's time-out and keeps the cycle's
 // checks of this agent back meanwhile.
-int Watchdog::runStatusScript(std::wstring& output, std::wstring& msgID, const CheckTrace& trace) {
-  QOR_TRACE_AS_CHECK(trace);
+int Watchdog::runStatusScript(std::wstring& output, std::wstring& msgID, const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   // A negative count still runs the script once: without a run the agent
   // would read as up.
   const int retries = std::max<int32_t>(0, WD_STATUS_RETRY_COUNT);
@@ -200,8 +188,8 @@ int Watchdog::runStatusScript(std::wstring& output, std::wstring& msgID, const C
 
 // The agent is down: the first row that applies decides what is asked for.
 void Watchdog::reportDown(int rc, const std::wstring& output, const std::wstring& msgID,
-                          const CheckTrace& trace) {
-  QOR_TRACE_AS_CHECK(trace);
+                          const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   QOR_TRACE_STATUS("Agent was stopped or stopping.\n");
   const int recorded = agent->getOperatingState();
   const std::string id = agent->getshortID();
@@ -229,8 +217,8 @@ void Watchdog::reportDown(int rc, const std::wstring& output, const std::wstring
   }
 }
 
-void Watchdog::reportUp(const std::wstring& msgID, const CheckTrace& trace) {
-  QOR_TRACE_AS_CHECK(trace);
+void Watchdog::reportUp(const std::wstring& msgID, const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
   if (agent->getOperatingState() != OpRunning) {
     QOR_TRACE_STATUS("Sync agent operating state with actual running state.\n");
     // The event carries the state the record has now; the state machine

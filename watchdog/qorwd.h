@@ -12,6 +12,7 @@
 class Agent;
 class Controller;
 class QorCmd;
+struct LOG1_Context;
 
 class Watchdog {
  public:
@@ -64,18 +65,15 @@ class Watchdog {
   // own where a real process cannot show CPU time to the stat reader.
   friend class WatchdogTestAccess;
 
-  // checkAvailability's trace block, which its steps write their lines under.
-  struct CheckTrace;
-
   // The steps of checkAvailability, in the order it takes them.
   // Resets the daily count on a new day; false when the check is skipped.
-  bool isDue(time_t now, const CheckTrace& trace);
-  void resetOnNewDay(int nowDay, int otherDay, const CheckTrace& trace);
+  bool isDue(time_t now, const LOG1_Context& trace);
+  void resetOnNewDay(int nowDay, int otherDay, const LOG1_Context& trace);
   // The state the agent is found in, 2 or 4; `rc` is the status script's code.
-  int findState(int& rc, std::wstring& output, std::wstring& msgID, const CheckTrace& trace);
-  int runStatusScript(std::wstring& output, std::wstring& msgID, const CheckTrace& trace);
-  void reportDown(int rc, const std::wstring& output, const std::wstring& msgID, const CheckTrace& trace);
-  void reportUp(const std::wstring& msgID, const CheckTrace& trace);
+  int findState(int& rc, std::wstring& output, std::wstring& msgID, const LOG1_Context& trace);
+  int runStatusScript(std::wstring& output, std::wstring& msgID, const LOG1_Context& trace);
+  void reportDown(int rc, const std::wstring& output, const std::wstring& msgID, const LOG1_Context& trace);
+  void reportUp(const std::wstring& msgID, const LOG1_Context& trace);
   // The counters of the process and its children since the last check.
   void refreshRuntimeData();
 

@@ -84,8 +84,8 @@ bool syncPath(const std::string& path, int flags) {
   return rc == 0;
 }
 
-// The directory part of a path, "." when it has none.
-std::string directoryOf(const std::string& path) {
+// The directory part of a path: "." when it has no slash, "/" for a file at the root.
+std::string directoryOrDot(const std::string& path) {
   size_t slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
   return slash == 0 ? "/" : path.substr(0, slash);
@@ -107,7 +107,7 @@ void replaceStateFile(const std::string& temporary, const std::string& target) {
     return;
   }
   // The rename itself lasts a power loss only once the directory is synced.
-  if (!syncPath(directoryOf(target), O_RDONLY | O_DIRECTORY)) {
+  if (!syncPath(directoryOrDot(target), O_RDONLY | O_DIRECTORY)) {
     QOR_TRACE_ERROR("Cannot sync the directory of the state file %s: %s\n", target.c_str(), failureText());
   }
 }

@@ -1,13 +1,17 @@
 #include "watchdog/qorwd.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <vector>
 
 #include "agents/qoragt.h"
+#include "cap/qorpol.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "core/qorutil.h"
 #include "include/qorapi.h"
 #include "platform/log1.h"
+#include "platform/osv1.h"
 #include "watchdog/qorcmd.h"
 
 QOR_TRACE_UNIT();
@@ -308,4 +312,264 @@ bool Watchdog::ExecPathExists() {
   // Kept: the file is opened for reading, so one that exists but cannot be read counts as missing.
   const std::wstring file = slash == std::wstring::npos ? name : path.substr(0, slash + 1) + name;
   return FileExists(file);
+}
+
+// ---- Actions ------------------------------------------------------------------
+// A policy lists in its dependent agents the agents it needs: a start first
+// starts what it lists, a stop first stops every agent that lists it.
+
+namespace {
+
+// The first live agent whose subagent id is `id`, or null.
+// Requires: managedEndpointProcesses locked by the caller.
+Agent* findDependent(Controller* controller, const std::wstring& id) {
+  std::wstring criteria[Controller::MATCH_CRITERIA_COUNT];
+  criteria[3] = id;
+  std::vector<Agent*> found = controller->getManagedEndpointProcess(Controller::MATCH_ID, criteria);
+  return found.empty() ? nullptr : found.front();
+}
+
+// The name a service is started and stopped by: its instance's service name,
+// or the policy's.
+std::wstring serviceNameOf(const Agent* agent) {
+  std::wstring name = agent->getServiceInstanceName();
+  return name.empty() ? agent->getPolicy()->getServiceName() : name;
+}
+
+// Posts a state event on the dependent's own checker. An agent without one
+// is not managed, and nothing could act on the event.
+void askDependent(const Agent* dependent, int opState, int eventID) {
+  if (dependent->getWatchdog() != nullptr) dependent->getWatchdog()->processOpStateEvent(opState, eventID, L"");
+}
+
+}  // namespace
+
+bool Watchdog::initiate_Stop(AgentOpEvent* event) {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_DETAIL("Initiating stop of agent id (%s).\n", agent->getshortID().c_str());
+  stopDependentAgents();
+  // With the flag clear the caller only wanted the state recorded.
+  if (event->getActionFlag() && !controller->cmdExecutionThread(agent_stop_cmd, event)) return false;
+  return true;
+}
+
+int Watchdog::initiate_Start(AgentOpEvent* event) {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_DETAIL("Initiating starting of agent id (%s).\n", agent->getshortID().c_str());
+  const int status = startDependentAgents();
+  if (status != 0) return status;
+  return controller->cmdExecutionThread(agent_start_cmd, event) ? 0 : 7;
+}
+
+bool Watchdog::initiate_Recycle(AgentOpEvent* event) {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_DETAIL("Initiating recycle of agent id (%s).\n", agent->getshortID().c_str());
+  stopDependentAgents();
+  // Kept: a recycle runs whatever the action flag says.
+  return controller->cmdExecutionThread(agent_recycle_cmd, event);
+}
+
+void Watchdog::stopDependentAgents() const {
+  QOR_TRACE_FUNCTION();
+  const std::wstring id = agent->getID();
+  for (Agent* entry : *controller->getManagedEndpointProcesses()) {
+    if (entry == nullptr) {
+      QOR_TRACE_DETAIL("Null agent returned in process list.\n");
+      continue;
+    }
+    if (entry->getPolicy() == nullptr || !entry->getPolicy()->isDependentAgent(id)) continue;
+    const int state = entry->getOperatingState();
+    if (state == OpStarting || state == OpRunning) {
+      askDependent(entry, OpRunning, agent_stop_cmd);
+    } else {
+      QOR_TRACE_DETAIL("Agent id %s was already stopped or stopping.\n", entry->getshortID().c_str());
+    }
+  }
+}
+
+int Watchdog::startDependentAgents() const {
+  QOR_TRACE_FUNCTION();
+  int status = 0;
+  const std::vector<std::wstring> ids = agent->getPolicy()->getDependentAgents();
+  QOR_TRACE_DETAIL("Size of dependency list = %d\n", static_cast<int>(ids.size()));
+  if (ids.empty()) {
+    QOR_TRACE_DETAIL("No dependencies found.\n");
+    return 0;
+  }
+  for (const std::wstring& id : ids) {
+    const std::string shortID = qor_narrow(id);
+    QOR_TRACE_DETAIL("Dependent agent id = %s\n", shortID.c_str());
+    Agent* dependent = findDependent(controller, id);
+    QOR_TRACE_DETAIL("Size of agentCollection = %d\n", dependent != nullptr ? 1 : 0);
+    QOR_TRACE_DETAIL("Address of agent = %d\n", static_cast<int>(reinterpret_cast<intptr_t>(dependent)));
+    if (dependent == nullptr) {
+      QOR_TRACE_DETAIL("Dependent agent id %s not found\n", shortID.c_str());
+      status = 1;
+      continue;
+    }
+    switch (dependent->getOperatingState()) {
+      case OpUnknown:
+      case OpNotFound:
+        QOR_TRACE_DETAIL("Agent id %s is UNMANAGED and will not be started.\n", shortID.c_str());
+        status = dependent->getOperatingState() == OpNotFound ? 2 : 3;
+        break;
+      case OpStopped:
+        // The state machine takes a running agent that stopped abnormally to
+        // a restart, which is what a stopped dependent needs.
+        QOR_TRACE_DETAIL("Starting dependent agent id %s.\n", shortID.c_str());
+        askDependent(dependent, OpRunning, agent_stopped_abnormally);
+        break;
+      case OpStarting:
+      case OpRunning:
+        QOR_TRACE_DETAIL("Agent id %s was already started or starting.\n", shortID.c_str());
+        break;
+      case OpManuallyStopped:
+      case OpStopping:
+        QOR_TRACE_DETAIL("Agent id %s was stopped or stopping and will not be started.\n", shortID.c_str());
+        status = 4;
+        break;
+      default:
+        break;
+    }
+  }
+  return status;
+}
+
+int Watchdog::startDependentAgentsStatus() const {
+  QOR_TRACE_FUNCTION();
+  const std::vector<std::wstring> ids = agent->getPolicy()->getDependentAgents();
+  if (ids.empty()) {
+    QOR_TRACE_DETAIL("No dependencies found.\n");
+    return 0;
+  }
+  ManagedProcessList* list = controller->getManagedEndpointProcesses();
+  int status = 7;
+  bool retry = true;
+  for (int sweeps = 0; retry && sweeps < WD_START_RETRY_COUNT; ++sweeps) {
+    retry = false;
+    for (const std::wstring& id : ids) {
+      if (controller->isShuttingDown()) {
+        QOR_TRACE_DETAIL("Shutdown in progress\n");
+        break;
+      }
+      if (!list->lockList()) {
+        retry = false;
+        QOR_TRACE_ERROR("Unable to obtain process list lock.\n");
+        continue;
+      }
+      const std::string shortID = qor_narrow(id);
+      Agent* dependent = findDependent(controller, id);
+      const int state = dependent != nullptr ? dependent->getOperatingState() : -1;
+      if (dependent == nullptr) {
+        QOR_TRACE_DETAIL("Dependent agent id %s not found\n", shortID.c_str());
+        status = 1;
+      } else if (state == OpUnknown || state == OpNotFound) {
+        QOR_TRACE_DETAIL("Agent id %s is UNMANAGED or not found and start test is invalid.\n", shortID.c_str());
+        status = state == OpNotFound ? 2 : 3;
+      } else if (state == OpStopped || state == OpManuallyStopped || state == OpStopping) {
+        QOR_TRACE_DETAIL("Agent id %s was stopped or stopping is not started.\n", shortID.c_str());
+        status = 4;
+      } else if (state == OpStarting) {
+        QOR_TRACE_DETAIL("Dependent agent is in startup mode, need to wait %s.\n", shortID.c_str());
+        retry = true;
+      } else if (state == OpRunning) {
+        QOR_TRACE_DETAIL("Agent id %s was started.\n", shortID.c_str());
+        status = 0;
+      }
+      list->unlockList();
+    }
+    if (controller->isShuttingDown()) {
+      retry = false;
+      QOR_TRACE_DETAIL("Shutdown in progress\n");
+    }
+    if (retry) {
+      QOR_TRACE_DETAIL("Entering retry sleep for %d sec\n", WD_START_RETRY_INTERVAL);
+      OSV1_Sleep(WD_START_RETRY_INTERVAL);
+      QOR_TRACE_DETAIL("Woke up from retry sleep\n");
+    }
+  }
+  return status;
+}
+
+int Watchdog::stop(std::wstring& message) {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_DETAIL("Stopping agent id (%s).\n", agent->getshortID().c_str());
+  Policy* policy = agent->getPolicy();
+  QorScript* script = policy->getStopScript();
+  if (isSystemService() && script->empty()) return cmdManager->systemStop(serviceNameOf(agent));
+  if (!script->empty()) {
+    std::wstring output;
+    return cmdManager->executeCmd(script, output, message, agent);
+  }
+  return cmdManager->appStop(agent->getInstanceProcName(), agent->getProcID(), policy);
+}
+
+int Watchdog::start(std::wstring& message) {
+  QOR_TRACE_FUNCTION();
+  const LOG1_Context trace = QOR_TRACE_CONTEXT();
+  QOR_TRACE_DETAIL("Starting agent id (%s).\n", agent->getshortID().c_str());
+  QOR_TRACE_DETAIL("Agent opstate (%d).\n", agent->getOperatingState());
+  int status = startDependentAgentsStatus();
+  if (status != 0) {
+    QOR_TRACE_ERROR("Failed to start agent id %s due to dependent agent error (%d).\n",
+                    agent->getshortID().c_str(), status);
+    return status;
+  }
+  // The back-off grows with each attempt: 0, 1, 2, ... times the interval.
+  int rc = 0;
+  for (int attempt = 0;;) {
+    QOR_TRACE_DETAIL("Entering sleep for %d seconds\n", attempt * WD_START_RETRY_INTERVAL);
+    OSV1_Sleep(attempt * WD_START_RETRY_INTERVAL);
+    ++attempt;
+    QOR_TRACE_DETAIL("Waking from sleep for start retry\n");
+    QOR_TRACE_DETAIL("Agent opstate (%d).\n", agent->getOperatingState());
+    rc = startAttempt(message, status, trace);
+    // No way to start the agent at all: final, with no retry.
+    if (status == 6) break;
+    const bool retriesLeft = startRetryCount >= attempt;
+    if (rc != 0 && retriesLeft) {
+      if (controller->isDisarmed()) {
+        QOR_TRACE_DETAIL("Disarm mode active. Agent start failed and no retry will be executed.\n");
+      } else {
+        QOR_TRACE_ERROR("Start command attempt %d failed for agent id %s. Will retry in %d seconds\n", attempt,
+                        agent->getshortID().c_str(), attempt * WD_START_RETRY_INTERVAL);
+      }
+    }
+    if (rc == 0 || !retriesLeft || controller->isDisarmed()) break;
+  }
+  if (rc != 0) QOR_TRACE_ERROR("Failed to start agent id %s.\n", agent->getshortID().c_str());
+  return status;
+}
+
+int Watchdog::startAttempt(std::wstring& message, int& status, const LOG1_Context& trace) {
+  QOR_TRACE_AS(trace);
+  Policy* policy = agent->getPolicy();
+  const std::string id = agent->getshortID();
+  status = 0;
+  QorScript* config = policy->getConfigScript();
+  if (!config->empty()) {
+    QOR_TRACE_DETAIL("Running config script for agent id %s\n", id.c_str());
+    std::wstring output;
+    const int rc = cmdManager->executeCmd(config, output, message, agent);
+    if (rc != 0) {
+      QOR_TRACE_ERROR("Failed to start agent id %s due to error in config script\n", id.c_str());
+      status = 5;
+      return rc;
+    }
+  }
+  QorScript* script = policy->getStartScript();
+  if (isSystemService() && script->empty()) {
+    const int rc = cmdManager->systemStart(serviceNameOf(agent), agent);
+    if (rc != 0) status = 7;
+    return rc;
+  }
+  if (script->empty()) {
+    QOR_TRACE_ERROR("Failed to start agent id %s. Start script not found\n", id.c_str());
+    status = 6;
+    return -1;
+  }
+  std::wstring output;
+  const int rc = cmdManager->executeCmd(script, output, message, agent);
+  if (rc != 0) status = 7;
+  return rc;
 }

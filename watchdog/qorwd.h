@@ -10,6 +10,7 @@
 #include <string>
 
 class Agent;
+class AgentOpEvent;
 class Controller;
 class QorCmd;
 struct LOG1_Context;
@@ -48,6 +49,38 @@ class Watchdog {
   // with this agent on the command queue and returns at once.
   void processOpStateEvent(int opState, int eventID, const std::wstring& text) const;
 
+  // ---- Actions (watchdog/qorwd.cpp, second half) ----------------------------
+  // The initiate_ operations run on the command handler thread with the list
+  // locked, right after the state machine has put the agent in state 3 or 6;
+  // they look after the dependent agents and hand the slow part to a worker
+  // thread, which gets its own copy of `event`; the caller keeps the event.
+  // Requires (all three): managedEndpointProcesses locked by the caller.
+  // true when no worker was wanted (action flag clear) or one was started.
+  bool initiate_Stop(AgentOpEvent* event);
+  // A start status: 0 when a worker was started, the dependents' status when
+  // one of them is not fit, 7 when the worker could not be started.
+  int initiate_Start(AgentOpEvent* event);
+  bool initiate_Recycle(AgentOpEvent* event);
+
+  // The slow halves, on a worker thread with no lock held, on the worker's
+  // private copy of the agent. `message` receives the text that the script's
+  // return code chose. stop returns the stop's return code, start a start
+  // status.
+  int stop(std::wstring& message);
+  int start(std::wstring& message);
+
+  // Asks every dependent agent that is stopped to start, and returns the
+  // status of the last dependent that is not fit to run (0 when all are).
+  // Requires: managedEndpointProcesses locked by the caller, except on a
+  // recycle's worker thread, where nothing else can reach the copy.
+  int startDependentAgents() const;
+  // Asks every running agent that depends on this one to stop.
+  // Requires: managedEndpointProcesses locked by the caller.
+  void stopDependentAgents() const;
+  // Waits, sweep after sweep, for the dependent agents to run. Requires: no
+  // list lock held by the caller; it takes the lock once per dependent.
+  int startDependentAgentsStatus() const;
+
   // A Windows service, a Linux service or a Unix daemon: checked through the
   // system's service query when the policy has no status script.
   bool isSystemService() const;
@@ -76,6 +109,9 @@ class Watchdog {
   void reportUp(const std::wstring& msgID, const LOG1_Context& trace);
   // The counters of the process and its children since the last check.
   void refreshRuntimeData();
+  // One start attempt: the config script, then the start script or the
+  // service's start. Sets the attempt's start status; returns its return code.
+  int startAttempt(std::wstring& message, int& status, const LOG1_Context& trace);
 
   Controller* controller;
   Agent* agent;        // not owned

@@ -6,12 +6,17 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <string>
 
+#include "cap/qorpol.h"
 #include "core/qorctrl.h"
+#include "core/qorutil.h"
 #include "include/qorapi.h"
 #include "platform/int1.h"
 #include "platform/log1.h"
 #include "watchdog/qorcmd.h"
+#include "watchdog/qorunx.h"
 
 QOR_TRACE_UNIT();
 
@@ -84,3 +89,26 @@ void WatchdogMain() {
 }
 
 void stop_exit() { fprintf(stderr, "\t**** qorwd terminated ****\n"); }
+
+char* GetDisableWatchdogStopFile(Policy* policy) {
+  // Kept: without ZEL_BINARCH in the environment the variable stays in the path as written.
+  const std::wstring path = L"$MARLOWHOME/$ZEL_BINARCH/" + policy->getProductCode() + L"/bin/.qorwd_disable_stop";
+  return qor_wcstombs(ReplaceEnvVariables(path));
+}
+
+void DisableWatchdogStop(Policy* policy) {
+  QOR_TRACE_FUNCTION();
+  char* path = GetDisableWatchdogStopFile(policy);
+  QOR_TRACE_DETAIL("Creating Watchdog disable stop file %s.", path);
+  std::ofstream marker(path, std::ios::out | std::ios::trunc);
+  marker.close();
+  delete[] path;
+}
+
+void EnableWatchdogStop(Policy* policy) {
+  QOR_TRACE_FUNCTION();
+  char* path = GetDisableWatchdogStopFile(policy);
+  QOR_TRACE_DETAIL("Removing Watchdog disable stop file %s.", path);
+  std::remove(path);
+  delete[] path;
+}

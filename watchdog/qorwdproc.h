@@ -12,4 +12,16 @@ void SignalQOR(int signalNumber);
 // child calls it before exec, so that a started agent can be stopped by them.
 void UnblockSignals();
 
+class Policy;
+
+// The marker file "$MARLOWHOME/$ZEL_BINARCH/<product code>/bin/.qorwd_disable_stop",
+// which exists while the watchdog process itself takes the OS agent down, so
+// that the agent's own scripts know the stop is not a failure. The path is
+// narrow text from new[], freed by the caller.
+char* GetDisableWatchdogStopFile(Policy* policy);
+// Creates (or empties) the marker; failures are not reported.
+void DisableWatchdogStop(Policy* policy);
+// Removes the marker, if there is one.
+void EnableWatchdogStop(Policy* policy);
+
 #endif  // QOR_WATCHDOG_QORWDPROC_H

@@ -63,6 +63,7 @@ class AgentOpEvent;
 class AgentMgmtEvent;
 class AgentAVCheckEvent;
 class CAPFileEvent;
+struct LOG1_Context;
 
 // A flag set under a mutex and announced with one signal. The mutex is held
 // only around the flag.
@@ -76,6 +77,10 @@ struct Rendezvous {
 void* TEOThreadEntry(void* unused);  // core/qorctrl.cpp
 void* AVThreadEntry(void* unused);   // agents/qoravail.cpp
 void* DIThreadEntry(void* unused);   // interfaces/qordisc.cpp
+// Command workers, each given its private AgentOpEvent (core/qorworkers.cpp).
+void* startCmdThreadEntry(void* event);
+void* stopCmdThreadEntry(void* event);
+void* recycleCmdThreadEntry(void* event);
 
 class Controller {
  public:
@@ -202,6 +207,18 @@ class Controller {
   void ProcessOpStateChange(AgentOpEvent* event);
   void ProcessMgmtStateChange(AgentMgmtEvent* event);
 
+  // ---- core/qorworkers.cpp: command workers ------------------------------
+
+  // Hands a start (5), stop (4) or recycle (25) to a worker thread of its
+  // own, with a deep copy of `event`; the caller keeps its event. false when
+  // shutting down, or when the copy or the thread cannot be made. Called on
+  // the command handler thread by the Watchdog's initiate_ operations.
+  bool cmdExecutionThread(TEOEvents command, AgentOpEvent* event);
+  // The body of a worker: runs the scripts with no lock held, turns the event
+  // into its result and raises it for the live agent, found again by guid.
+  // Consumes `event`. Requires: no list lock held by the caller.
+  void commandExecution(TEOEvents command, AgentOpEvent* event);
+
   // ---- interfaces/qoriter.cpp: snapshots for other threads ---------------
 
   // Deep copies of the agents; the caller owns them. Each takes and releases
@@ -312,12 +329,50 @@ class Controller {
   // event has run.
   bool followMovedInstallation(Reconciliation& work, Agent* record);
 
+  // ---- core/qorworkers.cpp ------------------------------------------------
+  // The steps of commandExecution. runCommand runs the scripts and turns the
+  // event into its result; true when a recycle's stop succeeded and its start
+  // follows. deliverResult raises the result for the live agent unless that
+  // agent has moved on; true when the event was raised.
+  bool runCommand(TEOEvents command, AgentOpEvent* event, bool recycle);
+  // Both trace under commandExecution's name.
+  bool deliverResult(TEOEvents command, AgentOpEvent* event, bool recycle, const LOG1_Context& trace);
+  // Requires: managedEndpointProcesses locked by the caller.
+  bool resultStillFits(TEOEvents command, AgentOpEvent* event, const Agent* live, bool recycle,
+                       const LOG1_Context& trace);
+
   // ---- agents/qortrans.cpp ------------------------------------------------
   // The row groups of the two transition tables.
   // Requires (all): managedEndpointProcesses locked by the caller (the
   // command handler thread).
   void onAgentNotFound(AgentOpEvent* event);
   void onAgentNotConfigured(AgentOpEvent* event);
+  // The operating rows, one per row group, dispatched from kOpRows.
+  struct OpRow;
+  static const OpRow kOpRows[];
+  void applyOpRow(AgentOpEvent* event);
+  void onCommandToStart(AgentOpEvent* event);
+  void onCameUp(AgentOpEvent* event);
+  void onFoundDown(AgentOpEvent* event);
+  void onFirstStart(AgentOpEvent* event);
+  void onDisarmedDown(AgentOpEvent* event);
+  void onStartFailed(AgentOpEvent* event);
+  void onStarted(AgentOpEvent* event);
+  void onLimitReached(AgentOpEvent* event);
+  void onCommandedStartFailed(AgentOpEvent* event);
+  void onMustGoDown(AgentOpEvent* event);
+  void onStoppedElsewhere(AgentOpEvent* event);
+  void onStillRunning(AgentOpEvent* event);
+  void onStopResult(AgentOpEvent* event);
+  void onStoppedAsAsked(AgentOpEvent* event);
+  void onStoppedDown(AgentOpEvent* event);
+  void onStopFailed(AgentOpEvent* event);
+  void onStoppedForRestart(AgentOpEvent* event);
+  // Starts of ids 22 (`restart` false) and 24 within the daily limit, and the
+  // two forms of the ladder of messages once the limit is reached.
+  void startWithLimit(AgentOpEvent* event, bool restart);
+  void limitLadderWithSpare(AgentOpEvent* event, AgentOpEvent* spare);
+  void limitLadderInPlace(AgentOpEvent* event);
   void forwardAs(AgentMgmtEvent* event, TEOEvents id);
   void onBecomeManaged(AgentMgmtEvent* event);
   void onStayUnmanaged(AgentMgmtEvent* event);

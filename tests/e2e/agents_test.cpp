@@ -293,9 +293,11 @@ TEST_F(Agents, AStatusScriptsReturnCodeMapGivesTheEventItsMessage) {
                                "E2E_SICK.")
                 .size())
       << host.child().out();
-  ASSERT_TRUE(host.child().waitForOutput("[ 8] ALERT agent 'Scripted program' state 4", 2000))
+  // The alert shows the agent as the state machine left it: being stopped,
+  // so that it can be restarted.
+  ASSERT_TRUE(host.child().waitForOutput("[ 8] ALERT agent 'Scripted program' state 6", 2000))
       << host.child().out();
-  EXPECT_FALSE(qortest::linesWith(host.child().out(), "[ 8] ALERT agent 'Scripted program' state 4").empty());
+  EXPECT_FALSE(qortest::linesWith(host.child().out(), "[ 8] ALERT agent 'Scripted program' state 6").empty());
   EXPECT_NE(std::string::npos, host.child().out().find(": E2E_SICK\n"));
   // The program still runs: the script failed but the process is there.
   EXPECT_EQ(1u,

@@ -24,8 +24,12 @@ run=${QOR_EXAMPLES_RUN:-/tmp/qor-examples}
 program=$run/bin/$name
 pidfile=$run/$name.pid
 
+# Runs when the pid file names a live process of the program. A killed
+# program that nobody has reaped yet still answers kill -0, but its
+# executable is gone from /proc.
 running() {
-  [ -f "$pidfile" ] && kill -0 "$(cat "$pidfile")" 2>/dev/null
+  [ -f "$pidfile" ] && [ -e "$program" ] &&
+    [ "$(readlink "/proc/$(cat "$pidfile")/exe" 2>/dev/null)" = "$(readlink -f "$program")" ]
 }
 
 case "$action" in

@@ -48,6 +48,7 @@
 #include <vector>
 
 #include "agents/qorproclist.h"
+#include "cap/qorpol.h"
 #include "core/qorevt.h"
 #include "core/qorlock.h"
 #include "core/qorworkers.h"
@@ -241,6 +242,18 @@ class Controller {
   // be had. Requires: no list lock held by the caller.
   std::vector<Agent*> getManagedEndpointProcessLOCK(int mask, const std::wstring* criteria);
 
+  // An operator's commands. Each finds the agent, checks that the request
+  // fits its present state and queues the event that carries it out: 0 means
+  // accepted. Every refusal has a code of the command's own hundred (start
+  // 1xx, stop 2xx, recycle 3xx, reset 6xx) and one error trace.
+  // Requires (all): no list lock held by the caller.
+  // `pid` -1 stands for any process.
+  int stopAgent(const std::wstring& name, const std::wstring& process, int pid);
+  int startAgent(const std::wstring& name, bool resetCount, const std::wstring& process,
+                 const std::wstring& instance);
+  int recycleAgent(const std::wstring& name, const std::wstring& process, const std::wstring& instance, int pid);
+  int resetAgentRestartCount(const std::wstring& name, const std::wstring& process, const std::wstring& instance);
+
   // ---- interfaces/qorosagt.cpp: the OS agent ------------------------------
 
   // True when an OS agent's record is managed here or by the watchdog
@@ -251,6 +264,13 @@ class Controller {
   // by its product code and ".dy" in a CAP directory. With `remove`, the
   // first one found is deleted. No lock.
   bool checkRemoteDeploy(Policy* policy, bool remove);
+
+  // Whether `name` is the name of the OS agent's record, with its managed
+  // state, daily restart count and manager type (the last two are left as
+  // they were when it is not). Works on a snapshot of watchdogList, so it may
+  // be called with managedEndpointProcesses held.
+  bool isOSAgent(const std::wstring& name, bool& managed, int& restartCount, ManagerType& managerType);
+  bool isOSAgent(const std::wstring& name, bool& managed);
 
   // ---- interfaces/qordisc.cpp: instance discovery ------------------------
 
@@ -340,6 +360,16 @@ class Controller {
   // Requires: managedEndpointProcesses locked by the caller.
   bool resultStillFits(TEOEvents command, AgentOpEvent* event, const Agent* live, bool recycle,
                        const LOG1_Context& trace);
+
+  // ---- interfaces/qoragtcmd.cpp --------------------------------------------
+  // The decisions of the commands on one live agent.
+  // Requires (all): managedEndpointProcesses locked by the caller.
+  int stopOne(Agent* agent);
+  Agent* pickToStart(const std::vector<Agent*>& agents);
+  int startOne(Agent* agent, bool resetCount);
+  int recycleOne(Agent* agent);
+  int resetOne(Agent* agent);
+  int resetOSAgentCount(const std::wstring& name, const std::wstring& process);
 
   // ---- agents/qortrans.cpp ------------------------------------------------
   // The row groups of the two transition tables.

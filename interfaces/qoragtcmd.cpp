@@ -1,11 +1,13 @@
 // The Controller's agent commands: what an operator's request turns into.
-// Here, the lookup of live agents by a mask of fields that they all share.
+// Here, the lookup of live agents by a mask of fields that they all share,
+// and the commands built on it.
 #include <cwchar>
 #include <string>
 #include <vector>
 
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
+#include "core/qorevt.h"
 #include "platform/log1.h"
 
 QOR_TRACE_UNIT();
@@ -73,4 +75,278 @@ std::vector<Agent*> Controller::getManagedEndpointProcessLOCK(int mask, const st
   std::vector<Agent*> found = getManagedEndpointProcess(mask, criteria);
   managedEndpointProcesses.unlockList();
   return found;
+}
+
+// ---- Operator commands ------------------------------------------------------------
+// None of them does the work: each finds the agent, checks that the request
+// makes sense in the agent's present state, and queues an event that the
+// state machine carries out later. 0 means accepted, not done. The list stays
+// locked from the lookup to the event, so that the state tested is the state
+// the event was made for.
+
+namespace {
+
+// The lookup of start, recycle and reset: by name, and by the instance when
+// one is named, otherwise by the process name.
+int commandCriteria(std::wstring* criteria, const std::wstring& name, const std::wstring& process,
+                    const std::wstring& instance) {
+  criteria[0] = name;
+  if (!instance.empty()) {
+    criteria[5] = instance;
+    return Controller::MATCH_NAME | Controller::MATCH_INSTANCE_NAME;
+  }
+  criteria[2] = process;
+  return Controller::MATCH_NAME | Controller::MATCH_INSTANCE_PROC_NAME;
+}
+
+int addProcessId(std::wstring* criteria, int mask, int pid) {
+  if (pid == -1) return mask;
+  criteria[1] = std::to_wstring(pid);
+  return mask | Controller::MATCH_PROC_ID;
+}
+
+bool isBusy(const Agent* agent) {
+  return agent->getOperatingState() == OpStarting || agent->getOperatingState() == OpStopping;
+}
+
+AgentOpEvent* commandFor(Agent* agent, TEOEvents id) {
+  AgentOpEvent* event = new AgentOpEvent();
+  event->setEventTypeID(id);
+  event->setAgent(agent);
+  event->setOpState(agent->getOperatingState());
+  return event;
+}
+
+// Stand-in: the watchdog process is reached through the socket client
+// (interfaces/qorsockcli.cpp); until it lands no answer comes, which the
+// commands count as a refusal.
+int sendWDCommand(const std::string& /*command*/, std::string& answer) {
+  answer.clear();
+  return 3;
+}
+
+}  // namespace
+
+int Controller::stopAgent(const std::wstring& name, const std::wstring& process, int pid) {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_STATUS("Stop agent %s (pid %d)\n", QOR_N(name), pid);
+  QOR_TRACE_STORY("Lookup agent: %s, process: %s\t%d \n", QOR_N(name), QOR_N(process), pid);
+  std::wstring criteria[MATCH_CRITERIA_COUNT];
+  criteria[0] = name;
+  criteria[2] = process;
+  // Kept: the name takes no part in the lookup of a stop; the process name alone does.
+  const int mask = addProcessId(criteria, MATCH_INSTANCE_PROC_NAME, pid);
+  int result = 202;
+  bool found = false;
+  if (managedEndpointProcesses.lockList()) {
+    for (Agent* agent : getManagedEndpointProcess(mask, criteria)) {
+      found = true;
+      result = stopOne(agent);
+    }
+    managedEndpointProcesses.unlockList();
+  } else {
+    QOR_TRACE_ERROR("Error obtaining lock on managedEndpointProcesses.");
+  }
+  if (found) return result;
+  bool managed = false;
+  if (isOSAgent(name, managed)) {
+    QOR_TRACE_ERROR("Stop agent failed. Agent %s, is OS Agent\n", QOR_N(name));
+    return 203;
+  }
+  QOR_TRACE_ERROR("Stop agent failed. Agent %s, pid %d not found\n", QOR_N(name), pid);
+  return 202;
+}
+
+int Controller::stopOne(Agent* agent) {
+  QOR_TRACE_FUNCTION();
+  if (agent->getManagedState() != Managed) {
+    QOR_TRACE_ERROR("Stop agent failed. Agent %s not managed\n", QOR_N(agent->getName()));
+    return 200;
+  }
+  if (isBusy(agent) || agent->getOperatingState() == OpManuallyStopped) {
+    QOR_TRACE_ERROR("Stop agent failed. Agent %s already being started or stopped.\n", QOR_N(agent->getName()));
+    return 201;
+  }
+  AgentOpEvent* event = commandFor(agent, agent_stop_cmd);
+  // Nothing guards the OS agent while the watchdog process is stopped.
+  if (agent->isWatchDogAgent()) RawEvent::logUnreliableMessage(event);
+  event->processEvent();
+  return 0;
+}
+
+int Controller::startAgent(const std::wstring& name, bool resetCount, const std::wstring& process,
+                           const std::wstring& instance) {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_STATUS("Start agent %s\n", QOR_N(name));
+  std::wstring criteria[MATCH_CRITERIA_COUNT];
+  const int mask = commandCriteria(criteria, name, process, instance);
+  if (!managedEndpointProcesses.lockList()) {
+    QOR_TRACE_ERROR("Error obtaining lock on managedEndpointProcesses.");
+  } else {
+    std::vector<Agent*> agents = getManagedEndpointProcess(mask, criteria);
+    const int result = agents.empty() ? -1 : startOne(pickToStart(agents), resetCount);
+    managedEndpointProcesses.unlockList();
+    if (result != -1) return result;
+  }
+  bool managed = false;
+  if (isOSAgent(name, managed)) {
+    QOR_TRACE_ERROR("Start agent failed. Agent %s is OS Agent %s\n", QOR_N(name), QOR_N(name));
+    return 103;
+  }
+  QOR_TRACE_ERROR("Start agent failed. Agent %s not found -- Process not found %s\n", QOR_N(name), QOR_N(process));
+  return 102;
+}
+
+// Of several records of a console program, the one without a process: the
+// instance that is down. When all run, the last.
+Agent* Controller::pickToStart(const std::vector<Agent*>& agents) {
+  if (agents.front()->getType() != Console) return agents.front();
+  for (Agent* agent : agents) {
+    if (agent->getProcID() == 0) return agent;
+  }
+  return agents.back();
+}
+
+int Controller::startOne(Agent* agent, bool resetCount) {
+  QOR_TRACE_FUNCTION();
+  if (agent->getManagedState() != Managed) {
+    QOR_TRACE_ERROR("Start agent failed. Agent %s not managed\n", QOR_N(agent->getName()));
+    return 100;
+  }
+  // An agent stopped by an operator may be started again.
+  if (isBusy(agent)) {
+    QOR_TRACE_ERROR("Start agent failed. Agent %s already being started or stopped.\n", QOR_N(agent->getName()));
+    return 101;
+  }
+  AgentOpEvent* event = commandFor(agent, agent_start_cmd);
+  if (resetCount) {
+    agent->resetDailyRestartCount();
+    AgentOpEvent reset;
+    reset.setEventTypeID(agent_count_reset);
+    reset.setAgent(agent);
+    // Straight to the listeners: the state machine has nothing to do with it.
+    reset.logMessage();
+  }
+  event->processEvent();
+  return 0;
+}
+
+int Controller::recycleAgent(const std::wstring& name, const std::wstring& process, const std::wstring& instance,
+                             int pid) {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_STATUS("Recycle agent %s\n", QOR_N(name));
+  std::wstring criteria[MATCH_CRITERIA_COUNT];
+  const int mask = addProcessId(criteria, commandCriteria(criteria, name, process, instance), pid);
+  if (!managedEndpointProcesses.lockList()) {
+    QOR_TRACE_ERROR("Error obtaining lock on managedEndpointProcesses.");
+  } else {
+    std::vector<Agent*> agents = getManagedEndpointProcess(mask, criteria);
+    const int result = agents.empty() ? -1 : recycleOne(agents.front());
+    managedEndpointProcesses.unlockList();
+    if (result != -1) return result;
+  }
+  bool managed = false;
+  if (!isOSAgent(name, managed)) {
+    QOR_TRACE_ERROR("Recycle agent failed. Agent %s not found -- Process not found %s\n", QOR_N(name),
+                    QOR_N(process));
+    return 302;
+  }
+  if (!managed) {
+    QOR_TRACE_ERROR("Recycle agent failed. OS agent is not managed\n");
+    return 300;
+  }
+  // The OS agent's record lives in the watchdog process, which recycles it.
+  QOR_TRACE_ERROR("Recycle OS Agent. Agent %s is OS Agent %s\n", QOR_N(name), QOR_N(name));
+  setRecycleOS(true);
+  std::string answer;
+  const int rc = sendWDCommand("622 RECYCLE", answer);
+  QOR_TRACE_STORY("Result of command: %d, %s \n", rc, answer.c_str());
+  if (rc == 0) return 0;
+  setRecycleOS(false);
+  return -1;
+}
+
+int Controller::recycleOne(Agent* agent) {
+  QOR_TRACE_FUNCTION();
+  if (agent->getManagedState() != Managed && agent->getManagedState() != WatchdogManaged) {
+    QOR_TRACE_ERROR("Recycle agent failed. Agent %s not managed\n", QOR_N(agent->getName()));
+    return 300;
+  }
+  if (isBusy(agent)) {
+    QOR_TRACE_ERROR("Recycle agent failed. Agent %s already being started or stopped.\n", QOR_N(agent->getName()));
+    return 301;
+  }
+  commandFor(agent, agent_recycle_cmd)->processEvent();
+  return 0;
+}
+
+int Controller::resetAgentRestartCount(const std::wstring& name, const std::wstring& process,
+                                       const std::wstring& instance) {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_STATUS("Reset agent restart count %s\n", QOR_N(name));
+  std::wstring criteria[MATCH_CRITERIA_COUNT];
+  const int mask = commandCriteria(criteria, name, process, instance);
+  // The one command that keeps the list across its whole decision.
+  if (!managedEndpointProcesses.lockList()) {
+    QOR_TRACE_ERROR("Error obtaining lock on managedEndpointProcesses.");
+    return -1;
+  }
+  std::vector<Agent*> agents = getManagedEndpointProcess(mask, criteria);
+  const int result = agents.empty() ? resetOSAgentCount(name, process) : resetOne(agents.front());
+  managedEndpointProcesses.unlockList();
+  return result;
+}
+
+int Controller::resetOne(Agent* agent) {
+  QOR_TRACE_FUNCTION();
+  if (agent->getManagedState() != Managed && agent->getManagedState() != WatchdogManaged) {
+    QOR_TRACE_ERROR("Reset agent count failed. Agent %s not managed\n", QOR_N(agent->getName()));
+    return 600;
+  }
+  // The state comes first: a starting agent with a count of 0 is busy, not done.
+  if (isBusy(agent)) {
+    QOR_TRACE_ERROR("Reset agent count failed. Agent %s is being started or stopped.\n", QOR_N(agent->getName()));
+    return 602;
+  }
+  if (agent->getDailyRestartCount() == 0) {
+    QOR_TRACE_ERROR("Reset OS Agent Restart Count. Count is already 0 %d\n", 0);
+    return 603;
+  }
+  agent->resetDailyRestartCount();
+  AgentOpEvent reset;
+  reset.setEventTypeID(agent_count_reset);
+  reset.setAgent(agent);
+  reset.logMessage();
+  return 0;
+}
+
+int Controller::resetOSAgentCount(const std::wstring& name, const std::wstring& process) {
+  QOR_TRACE_FUNCTION();
+  bool managed = false;
+  int count = 0;
+  ManagerType managerType = NotManaged;
+  if (!isOSAgent(name, managed, count, managerType)) {
+    QOR_TRACE_ERROR("Reset restart count failed. Agent %s not found -- Process not found %s\n", QOR_N(name),
+                    QOR_N(process));
+    return 601;
+  }
+  if (!managed) {
+    QOR_TRACE_ERROR("Reset agent count failed. OS agent not managed\n");
+    return 600;
+  }
+  if (count == 0) {
+    QOR_TRACE_ERROR("Reset OS Agent Restart Count. Count is already 0 %d\n", count);
+    return 603;
+  }
+  QOR_TRACE_ERROR("Reset OS Agent Restart Count. Agent %s is OS Agent %s\n", QOR_N(name), QOR_N(name));
+  std::string answer;
+  const int rc = sendWDCommand("622 RESET_COUNT", answer);
+  QOR_TRACE_STORY("Result of command: %d, %s \n", rc, answer.c_str());
+  if (rc != 0) return -1;
+  // The next snapshot with an update asks the watchdog process again.
+  if (watchdogList.lockList()) {
+    watchdogDataValid = false;
+    watchdogList.unlockList();
+  }
+  return 0;
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "cap/qorconv.h"
+#include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "core/qorlock.h"
 #include "core/qorutil.h"
@@ -156,25 +157,28 @@ int QOR_QueryService::getCacheLimit() {
   return 24;
 }
 
-// The agent commands answer -1, "not available", until the Controller's
-// command handling is in place.
-int QOR_QueryService::stopAgent(std::wstring /*name*/, std::wstring /*process*/, int /*pid*/) { return -1; }
-
-int QOR_QueryService::startAgent(std::wstring /*name*/, bool /*resetCount*/, std::wstring /*process*/,
-                                 std::wstring /*instance*/) {
-  return -1;
+int QOR_QueryService::stopAgent(std::wstring name, std::wstring process, int pid) {
+  if (!m_bIsStarted) return -1;
+  return Controller::getController()->stopAgent(name, process, pid);
 }
 
-int QOR_QueryService::recycleAgent(std::wstring /*name*/, std::wstring /*process*/, std::wstring /*instance*/,
-                                   int /*pid*/) {
-  return -1;
+int QOR_QueryService::startAgent(std::wstring name, bool resetCount, std::wstring process, std::wstring instance) {
+  if (!m_bIsStarted) return -1;
+  return Controller::getController()->startAgent(name, resetCount, process, instance);
 }
 
-int QOR_QueryService::resetRestartCount(std::wstring /*name*/, std::wstring /*process*/,
-                                        std::wstring /*instance*/) {
-  return -1;
+int QOR_QueryService::recycleAgent(std::wstring name, std::wstring process, std::wstring instance, int pid) {
+  if (!m_bIsStarted) return -1;
+  return Controller::getController()->recycleAgent(name, process, instance, pid);
 }
 
+int QOR_QueryService::resetRestartCount(std::wstring name, std::wstring process, std::wstring instance) {
+  if (!m_bIsStarted) return -1;
+  return Controller::getController()->resetAgentRestartCount(name, process, instance);
+}
+
+// Stand-in: management commands answer -1, "not available", until the
+// Controller's startManage and stopManage land in interfaces/qoragtcmd.cpp.
 int QOR_QueryService::startManagingAgent(std::wstring /*name*/) { return -1; }
 
 int QOR_QueryService::stopManagingAgent(std::wstring /*name*/) { return -1; }

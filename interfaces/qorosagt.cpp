@@ -37,3 +37,26 @@ bool Controller::checkRemoteDeploy(Policy* policy, bool remove) {
   }
   return false;
 }
+
+bool Controller::isOSAgent(const std::wstring& name, bool& managed, int& restartCount, ManagerType& managerType) {
+  QOR_TRACE_FUNCTION();
+  managed = false;
+  std::vector<Agent*> copies;
+  getWatchDogListSnapshot(&copies, false);
+  bool found = false;
+  for (Agent* copy : copies) {
+    if (found || copy->getName() != name) continue;
+    found = true;
+    restartCount = copy->getDailyRestartCount();
+    if (copy->getPolicy() != nullptr) managerType = static_cast<ManagerType>(copy->getPolicy()->getManagerTypeElement());
+    managed = copy->getManagedState() == Managed || copy->getManagedState() == WatchdogManaged;
+  }
+  for (Agent* copy : copies) delete copy;
+  return found;
+}
+
+bool Controller::isOSAgent(const std::wstring& name, bool& managed) {
+  int restartCount = 0;
+  ManagerType managerType = NotManaged;
+  return isOSAgent(name, managed, restartCount, managerType);
+}

@@ -1,12 +1,21 @@
+// Finding live agents by a mask of fields, and the operator's commands built
+// on it: the agent each command takes, its refusals with their codes and
+// traces, and the events it queues.
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "agents/qoragt.h"
+#include "cap/qorpol.h"
+#include "core/qorcmdhand.h"
 #include "core/qorctrl.h"
+#include "core/qorevt.h"
+#include "core/qormsghand.h"
+#include "support/qortest.h"
 
 namespace {
 
@@ -118,4 +127,271 @@ TEST(AgentLookup, TheLockedFormLeavesTheListFreeAndThePlainFormNeedsTheCallersLo
   EXPECT_FALSE(heldElsewhere);
   EXPECT_TRUE(list->isLockedByCaller());
   EXPECT_TRUE(list->unlockList());
+}
+
+// ---- Operator commands ---------------------------------------------------------
+// The commands decide and queue; no service runs here, so what they queue
+// stays on the queues, where the tests read it.
+
+namespace {
+
+std::vector<Event*> take(EventHandler* queue) {
+  std::vector<Event*> events;
+  queue->lockEventQueue();
+  while (Event* event = queue->popEvent()) events.push_back(event);
+  queue->unlockEventQueue();
+  return events;
+}
+
+// The events the commands queued for the state machine, as (id, opState,
+// agent) and freed.
+struct Queued {
+  int id;
+  int opState;
+  Agent* agent;
+  bool operator==(const Queued& other) const {
+    return id == other.id && opState == other.opState && agent == other.agent;
+  }
+};
+std::ostream& operator<<(std::ostream& out, const Queued& queued) {
+  return out << "{" << queued.id << ", " << queued.opState << ", " << queued.agent << "}";
+}
+
+std::vector<Queued> commandsQueued() {
+  std::vector<Queued> queued;
+  for (Event* event : take(Controller::getController()->getCommandHandler())) {
+    AgentOpEvent* op = dynamic_cast<AgentOpEvent*>(event);
+    if (op != nullptr) queued.push_back({op->getEventTypeID(), op->getOpState(), op->getAgent()});
+    delete event;
+  }
+  return queued;
+}
+
+// The ids of what went straight to the listeners, freed.
+std::vector<int> messagesQueued() {
+  std::vector<int> ids;
+  for (Event* event : take(Controller::getController()->getMessageHandler())) {
+    ids.push_back(event->getEventTypeID());
+    delete event;
+  }
+  return ids;
+}
+
+class Commands : public ::testing::Test {
+ protected:
+  void SetUp() override { qortest::traceTo(dir.file("trace"), 128 | 256 | 2 | 16); }
+  void TearDown() override {
+    commandsQueued();
+    messagesQueued();
+  }
+  // A managed agent of process `process` in `state`.
+  Agent* managed(const std::wstring& name, const std::wstring& process, int pid, OperatingStates state) {
+    Agent* agent = agents.add(name, L"cmd." + name, pid, state);
+    agent->setInstanceProcName(process);
+    agent->setManagedState(Managed);
+    return agent;
+  }
+  std::string trace() { return qortest::readFile(dir.file("trace")); }
+  static Controller* controller() { return Controller::getController(); }
+
+  qortest::TempDir dir;
+  ListedAgents agents;
+};
+
+// The OS agent's record, apart in the watchdog list as the embedded service
+// keeps it; taken out again at the end.
+class OSAgentRecord {
+ public:
+  OSAgentRecord(const std::wstring& name, ManagedStates state, int count) : agent_(new Agent()) {
+    Policy* policy = new Policy();
+    policy->setManagerTypeElement(WatchDog);
+    agent_->setPolicy(policy);
+    agent_->setName(name);
+    agent_->setManagedState(state);
+    agent_->setDailyRestartCount(count);
+    ManagedProcessList* list = Controller::getController()->getWatchdogList();
+    list->lockList();
+    list->push_back(agent_.get());
+    list->unlockList();
+  }
+  ~OSAgentRecord() {
+    ManagedProcessList* list = Controller::getController()->getWatchdogList();
+    list->lockList();
+    list->clear();
+    list->unlockList();
+  }
+
+ private:
+  std::unique_ptr<Agent> agent_;
+};
+
+}  // namespace
+
+TEST_F(Commands, AStopByProcessNameStopsEveryAgentOfThatProcessAndAnswersForTheLast) {
+  Agent* first = managed(L"first", L"shared", 11, OpRunning);
+  Agent* second = managed(L"second", L"shared", 12, OpRunning);
+  second->setManagedState(Unmanaged);
+  // The name takes no part in a stop's lookup.
+  EXPECT_EQ(200, controller()->stopAgent(L"no such name", L"shared", -1));
+  EXPECT_EQ((std::vector<Queued>{{agent_stop_cmd, OpRunning, first}}), commandsQueued());
+  second->setManagedState(Managed);
+  EXPECT_EQ(0, controller()->stopAgent(L"", L"shared", -1));
+  EXPECT_EQ((std::vector<Queued>{{agent_stop_cmd, OpRunning, first}, {agent_stop_cmd, OpRunning, second}}),
+            commandsQueued());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Stop agent failed. Agent second not managed\n"));
+}
+
+TEST_F(Commands, AStopWithAProcessIdTakesOnlyThatProcess) {
+  managed(L"first", L"shared", 11, OpRunning);
+  Agent* second = managed(L"second", L"shared", 12, OpRunning);
+  EXPECT_EQ(0, controller()->stopAgent(L"", L"shared", 12));
+  EXPECT_EQ((std::vector<Queued>{{agent_stop_cmd, OpRunning, second}}), commandsQueued());
+  EXPECT_EQ(202, controller()->stopAgent(L"gone", L"shared", 13));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Stop agent failed. Agent gone, pid 13 not found\n"));
+}
+
+TEST_F(Commands, AManuallyStoppedAgentCannotBeStoppedButCanBeStartedAndRecycled) {
+  Agent* agent = managed(L"rested", L"restd", 0, OpManuallyStopped);
+  EXPECT_EQ(201, controller()->stopAgent(L"rested", L"restd", -1));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Stop agent failed. Agent rested already being started or stopped.\n"));
+  EXPECT_EQ(0, controller()->startAgent(L"rested", false, L"restd", L""));
+  EXPECT_EQ(0, controller()->recycleAgent(L"rested", L"restd", L"", -1));
+  EXPECT_EQ((std::vector<Queued>{{agent_start_cmd, OpManuallyStopped, agent},
+                                 {agent_recycle_cmd, OpManuallyStopped, agent}}),
+            commandsQueued());
+}
+
+TEST_F(Commands, BusyAgentsAreRefusedWithTheCodeOfEachCommand) {
+  managed(L"starting", L"startd", 5, OpStarting);
+  Agent* stopping = managed(L"stopping", L"stopd", 6, OpStopping);
+  stopping->setDailyRestartCount(2);
+  EXPECT_EQ(201, controller()->stopAgent(L"", L"startd", -1));
+  EXPECT_EQ(101, controller()->startAgent(L"stopping", false, L"stopd", L""));
+  EXPECT_EQ(301, controller()->recycleAgent(L"starting", L"startd", L"", -1));
+  EXPECT_EQ(602, controller()->resetAgentRestartCount(L"stopping", L"stopd", L""));
+  EXPECT_EQ(2, stopping->getDailyRestartCount());
+  EXPECT_TRUE(commandsQueued().empty());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Start agent failed. Agent stopping already being started or "
+                                                  "stopped.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Recycle agent failed. Agent starting already being started or "
+                                                  "stopped.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Reset agent count failed. Agent stopping is being started or "
+                                                  "stopped.\n"));
+}
+
+TEST_F(Commands, AConsoleStartTakesTheInstanceWithoutAProcessOrElseTheLast) {
+  Agent* up = managed(L"console", L"consd", 4711, OpRunning);
+  Agent* down = managed(L"console", L"consd", 0, OpStopped);
+  up->setType(Console);
+  down->setType(Console);
+  EXPECT_EQ(0, controller()->startAgent(L"console", false, L"consd", L""));
+  EXPECT_EQ((std::vector<Queued>{{agent_start_cmd, OpStopped, down}}), commandsQueued());
+  down->setOperatingState(OpRunning);
+  down->setProcID(4712);
+  EXPECT_EQ(0, controller()->startAgent(L"console", false, L"consd", L""));
+  EXPECT_EQ((std::vector<Queued>{{agent_start_cmd, OpRunning, down}}), commandsQueued());
+}
+
+TEST_F(Commands, AStartNamesItsInstanceOrItsProcess) {
+  Agent* one = managed(L"multi", L"multid", 0, OpStopped);
+  one->setInstanceName(L"one");
+  Agent* two = managed(L"multi", L"multid", 0, OpStopped);
+  two->setInstanceName(L"two");
+  EXPECT_EQ(0, controller()->startAgent(L"multi", false, L"other process", L"two"));
+  EXPECT_EQ((std::vector<Queued>{{agent_start_cmd, OpStopped, two}}), commandsQueued());
+  EXPECT_EQ(102, controller()->startAgent(L"multi", false, L"other process", L""));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Start agent failed. Agent multi not found -- Process not found other "
+                                         "process\n"));
+}
+
+TEST_F(Commands, AStartWithResetCountTellsTheListenersAndResetsUnlessRefused) {
+  Agent* busy = managed(L"busy", L"busyd", 3, OpStarting);
+  busy->setDailyRestartCount(2);
+  EXPECT_EQ(101, controller()->startAgent(L"busy", true, L"busyd", L""));
+  EXPECT_EQ(2, busy->getDailyRestartCount());
+  EXPECT_TRUE(messagesQueued().empty());
+
+  Agent* idle = managed(L"idle", L"idled", 0, OpStopped);
+  idle->setDailyRestartCount(3);
+  EXPECT_EQ(0, controller()->startAgent(L"idle", true, L"idled", L""));
+  EXPECT_EQ(0, idle->getDailyRestartCount());
+  // The reset goes straight to the listeners; the state machine sees the start only.
+  EXPECT_EQ(std::vector<int>{agent_count_reset}, messagesQueued());
+  EXPECT_EQ((std::vector<Queued>{{agent_start_cmd, OpStopped, idle}}), commandsQueued());
+}
+
+TEST_F(Commands, UnmanagedAgentsAreRefused) {
+  Agent* agent = managed(L"loose", L"loosed", 9, OpRunning);
+  agent->setManagedState(Unmanaged);
+  agent->setDailyRestartCount(1);
+  EXPECT_EQ(100, controller()->startAgent(L"loose", false, L"loosed", L""));
+  EXPECT_EQ(200, controller()->stopAgent(L"loose", L"loosed", -1));
+  EXPECT_EQ(300, controller()->recycleAgent(L"loose", L"loosed", L"", -1));
+  EXPECT_EQ(600, controller()->resetAgentRestartCount(L"loose", L"loosed", L""));
+  EXPECT_TRUE(commandsQueued().empty());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Start agent failed. Agent loose not managed\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Recycle agent failed. Agent loose not managed\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Reset agent count failed. Agent loose not managed\n"));
+}
+
+TEST_F(Commands, ARecordManagedByTheWatchdogProcessMayBeRecycledAndResetButNotStartedOrStopped) {
+  Agent* agent = managed(L"guarded", L"guardd", 9, OpRunning);
+  agent->setManagedState(WatchdogManaged);
+  agent->setDailyRestartCount(1);
+  EXPECT_EQ(100, controller()->startAgent(L"guarded", false, L"guardd", L""));
+  EXPECT_EQ(200, controller()->stopAgent(L"guarded", L"guardd", -1));
+  EXPECT_EQ(0, controller()->recycleAgent(L"guarded", L"guardd", L"", 9));
+  EXPECT_EQ(0, controller()->resetAgentRestartCount(L"guarded", L"guardd", L""));
+  EXPECT_EQ((std::vector<Queued>{{agent_recycle_cmd, OpRunning, agent}}), commandsQueued());
+}
+
+TEST_F(Commands, AResetClearsTheCountAndTellsTheListenersOnly) {
+  Agent* agent = managed(L"counted", L"countd", 9, OpRunning);
+  agent->setDailyRestartCount(3);
+  EXPECT_EQ(0, controller()->resetAgentRestartCount(L"counted", L"countd", L""));
+  EXPECT_EQ(0, agent->getDailyRestartCount());
+  EXPECT_EQ(std::vector<int>{agent_count_reset}, messagesQueued());
+  EXPECT_TRUE(commandsQueued().empty());
+  EXPECT_EQ(603, controller()->resetAgentRestartCount(L"counted", L"countd", L""));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Reset OS Agent Restart Count. Count is already 0 0\n"));
+}
+
+TEST_F(Commands, AStartingAgentWithACountOfZeroIsBusyRatherThanDone) {
+  managed(L"fresh", L"freshd", 0, OpStarting);
+  EXPECT_EQ(602, controller()->resetAgentRestartCount(L"fresh", L"freshd", L""));
+}
+
+TEST_F(Commands, TheOSAgentIsRefusedOrHandedToTheWatchdogProcess) {
+  OSAgentRecord host(L"Host agent", WatchdogManaged, 0);
+  EXPECT_EQ(203, controller()->stopAgent(L"Host agent", L"hostd", -1));
+  EXPECT_EQ(103, controller()->startAgent(L"Host agent", false, L"hostd", L""));
+  EXPECT_EQ(603, controller()->resetAgentRestartCount(L"Host agent", L"hostd", L""));
+  EXPECT_EQ(202, controller()->stopAgent(L"Someone", L"someoned", -1));
+  EXPECT_EQ(102, controller()->startAgent(L"Someone", false, L"someoned", L""));
+  EXPECT_EQ(302, controller()->recycleAgent(L"Someone", L"someoned", L"", -1));
+  EXPECT_EQ(601, controller()->resetAgentRestartCount(L"Someone", L"someoned", L""));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Stop agent failed. Agent Host agent, is OS Agent\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Start agent failed. Agent Host agent is OS Agent Host agent\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(
+                   trace(), "Reset restart count failed. Agent Someone not found -- Process not found someoned\n"));
+}
+
+TEST_F(Commands, RecyclingTheOSAgentWithTheWatchdogProcessDownFailsAndLeavesNoRecycleMark) {
+  OSAgentRecord host(L"Host agent", WatchdogManaged, 2);
+  EXPECT_EQ(-1, controller()->recycleAgent(L"Host agent", L"hostd", L"", -1));
+  EXPECT_FALSE(Controller::isRecycleOS());
+  EXPECT_EQ(-1, controller()->resetAgentRestartCount(L"Host agent", L"hostd", L""));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Recycle OS Agent. Agent Host agent is OS Agent Host agent\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Reset OS Agent Restart Count. Agent Host agent is OS Agent "
+                                                  "Host agent\n"));
+}
+
+TEST_F(Commands, AnUnmanagedOSAgentIsRefused) {
+  OSAgentRecord host(L"Host agent", Unmanaged, 2);
+  EXPECT_EQ(300, controller()->recycleAgent(L"Host agent", L"hostd", L"", -1));
+  EXPECT_EQ(600, controller()->resetAgentRestartCount(L"Host agent", L"hostd", L""));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Recycle agent failed. OS agent is not managed\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Reset agent count failed. OS agent not managed\n"));
 }

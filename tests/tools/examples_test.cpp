@@ -108,7 +108,7 @@ TEST_F(ExamplePolicies, WatchedHasAStatusScriptWithReturnCodesAndLimits) {
   EXPECT_EQ(L"WATCHED_RUNNING", status->getSuccessRCMsg(0));
   EXPECT_EQ(L"WATCHED_NOT_RUNNING", status->getErrorRCMsg(1));
   EXPECT_EQ(L"WATCHED_STALE_PID_FILE", status->getErrorRCMsg(2));
-  EXPECT_EQ(15, policy.getCheckFrequencyElement());
+  EXPECT_EQ(5, policy.getCheckFrequencyElement());
   EXPECT_EQ(50, policy.getCPUThreshold());
   EXPECT_EQ(64.0 * 1024 * 1024, policy.getMemoryThreshold());
   EXPECT_EQ(5, policy.getMaxRestartElement());
@@ -121,6 +121,15 @@ TEST_F(ExamplePolicies, PatternHasACompiledCommandLineAndNeedsTheSleeper) {
   EXPECT_TRUE(policy.getProcRegEx());
   ASSERT_NE(nullptr, policy.getRegexMatcher());
   EXPECT_TRUE(policy.isDependentAgent(L"example.sleeper"));
+}
+
+// The demo shows a death and its restart within seconds, not minutes.
+TEST_F(ExamplePolicies, EveryProgramIsCheckedEveryFiveSeconds) {
+  for (const char* name : {"sleeper.xml", "watched.xml", "pattern.xml"}) {
+    Policy each;
+    ASSERT_EQ(XML_OK, processor.parse(wide(examplesDir() + "/cap/" + name), each)) << name;
+    EXPECT_EQ(5, each.getCheckFrequencyElement()) << name;
+  }
 }
 
 // Changes of a valid file that the service refuses must fail the schema for
@@ -196,7 +205,7 @@ INSTANTIATE_TEST_SUITE_P(
                  "<agentType>Console </agentType>"},
         Mutation{"unknown manager type", "<managerType>TeoServices</managerType>",
                  "<managerType>Teo</managerType>"},
-        Mutation{"check frequency not a multiple of five", "<checkFrequency>15</checkFrequency>",
+        Mutation{"check frequency not a multiple of five", "<checkFrequency>5</checkFrequency>",
                  "<checkFrequency>12</checkFrequency>"},
         Mutation{"cpu threshold zero", "<cpuThreshold>50</cpuThreshold>", "<cpuThreshold>0</cpuThreshold>"},
         Mutation{"memory suffix in lower case", "<memoryThreshold>64 MB</memoryThreshold>",

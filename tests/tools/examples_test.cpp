@@ -54,7 +54,7 @@ std::wstring wide(const std::string& text) { return std::wstring(text.begin(), t
 TEST(ExampleCapFiles, ThereIsOneOfEachKind) {
   std::vector<std::string> names;
   for (const std::string& file : exampleFiles()) names.push_back(baseName(file));
-  EXPECT_EQ(std::vector<std::string>({"pattern.xml", "sleeper.xml", "watched.xml"}), names);
+  EXPECT_EQ(std::vector<std::string>({"pattern.xml", "qorhost.xml", "sleeper.xml", "watched.xml"}), names);
 }
 
 TEST(ExampleCapFiles, PassTheSchemaForEditors) {
@@ -130,6 +130,21 @@ TEST_F(ExamplePolicies, EveryProgramIsCheckedEveryFiveSeconds) {
     ASSERT_EQ(XML_OK, processor.parse(wide(examplesDir() + "/cap/" + name), each)) << name;
     EXPECT_EQ(5, each.getCheckFrequencyElement()) << name;
   }
+}
+
+// The demo's copy gets the built qorhost as agentPath; the file in the tree
+// names an installed one, and no script, since qorhost is started by hand.
+TEST_F(ExamplePolicies, QorhostIsTheOsAgentLeftToTheWatchdogProcess) {
+  ASSERT_EQ(XML_OK, parse("qorhost.xml"));
+  EXPECT_EQ(L"example.qorhost", policy.getSubagentID());
+  EXPECT_EQ(L"qorhost OS agent", policy.getAgentNameElement());
+  EXPECT_EQ(WatchDog, policy.getManagerTypeElement());
+  EXPECT_EQ(Console, policy.getAgentTypeElement());
+  EXPECT_EQ(L"qorhost", policy.getProcName());
+  EXPECT_EQ(L"/usr/local/bin/qorhost", policy.getAgentPath());
+  EXPECT_EQ(PlatformLinux, policy.getOsTypeAsEnum());
+  EXPECT_EQ(3, policy.getMaxRestartElement());
+  EXPECT_EQ(L"", policy.getStartCommand());
 }
 
 // Changes of a valid file that the service refuses must fail the schema for

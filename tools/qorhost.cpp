@@ -29,6 +29,12 @@ const char kUsage[] =
     "process id (0: none), and today's restarts against the daily limit.\n"
     "Stops on Ctrl-C (SIGINT) or SIGTERM and writes the state file teo.dat.\n"
     "\n"
+    "qorhost is the OS agent: the process the service lives in. A CAP file with\n"
+    "managerType WatchDog describes it (examples/cap/qorhost.xml, its agentPath\n"
+    "set to this qorhost) and arms the service. Without such a file, or with it\n"
+    "unmanaged, no agent is restarted, and qorhost says so in one line on\n"
+    "standard error once started.\n"
+    "\n"
     "Options (each sets the variable named, and wins over it):\n"
     "  --cap-dir DIRS      QOR_CAP_DIR: colon-separated CAP directories. The state\n"
     "                      file lies in the first that exists. Unset: ./CAP\n"
@@ -124,6 +130,34 @@ void listAgents(QOR_QueryService* service) {
   service->releaseAgentIterator(agents);
 }
 
+// The CAP format's managerType WatchDog, as getManageType numbers it. In
+// embedded mode only the record of the OS agent carries it.
+constexpr int kManagerTypeWatchDog = 2;
+constexpr int kManagedStateManaged = 1;
+
+// True when a CAP file describes the OS agent and its record is managed. The
+// record lives apart from the other agents, so only an iterator that
+// includes the watchdog list reaches it.
+bool osAgentManaged(QOR_QueryService* service) {
+  QOR_AgentIterator* agents = service->getAgentIterator(true);
+  if (agents == nullptr) return false;
+  bool managed = false;
+  while (agents->getNextAgentEntry()) {
+    managed = managed || (agents->getManageType() == kManagerTypeWatchDog &&
+                          agents->getManagedState() == kManagedStateManaged);
+  }
+  service->releaseAgentIterator(agents);
+  return managed;
+}
+
+// The service restarts nothing unless the process it lives in is described
+// and managed; a user who starts qorhost on a bare CAP directory would
+// otherwise wait for restarts that never come, with no hint why.
+const char kNoOSAgent[] =
+    "qorhost: no managed CAP file describes qorhost itself as the OS agent (managerType WatchDog), "
+    "so no agent will be restarted; copy examples/cap/qorhost.xml with its agentPath set to this "
+    "qorhost into one of the CAP directories and start qorhost again.\n";
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -160,6 +194,7 @@ int main(int argc, char** argv) {
   std::printf("qorhost: service started; press Ctrl-C to stop\n");
   std::fflush(stdout);
   listAgents(service);
+  if (!osAgentManaged(service)) std::fputs(kNoOSAgent, stderr);
 
   int received = 0;
   while (sigwait(&stopSignals, &received) == 0 && received == SIGUSR1) listAgents(service);

@@ -15,10 +15,11 @@ std::string tool(const std::string& name) { return qortest::binaryDir() + "/tool
 TEST(Qorhost, HelpExplainsEveryOptionAndVariable) {
   qortest::RunResult result = qortest::runProgram({tool("qorhost"), "--help"});
   EXPECT_EQ(0, result.exitCode);
-  for (const char* word : {"--cap-dir", "--ip-dir", "--trace-level", "--trace-file", "QOR_CAP_DIR",
-                           "QOR_IP_DIR", "QOR_TRACE_LEVEL", "QOR_TRACE_FILE", "QOR_CAP_DISCOVERY_INTERVAL",
-                           "QOR_DISCOVERY_INTERVAL", "QOR_ZEL_DISCOVERY_INTERVAL", "QOR_CMD_TIMEOUT",
-                           "QOR_CACHE_LIMIT", "MARLOWHOME", "PROCESSOR_ARCHITECTURE"}) {
+  for (const char* word :
+       {"--cap-dir", "--ip-dir", "--trace-level", "--trace-file", "QOR_CAP_DIR", "QOR_IP_DIR",
+        "QOR_TRACE_LEVEL", "QOR_TRACE_FILE", "QOR_CAP_DISCOVERY_INTERVAL", "QOR_DISCOVERY_INTERVAL",
+        "QOR_ZEL_DISCOVERY_INTERVAL", "QOR_CMD_TIMEOUT", "QOR_CACHE_LIMIT", "MARLOWHOME",
+        "PROCESSOR_ARCHITECTURE", "managerType WatchDog", "examples/cap/qorhost.xml"}) {
     EXPECT_NE(std::string::npos, result.out.find(word)) << word;
   }
 }

@@ -99,18 +99,26 @@ fuzz-run: fuzz
 	  $(FUZZ_DIR)/corpus/$(FUZZ_TARGET) fuzz/corpus/$(FUZZ_TARGET)
 
 # The demo works on a copy of examples/cap, so that the state file and any
-# CAP file you add or remove stay out of the source tree. The example programs
-# (copies of sleep under /tmp/qor-examples) are started first, so that their
-# agents are seen running, and stopped again when qorhost ends.
+# CAP file you add or remove stay out of the source tree. The copy of
+# qorhost.xml, which describes qorhost itself as the OS agent, gets the real
+# path of the built qorhost as its agentPath: without it the service would
+# restart nothing. The example programs (copies of sleep under
+# /tmp/qor-examples) are not started here: the service starts each through
+# its start script at the agent's first check. Any left over from an earlier
+# run are stopped first, so that every demo begins with them stopped, and all
+# are stopped again when qorhost ends.
 DEMO_PROGRAMS := qor-sleeper qor-watched qor-pattern
 
 demo: build
 	@mkdir -p $(DEMO_DIR)/cap $(DEMO_DIR)/ip
-	@cp examples/cap/*.xml $(DEMO_DIR)/cap/ 2>/dev/null || true
-	@for p in $(DEMO_PROGRAMS); do examples/scripts/example-daemon.sh start $$p >/dev/null || exit 1; done
+	@cp examples/cap/*.xml $(DEMO_DIR)/cap/
+	@qorhost=$$(readlink -f $(BUILD_DIR)/tools/qorhost) && \
+	sed -i "s|<agentPath>[^<]*</agentPath>|<agentPath>$$qorhost</agentPath>|" $(DEMO_DIR)/cap/qorhost.xml
+	@for p in $(DEMO_PROGRAMS); do examples/scripts/example-daemon.sh stop $$p >/dev/null; done
 	@echo "qorhost on $(DEMO_DIR)/cap (a copy of examples/cap): add or remove CAP files there."
-	@echo "The example programs run under /tmp/qor-examples; kill one and watch the next check."
-	@echo "kill -USR1 the qorhost process to list the agents again."
+	@echo "The example programs start stopped: the service starts each by its start script within one check (5 s)."
+	@echo "kill -9 \$$(cat /tmp/qor-examples/qor-sleeper.pid): the next check reports it and restarts it."
+	@echo "kill -USR1 the qorhost process to list the agents again, with today's restarts."
 	@echo "Error traces go to standard error; set QOR_TRACE_LEVEL=146 for the whole story."
 	@echo "Press Ctrl-C to stop."
 	@trap : INT TERM; \

@@ -1,6 +1,7 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unicode/regex.h>
 #include <unistd.h>
 
@@ -314,6 +315,36 @@ TEST_F(ExampleDaemon, StalePidFileIsStatusTwo) {
   qortest::RunResult status = run("status", "qor-test");
   EXPECT_EQ(2, status.exitCode);
   EXPECT_EQ("qor-test is gone; stale pid file " + dir.file("qor-test.pid") + "\n", status.out);
+}
+
+// The service's check finds a killed program gone at once, while its parent
+// may not have reaped it yet: the script must then start it again, not take
+// the zombie for the program.
+TEST_F(ExampleDaemon, AZombieIsGoneAndAStartIsNotRefusedForIt) {
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    pause();
+    _exit(0);
+  }
+  ASSERT_EQ(0, kill(child, SIGKILL));
+  // Not reaped yet: a zombie, which kill(pid, 0) still reaches.
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        std::string stat = qortest::readFile("/proc/" + std::to_string(child) + "/stat");
+        size_t close = stat.rfind(") ");
+        return close != std::string::npos && stat.compare(close + 2, 1, "Z") == 0;
+      },
+      5000));
+  qortest::writeFile(dir.file("qor-test.pid"), std::to_string(child) + "\n");
+  qortest::RunResult status = run("status", "qor-test");
+  EXPECT_EQ(2, status.exitCode);
+  EXPECT_EQ("qor-test is gone; stale pid file " + dir.file("qor-test.pid") + "\n", status.out);
+  qortest::RunResult started = run("start", "qor-test");
+  EXPECT_EQ(0, started.exitCode);
+  EXPECT_NE(child, pid());
+  EXPECT_EQ("qor-test started, pid " + std::to_string(pid()) + "\n", started.out);
+  EXPECT_EQ(child, waitpid(child, nullptr, 0));
 }
 
 TEST_F(ExampleDaemon, NameWithASlashIsRefused) {

@@ -9,7 +9,8 @@
 # NAME is a copy of sleep(1) at $QOR_EXAMPLES_RUN/bin/NAME (default
 # /tmp/qor-examples/bin/NAME), so that its process has an executable of its own
 # that a CAP file can name; it sleeps until it is stopped. Its process id is
-# kept in $QOR_EXAMPLES_RUN/NAME.pid. Nothing else is touched.
+# kept in $QOR_EXAMPLES_RUN/NAME.pid, and NAME.lock there lets one call for
+# NAME act at a time. Nothing else is touched.
 set -u
 
 usage() {
@@ -20,9 +21,19 @@ usage() {
 action=${1:-}
 name=${2:-}
 case "$name" in '' | */* | .*) usage ;; esac
+case "$action" in start | stop | status) ;; *) usage ;; esac
 run=${QOR_EXAMPLES_RUN:-/tmp/qor-examples}
 program=$run/bin/$name
 pidfile=$run/$name.pid
+
+# The service may start one program twice at the same moment, for itself and
+# as the dependency of another, and stop it meanwhile: two starts that both
+# found it not running would leave two copies, one of them in no pid file.
+# Calls for one NAME therefore wait for each other. The program must not
+# inherit the lock's descriptor, or it would hold the lock while it runs.
+mkdir -p "$run" || exit 1
+exec 9>"$run/$name.lock" || exit 1
+flock 9 || exit 1
 
 # Runs when the pid file names a live process of the program. A killed
 # program that nobody has reaped yet still answers kill -0, but its
@@ -44,7 +55,7 @@ case "$action" in
     fi
     # The program must not keep the caller's output open: whoever runs this
     # script reads its output to the end.
-    nohup "$program" 2147483647 </dev/null >/dev/null 2>&1 &
+    nohup "$program" 2147483647 </dev/null >/dev/null 2>&1 9>&- &
     pid=$!
     echo "$pid" >"$pidfile"
     # Return once the process is the program, not still nohup, so that a

@@ -347,6 +347,43 @@ TEST_F(ExampleDaemon, AZombieIsGoneAndAStartIsNotRefusedForIt) {
   EXPECT_EQ(child, waitpid(child, nullptr, 0));
 }
 
+// The processes whose executable is `path`.
+std::vector<int> processesOf(const std::string& path) {
+  std::vector<int> found;
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr) return found;
+  while (dirent* entry = readdir(proc)) {
+    int pid = std::atoi(entry->d_name);
+    if (pid <= 0) continue;
+    char exe[4096] = {0};
+    ssize_t length = readlink(("/proc/" + std::string(entry->d_name) + "/exe").c_str(), exe, sizeof exe - 1);
+    if (length > 0 && path == std::string(exe, static_cast<size_t>(length))) found.push_back(pid);
+  }
+  closedir(proc);
+  return found;
+}
+
+// The service may start a program for itself and as another's dependency at
+// the same moment: one copy must come of it, the one in the pid file.
+TEST_F(ExampleDaemon, TwoStartsAtOnceStartOneProgram) {
+  const std::string script = examplesDir() + "/scripts/example-daemon.sh";
+  for (int round = 0; round < 5; ++round) {
+    {
+      qortest::Child first({"/bin/sh", script, "start", "qor-test"});
+      qortest::Child second({"/bin/sh", script, "start", "qor-test"});
+      EXPECT_EQ(0, first.wait(10000));
+      EXPECT_EQ(0, second.wait(10000));
+      EXPECT_EQ(1, qortest::countOccurrences(first.out() + second.out(), "qor-test started, pid "))
+          << first.out() << second.out();
+      EXPECT_EQ(1, qortest::countOccurrences(first.out() + second.out(), "qor-test already runs, pid "))
+          << first.out() << second.out();
+    }
+    EXPECT_EQ(std::vector<int>{pid()}, processesOf(dir.file("bin/qor-test")));
+    ASSERT_EQ(0, run("stop", "qor-test").exitCode);
+    ASSERT_TRUE(qortest::waitFor([&] { return processesOf(dir.file("bin/qor-test")).empty(); }, 5000));
+  }
+}
+
 TEST_F(ExampleDaemon, NameWithASlashIsRefused) {
   qortest::RunResult refused = run("start", "../x");
   EXPECT_EQ(64, refused.exitCode);

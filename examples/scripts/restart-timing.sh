@@ -7,13 +7,14 @@
 # Starts qorhost (build/tools/qorhost of this tree unless --qorhost names
 # another) on a fresh temporary copy of examples/cap, with qorhost.xml's
 # agentPath set to that qorhost (without it the service restarts nothing) and
-# the sleeper's maxRestarts raised above KILLS (so the daily limit never
+# the sleeper's maxRestarts raised to KILLS + 10 (so the daily limit never
 # stops the series). It waits until the service has started qor-sleeper by
-# its start script, then KILLS times (default 10): kills the program with
-# SIGKILL, measures the time until a new process runs the program again
-# (polling /tmp/qor-examples/qor-sleeper.pid and /proc every 50 ms), prints
-# it, and waits until the service lists the new process as running before
-# the next kill. At the end it prints
+# its start script, then KILLS times (default 10): waits a random part of the
+# sleeper's check period, kills the program with SIGKILL, measures the time
+# until a new process runs the program again (polling
+# /tmp/qor-examples/qor-sleeper.pid and /proc every 50 ms), prints it, and
+# waits until the service lists the new process as running. At the end it
+# prints
 #   median kill-to-restart: X.XX s over KILLS kills
 # and stops everything it started: qorhost with SIGINT, the example programs
 # with example-daemon.sh. Each wait gives up after --deadline seconds
@@ -181,11 +182,16 @@ wait_listed() {
 mkdir -p "$work/cap" "$work/ip" || exit 1
 cp "$examples"/cap/*.xml "$work/cap/" || exit 1
 sed -i "s|<agentPath>[^<]*</agentPath>|<agentPath>$qorhost</agentPath>|" "$work/cap/qorhost.xml" || exit 1
-sed -i "s|<maxRestarts>[0-9]*</maxRestarts>|<maxRestarts>$((kills + 1))</maxRestarts>|" \
-  "$work/cap/sleeper.xml" || exit 1
+# Headroom above KILLS: the service may count a restart or two of its own
+# around the first start.
+limit=$((kills + 10))
+sed -i "s|<maxRestarts>[0-9]*</maxRestarts>|<maxRestarts>$limit</maxRestarts>|" "$work/cap/sleeper.xml" || exit 1
 grep -qF "<agentPath>$qorhost</agentPath>" "$work/cap/qorhost.xml" || die "could not set qorhost.xml's agentPath"
-grep -qF "<maxRestarts>$((kills + 1))</maxRestarts>" "$work/cap/sleeper.xml" ||
+grep -qF "<maxRestarts>$limit</maxRestarts>" "$work/cap/sleeper.xml" ||
   die "could not raise the sleeper's maxRestarts"
+
+period=$(sed -n 's|.*<checkFrequency>\([0-9]*\)</checkFrequency>.*|\1|p' "$work/cap/sleeper.xml")
+[ -n "$period" ] || period=5
 
 echo "qorhost $qorhost on $work/cap; $kills kills of qor-sleeper, each wait at most ${deadline} s"
 QOR_EXAMPLES=$examples "$qorhost" --cap-dir "$work/cap" --ip-dir "$work/ip" --trace-level 128 \
@@ -220,6 +226,10 @@ echo "qor-sleeper runs, pid $pid, started by the service"
 times=
 i=1
 while [ "$i" -le "$kills" ]; do
+  # A kill right after the service saw the program would always fall at the
+  # same point of its check period and measure that point only; failures
+  # come at any moment, so each kill waits a random part of one period.
+  sleep "$(awk -v seed="$$$i" -v period="$period" 'BEGIN { srand(seed); printf "%.2f", rand() * period }')"
   old=$pid
   killed=$(now)
   kill -KILL "$old" || die "could not kill pid $old"

@@ -116,7 +116,7 @@ demo: build
 	sed -i "s|<agentPath>[^<]*</agentPath>|<agentPath>$$qorhost</agentPath>|" $(DEMO_DIR)/cap/qorhost.xml
 	@for p in $(DEMO_PROGRAMS); do examples/scripts/example-daemon.sh stop $$p >/dev/null; done
 	@echo "qorhost on $(DEMO_DIR)/cap (a copy of examples/cap): add or remove CAP files there."
-	@echo "The example programs start stopped: the service starts each by its start script within one check (5 s)."
+	@echo "The example programs start stopped: the service starts each by its start script at its first check, about 5 s in."
 	@echo "kill -9 \$$(cat /tmp/qor-examples/qor-sleeper.pid): the next check reports it and restarts it."
 	@echo "kill -USR1 the qorhost process to list the agents again, with today's restarts."
 	@echo "Error traces go to standard error; set QOR_TRACE_LEVEL=146 for the whole story."

@@ -17,18 +17,11 @@
 #include "core/qorevt.h"
 #include "include/qorapi.h"
 #include "platform/log1.h"
+#include "support/controlleraccess.h"
 #include "support/qortest.h"
 #include "watchdog/proctest.h"
 #include "watchdog/qorcmdlnx.h"
 #include "watchdog/qorcmdunx.h"
-
-// Sets what only the service's start and the OS agent's supervision set
-// otherwise: the time the service started and the disarm flag.
-class ControllerTestAccess {
- public:
-  static void setStartup(time_t when) { Controller::getController()->startup = when; }
-  static void setDisarmed(bool on) { Controller::getController()->disarmed.store(on); }
-};
 
 class WatchdogTestAccess {
  public:

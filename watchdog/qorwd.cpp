@@ -320,12 +320,19 @@ bool Watchdog::ExecPathExists() {
 
 namespace {
 
+// The live agents whose subagent id is `id`, in list order: every instance of
+// a dependent. The first one stands for the dependent.
+// Requires: managedEndpointProcesses locked by the caller.
+std::vector<Agent*> findDependents(Controller* controller, const std::wstring& id) {
+  std::wstring criteria[Controller::MATCH_CRITERIA_COUNT];
+  criteria[3] = id;
+  return controller->getManagedEndpointProcess(Controller::MATCH_ID, criteria);
+}
+
 // The first live agent whose subagent id is `id`, or null.
 // Requires: managedEndpointProcesses locked by the caller.
 Agent* findDependent(Controller* controller, const std::wstring& id) {
-  std::wstring criteria[Controller::MATCH_CRITERIA_COUNT];
-  criteria[3] = id;
-  std::vector<Agent*> found = controller->getManagedEndpointProcess(Controller::MATCH_ID, criteria);
+  std::vector<Agent*> found = findDependents(controller, id);
   return found.empty() ? nullptr : found.front();
 }
 
@@ -399,8 +406,10 @@ int Watchdog::startDependentAgents() const {
   for (const std::wstring& id : ids) {
     const std::string shortID = qor_narrow(id);
     QOR_TRACE_DETAIL("Dependent agent id = %s\n", shortID.c_str());
-    Agent* dependent = findDependent(controller, id);
-    QOR_TRACE_DETAIL("Size of agentCollection = %d\n", dependent != nullptr ? 1 : 0);
+    // The trace counts every instance found, though only the first is looked at.
+    const std::vector<Agent*> found = findDependents(controller, id);
+    Agent* dependent = found.empty() ? nullptr : found.front();
+    QOR_TRACE_DETAIL("Size of agentCollection = %d\n", static_cast<int>(found.size()));
     QOR_TRACE_DETAIL("Address of agent = %d\n", static_cast<int>(reinterpret_cast<intptr_t>(dependent)));
     if (dependent == nullptr) {
       QOR_TRACE_DETAIL("Dependent agent id %s not found\n", shortID.c_str());

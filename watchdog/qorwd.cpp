@@ -346,7 +346,8 @@ std::wstring serviceNameOf(const Agent* agent) {
 // Posts a state event on the dependent's own checker. An agent without one
 // is not managed, and nothing could act on the event.
 void askDependent(const Agent* dependent, int opState, int eventID) {
-  if (dependent->getWatchdog() != nullptr) dependent->getWatchdog()->processOpStateEvent(opState, eventID, L"");
+  if (dependent->getWatchdog() != nullptr)
+    dependent->getWatchdog()->processOpStateEvent(opState, eventID, L"");
 }
 
 }  // namespace
@@ -473,7 +474,8 @@ int Watchdog::startDependentAgentsStatus() const {
         QOR_TRACE_DETAIL("Dependent agent id %s not found\n", shortID.c_str());
         status = 1;
       } else if (state == OpUnknown || state == OpNotFound) {
-        QOR_TRACE_DETAIL("Agent id %s is UNMANAGED or not found and start test is invalid.\n", shortID.c_str());
+        QOR_TRACE_DETAIL("Agent id %s is UNMANAGED or not found and start test is invalid.\n",
+                         shortID.c_str());
         status = state == OpNotFound ? 2 : 3;
       } else if (state == OpStopped || state == OpManuallyStopped || state == OpStopping) {
         QOR_TRACE_DETAIL("Agent id %s was stopped or stopping is not started.\n", shortID.c_str());
@@ -540,8 +542,8 @@ int Watchdog::start(std::wstring& message) {
       if (controller->isDisarmed()) {
         QOR_TRACE_DETAIL("Disarm mode active. Agent start failed and no retry will be executed.\n");
       } else {
-        QOR_TRACE_ERROR("Start command attempt %d failed for agent id %s. Will retry in %d seconds\n", attempt,
-                        agent->getshortID().c_str(), attempt * WD_START_RETRY_INTERVAL);
+        QOR_TRACE_ERROR("Start command attempt %d failed for agent id %s. Will retry in %d seconds\n",
+                        attempt, agent->getshortID().c_str(), attempt * WD_START_RETRY_INTERVAL);
       }
     }
     if (rc == 0 || !retriesLeft || controller->isDisarmed()) break;

@@ -92,7 +92,8 @@ void stop_exit() { fprintf(stderr, "\t**** qorwd terminated ****\n"); }
 
 char* GetDisableWatchdogStopFile(Policy* policy) {
   // Kept: without ZEL_BINARCH in the environment the variable stays in the path as written.
-  const std::wstring path = L"$MARLOWHOME/$ZEL_BINARCH/" + policy->getProductCode() + L"/bin/.qorwd_disable_stop";
+  const std::wstring path =
+      L"$MARLOWHOME/$ZEL_BINARCH/" + policy->getProductCode() + L"/bin/.qorwd_disable_stop";
   return qor_wcstombs(ReplaceEnvVariables(path));
 }
 

@@ -26,6 +26,7 @@
 #include "core/qormsghand.h"
 #include "include/qorapi.h"
 #include "platform/log1.h"
+#include "support/controlleraccess.h"
 #include "support/qortest.h"
 #include "watchdog/proctest.h"
 #include "watchdog/qorcmd.h"
@@ -42,12 +43,6 @@
 #ifdef QOR_TEST_ADDRESS_SANITIZER
 #include <sanitizer/lsan_interface.h>
 #endif
-
-// Sets the flag that only the service's own shutdown sets otherwise.
-class ControllerTestAccess {
- public:
-  static void setShuttingDown(bool on) { Controller::getController()->shuttingDown.store(on); }
-};
 
 namespace {
 

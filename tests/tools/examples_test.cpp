@@ -115,13 +115,14 @@ TEST_F(ExamplePolicies, WatchedHasAStatusScriptWithReturnCodesAndLimits) {
   EXPECT_EQ(5, policy.getMaxRestartElement());
 }
 
-TEST_F(ExamplePolicies, PatternHasACompiledCommandLineAndNeedsTheSleeper) {
+// The demo's programs all start down, so none of them waits for another.
+TEST_F(ExamplePolicies, PatternHasACompiledCommandLineAndNeedsNoOtherAgent) {
   ASSERT_EQ(XML_OK, parse("pattern.xml"));
   EXPECT_EQ(L"qor-pattern", policy.getProcName());
   EXPECT_EQ(L"^/tmp/qor-examples/bin/qor-pattern [0-9]+$", policy.getCommandLine());
   EXPECT_TRUE(policy.getProcRegEx());
   ASSERT_NE(nullptr, policy.getRegexMatcher());
-  EXPECT_TRUE(policy.isDependentAgent(L"example.sleeper"));
+  EXPECT_TRUE(policy.getDependentAgents().empty());
 }
 
 // The demo shows a death and its restart within seconds, not minutes.

@@ -586,8 +586,18 @@ TEST_F(WatchdogCheck, ACPUFigureExactlyAtItsLimitIsWithinIt) {
 
 TEST_F(WatchdogCheck, AMemoryFigureExactlyAtItsLimitIsWithinIt) {
   int pid = startSleeper();
+  // Right after exec the loader may still be mapping libraries: the size is
+  // read once it has stayed the same for a while.
+  const std::string statm = "/proc/" + std::to_string(pid) + "/statm";
   long long pages = 0;
-  ASSERT_EQ(1, sscanf(qortest::readFile("/proc/" + std::to_string(pid) + "/statm").c_str(), "%lld", &pages));
+  long long previous = -1;
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        previous = pages;
+        usleep(100 * 1000);
+        return sscanf(qortest::readFile(statm).c_str(), "%lld", &pages) == 1 && pages == previous;
+      },
+      5000));
   const long bytes = static_cast<long>(pages * getpagesize());
   subagent.memoryThreshold = "<memoryThreshold>" + std::to_string(bytes) + "</memoryThreshold>";
   Agent* agent = makeAgent(OpRunning);

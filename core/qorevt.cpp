@@ -150,9 +150,16 @@ AgentOpEvent::AgentOpEvent(const AgentOpEvent& other)
       actionFlag(other.actionFlag) {}
 
 void AgentOpEvent::doCommandProcessing() {
-  applyIfListed(this, [this](Controller* controller) { controller->ProcessOpStateChange(this); });
-  // The message carries its own copy of the agent as it is now.
-  passOn(this, [this] { return makeCopy(true); });
+  // The message carries its own copy of the agent as this event left it. It
+  // is made while the list is still locked: a worker that this event started
+  // may change the live agent as soon as the list is free.
+  Event* message = nullptr;
+  applyIfListed(this, [this, &message](Controller* controller) {
+    controller->ProcessOpStateChange(this);
+    if (!messagesSuppressed()) message = makeCopy(true);
+  });
+  // Without the lock nothing was applied, and the copy is made as it stands.
+  passOn(this, [this, message] { return message != nullptr ? message : makeCopy(true); });
 }
 
 std::wstring AgentOpEvent::getLogMessage() {

@@ -45,13 +45,8 @@ class AgentMaker {
               captest::parseText(processor, files, captest::document(subagent), *policy, id + ".xml"));
     Agent* agent = new Agent();
     agents.emplace_back(agent);
-    agent->setID(policy->getSubagentID());
-    agent->setPolicy(policy);
-    agent->setName(policy->buildAgentName());
-    agent->setProcName(policy->getProcName());
+    agent->setIdentityFrom(policy);
     agent->setInstanceProcName(policy->getProcName());
-    agent->setPath(policy->getAgentPath());
-    agent->setType(policy->getAgentTypeElement());
     agent->setManagedState(Managed);
     agent->setOperatingState(OpRunning);
     if (watched) {

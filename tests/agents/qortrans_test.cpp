@@ -65,12 +65,7 @@ class Transitions : public ::testing::Test {
   // An agent of the policy in the managed list, as reconciliation makes it.
   Agent* listedAgent(Policy* policy, ManagedStates state = Unmanaged) {
     Agent* agent = new Agent();
-    agent->setID(policy->getSubagentID());
-    agent->setPolicy(policy);
-    agent->setName(policy->buildAgentName());
-    agent->setProcName(policy->getProcName());
-    agent->setPath(policy->getAgentPath());
-    agent->setType(policy->getAgentTypeElement());
+    agent->setIdentityFrom(policy);
     agent->setManagedState(state);
     managed()->lockList();
     managed()->push_back(agent);

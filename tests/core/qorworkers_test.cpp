@@ -144,13 +144,8 @@ class CommandWorker : public ::testing::Test {
                                          "agent" + std::to_string(agents.size()) + ".xml"));
     Agent* agent = new Agent();
     agents.emplace_back(agent);
-    agent->setID(policy->getSubagentID());
-    agent->setPolicy(policy);
-    agent->setName(policy->buildAgentName());
-    agent->setProcName(policy->getProcName());
+    agent->setIdentityFrom(policy);
     agent->setInstanceProcName(policy->getProcName());
-    agent->setPath(policy->getAgentPath());
-    agent->setType(policy->getAgentTypeElement());
     agent->setManagedState(Managed);
     agent->setOperatingState(state);
     Watchdog* watchdog = new Watchdog();

@@ -179,13 +179,8 @@ class WatchdogCheck : public ::testing::Test {
     EXPECT_EQ(XML_OK, captest::parseText(processor, caps, captest::document(subagent), *policy));
     Agent* agent = new Agent();
     agents.emplace_back(agent);
-    agent->setID(policy->getSubagentID());
-    agent->setPolicy(policy);
-    agent->setName(policy->buildAgentName());
-    agent->setProcName(policy->getProcName());
+    agent->setIdentityFrom(policy);
     agent->setInstanceProcName(policy->getProcName());
-    agent->setPath(policy->getAgentPath());
-    agent->setType(policy->getAgentTypeElement());
     agent->setManagedState(Managed);
     agent->setOperatingState(state);
     Watchdog* watchdog = new Watchdog();

@@ -8,114 +8,17 @@
 #include <signal.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <regex>
 #include <string>
 #include <vector>
 
+#include "e2e/e2ehelp.h"
 #include "support/qortest.h"
 
 namespace {
 
-std::string tool(const std::string& name) { return qortest::binaryDir() + "/tools/" + name; }
-
-// A folder of programs run by the example script, each a copy of sleep under
-// a name of its own; stopped at the end.
-class Programs {
- public:
-  ~Programs() {
-    for (const std::string& name : started_) run("stop", name);
-  }
-  int start(const std::string& name) {
-    run("start", name);
-    started_.push_back(name);
-    return pid(name);
-  }
-  void stop(const std::string& name) { run("stop", name); }
-  int pid(const std::string& name) const {
-    return std::atoi(qortest::readFile(dir_.file(name + ".pid")).c_str());
-  }
-  // The executable of a program, whether it runs or not.
-  std::string path(const std::string& name) const { return dir_.file("bin/" + name); }
-  void install(const std::string& name) {
-    qortest::runProgram({"/bin/mkdir", "-p", dir_.file("bin")});
-    qortest::writeFile(path(name), qortest::readFile("/bin/sleep"));
-    qortest::makeExecutable(path(name));
-  }
-  std::string script() const { return qortest::sourceDir() + "/examples/scripts/example-daemon.sh"; }
-  std::string env() const { return "QOR_EXAMPLES_RUN=" + dir_.path(); }
-
- private:
-  void run(const std::string& action, const std::string& name) {
-    qortest::RunResult result = qortest::runProgram({"/bin/sh", script(), action, name}, {env()});
-    EXPECT_EQ(0, result.exitCode) << action << " " << name << ": " << result.out << result.err;
-  }
-
-  qortest::TempDir dir_;
-  std::vector<std::string> started_;
-};
-
-// A CAP file for one program of `programs`; `extra` goes after platform
-// (checkFrequency and the like, in the order of the format).
-std::string capFile(const std::string& id, const std::string& name, const std::string& path,
-                    const std::string& checkFrequency = "", const std::string& statusScript = "") {
-  std::string text =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-      "<subagents xmlns=\"urn:qor:cap\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
-      "xsi:schemaLocation=\"urn:qor:cap mdhcap.xsd\">\n"
-      "  <subagent id=\"" +
-      id +
-      "\">\n"
-      "    <agentName>" +
-      name +
-      "</agentName>\n"
-      "    <procName>" +
-      path.substr(path.rfind('/') + 1) +
-      "</procName>\n"
-      "    <agentType>Console</agentType>\n"
-      "    <agentPath>" +
-      path +
-      "</agentPath>\n"
-      "    <platform xsi:type=\"PlatformLinux\"/>\n";
-  if (!checkFrequency.empty()) text += "    <checkFrequency>" + checkFrequency + "</checkFrequency>\n";
-  text +=
-      "    <managerType>TeoServices</managerType>\n"
-      "    <maxRestarts>3</maxRestarts>\n";
-  text += statusScript;
-  return text + "  </subagent>\n</subagents>\n";
-}
-
-// qorhost on a CAP directory, its traces in a file of its own.
-class Host {
- public:
-  Host(const std::string& capDir, const std::string& ipDir, const std::string& traceFile, unsigned level,
-       const std::vector<std::string>& env)
-      : child_({tool("qorhost"), "--cap-dir", capDir, "--ip-dir", ipDir, "--trace-level",
-                std::to_string(level), "--trace-file", traceFile},
-               env) {}
-  qortest::Child& child() { return child_; }
-  // Waits until qorhost has printed `count` listings, each closed by its
-  // "qorhost: N agents" line.
-  bool waitForListing(int count) {
-    return qortest::waitFor([&] { return listings() >= count; }, 15000);
-  }
-  int listings() {
-    static const std::regex closing("^qorhost: [0-9]+ agents?$");
-    int found = 0;
-    for (const std::string& line : qortest::linesWith(child_.out(), "qorhost: ")) {
-      if (std::regex_match(line, closing)) ++found;
-    }
-    return found;
-  }
-  std::vector<std::string> agentLines() { return qortest::linesWith(child_.out(), "qorhost: agent '"); }
-  int stop() {
-    child_.signal(SIGINT);
-    return child_.wait(15000);
-  }
-
- private:
-  qortest::Child child_;
-};
+using e2e::capFile;
+using e2e::Host;
+using e2e::Programs;
 
 class Agents : public ::testing::Test {
  protected:
@@ -159,23 +62,9 @@ TEST_F(Agents, SigusrOneListsTheAgentsAgain) {
   EXPECT_EQ(0, host.stop());
 }
 
-// The lines of the state file, and a field of the record of `id`: `line` is
-// the line's number within the record (1 is its opening "*", 3 its id).
-std::vector<std::string> lines(const std::string& text) { return qortest::linesWith(text, ""); }
-void setField(std::vector<std::string>& file, const std::string& id, int line, const std::string& value) {
-  for (size_t i = 3; i < file.size(); ++i) {
-    if (file[i] == id && file[i - 2] == "*") {
-      file[i - 3 + line] = value;
-      return;
-    }
-  }
-  ADD_FAILURE() << "no record of " << id;
-}
-std::string join(const std::vector<std::string>& file) {
-  std::string text;
-  for (const std::string& line : file) text += line + "\n";
-  return text;
-}
+using e2e::join;
+using e2e::lines;
+using e2e::setField;
 
 TEST_F(Agents, ASecondStartReadsTheStateFileBackAndShowsTheSameAgents) {
   int pid = programs.start("qore2ekeepd");
@@ -219,13 +108,7 @@ TEST_F(Agents, ASecondStartReadsTheStateFileBackAndShowsTheSameAgents) {
   EXPECT_EQ(0, second.stop());
 }
 
-// Seconds since midnight of a trace line's time stamp ("YYYY-MM-DD HH:MM:SS.mmm ...").
-double stampOf(const std::string& line) {
-  int hours = 0, minutes = 0, seconds = 0, millis = 0;
-  if (std::sscanf(line.c_str(), "%*d-%*d-%*d %d:%d:%d.%d", &hours, &minutes, &seconds, &millis) != 4)
-    return -1;
-  return hours * 3600.0 + minutes * 60.0 + seconds + millis / 1000.0;
-}
+using e2e::stampOf;
 
 TEST_F(Agents, AManagedAgentIsCheckedEveryFiveSecondsAndItsDeathIsHeardWithinOnePeriod) {
   int pid = programs.start("qore2echeckd");

@@ -1,6 +1,7 @@
 #include "core/qorworkers.h"
 
 #include <cerrno>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -231,6 +232,10 @@ void Controller::commandExecution(TEOEvents command, AgentOpEvent* event) {
   // The steps trace under this function's name.
   const LOG1_Context trace = QOR_TRACE_CONTEXT();
   const bool recycle = command == agent_recycle_cmd;
+  // The worker owns its copy until the result is raised. A worker cancelled
+  // at shutdown in the middle of its scripts unwinds through this guard, so
+  // its copy is freed rather than left behind.
+  std::unique_ptr<AgentOpEvent> owned(event);
   bool finished = false;
   // Once for a start or a stop; a recycle whose stop succeeded goes round
   // again to start.
@@ -242,8 +247,8 @@ void Controller::commandExecution(TEOEvents command, AgentOpEvent* event) {
     command = agent_start_cmd;
   }
   CancelPause pause;
-  const bool raised = finished && deliverResult(command, event, recycle, trace);
-  if (!raised) delete event;
+  // Once raised, the event belongs to the command queue.
+  if (finished && deliverResult(command, event, recycle, trace)) owned.release();
   if (!workerThreads.eraseThread(pthread_self())) QOR_TRACE_ERROR("Thread not removed from list -- error.\n");
 }
 

@@ -1,15 +1,22 @@
 // qorhost: the reference embedder. It runs the service the way the OS agent
 // would, prints every event its listeners hear, and stops cleanly on SIGINT or
-// SIGTERM, writing the state file. SIGUSR1 lists the agents it knows.
+// SIGTERM, writing the state file. SIGUSR1 lists the agents it knows, and
+// operator commands typed on standard input, one a line, go to the service.
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <thread>
 
 #include "qorapi.h"
+#include "qorcommands.h"
 #include "qortoolopts.h"
 
 namespace {
@@ -28,6 +35,14 @@ const char kUsage[] =
     "4 running, 5 stopped by an operator, 6 stopping, 7 not configured), the\n"
     "process id (0: none), and today's restarts against the daily limit.\n"
     "Stops on Ctrl-C (SIGINT) or SIGTERM and writes the state file teo.dat.\n"
+    "\n"
+    "Commands, one a line on standard input, each answered with one line:\n"
+    "%s"
+    "NAME is the agent's name as the list shows it, blanks included. A command\n"
+    "that runs is answered with its result code and what it means, e.g.\n"
+    "  qorhost: start 'Example sleeper': 0 (accepted)\n"
+    "0 means that the service took the request; the events that follow tell how\n"
+    "it went. The end of standard input (Ctrl-D) ends the commands, not qorhost.\n"
     "\n"
     "qorhost is the OS agent: the process the service lives in. A CAP file with\n"
     "managerType WatchDog describes it (examples/cap/qorhost.xml, its agentPath\n"
@@ -113,9 +128,13 @@ const char* operatingText(int state) {
 
 // One line per agent, read through the exported iterator alone, as any
 // embedder would.
+// The listing is one block on standard output: the lock of the stream keeps
+// the lines of events and of command answers, which other threads print, out
+// of it.
 void listAgents(QOR_QueryService* service) {
   QOR_AgentIterator* agents = service->getAgentIterator(true);
   if (agents == nullptr) return;
+  flockfile(stdout);
   int count = 0;
   while (agents->getNextAgentEntry()) {
     ++count;
@@ -127,6 +146,7 @@ void listAgents(QOR_QueryService* service) {
   }
   std::printf("qorhost: %d agent%s\n", count, count == 1 ? "" : "s");
   std::fflush(stdout);
+  funlockfile(stdout);
   service->releaseAgentIterator(agents);
 }
 
@@ -158,12 +178,96 @@ const char kNoOSAgent[] =
     "so no agent will be restarted; copy examples/cap/qorhost.xml with its agentPath set to this "
     "qorhost into one of the CAP directories and start qorhost again.\n";
 
+void say(const std::string& line) {
+  std::printf("qorhost: %s\n", line.c_str());
+  std::fflush(stdout);
+}
+
+void execute(QOR_QueryService* service, const std::string& text) {
+  const qorcmd::Line line = qorcmd::parse(text);
+  switch (line.kind) {
+    case qorcmd::Line::Kind::Blank:
+      return;
+    case qorcmd::Line::Kind::Unknown:
+    case qorcmd::Line::Kind::MissingName:
+      say(qorcmd::hint(line));
+      return;
+    case qorcmd::Line::Kind::Run:
+      break;
+  }
+  if (std::strcmp(line.command->word, "list") == 0) {
+    listAgents(service);
+  } else if (std::strcmp(line.command->word, "help") == 0) {
+    flockfile(stdout);
+    std::printf("qorhost: commands:\n%s", qorcmd::help().c_str());
+    std::fflush(stdout);
+    funlockfile(stdout);
+  } else {
+    say(qorcmd::answer(*line.command, line.name, qorcmd::run(*service, *line.command, line.name)));
+  }
+}
+
+// Reads commands from standard input on a thread of its own, so that the main
+// thread stays in sigwait. It waits in poll, never in read, so that it sees
+// the stop flag within a fifth of a second and can be joined at shutdown
+// whatever the input does. The end of input ends the reading and nothing else:
+// qorhost started from a script with its input closed, or on /dev/null, runs on.
+class CommandReader {
+ public:
+  explicit CommandReader(QOR_QueryService* service) : service_(service), thread_([this] { loop(); }) {}
+  ~CommandReader() {
+    stopping_ = true;
+    thread_.join();
+  }
+  CommandReader(const CommandReader&) = delete;
+  CommandReader& operator=(const CommandReader&) = delete;
+
+ private:
+  void loop() {
+    // The signals are meant for the main thread's sigwait alone.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    std::string pending;
+    bool readAnything = false;
+    while (!stopping_) {
+      struct pollfd input = {STDIN_FILENO, POLLIN, 0};
+      int ready = ::poll(&input, 1, 200);
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready < 0 || (input.revents & POLLNVAL) != 0) return;
+      if (ready == 0) continue;
+      char buffer[1024];
+      ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
+      if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+      if (count <= 0) break;
+      readAnything = true;
+      pending.append(buffer, static_cast<size_t>(count));
+      for (size_t end = pending.find('\n'); end != std::string::npos; end = pending.find('\n')) {
+        execute(service_, pending.substr(0, end));
+        pending.erase(0, end + 1);
+      }
+    }
+    if (stopping_) return;
+    // A last line without its newline still counts.
+    execute(service_, pending);
+    if (readAnything || isatty(STDIN_FILENO)) say("end of commands on standard input; Ctrl-C stops qorhost");
+  }
+
+  QOR_QueryService* service_;
+  std::atomic<bool> stopping_{false};
+  std::thread thread_;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
   switch (qortool::parseEnvOptions(argc, argv, "qorhost")) {
     case qortool::ParseResult::Help:
-      std::fputs(kUsage, stdout);
+      std::printf(kUsage, qorcmd::help().c_str());
       return 0;
     case qortool::ParseResult::Error:
       return 2;
@@ -197,9 +301,13 @@ int main(int argc, char** argv) {
   if (!osAgentManaged(service)) std::fputs(kNoOSAgent, stderr);
 
   int received = 0;
-  while (sigwait(&stopSignals, &received) == 0 && received == SIGUSR1) listAgents(service);
-  std::printf("qorhost: %s received, stopping\n", received == SIGINT ? "SIGINT" : "SIGTERM");
-  std::fflush(stdout);
+  {
+    CommandReader reader(service);
+    while (sigwait(&stopSignals, &received) == 0 && received == SIGUSR1) listAgents(service);
+    std::printf("qorhost: %s received, stopping\n", received == SIGINT ? "SIGINT" : "SIGTERM");
+    std::fflush(stdout);
+    // The reader is joined here, so that no command reaches a service being released.
+  }
 
   service->deregisterLogListener(&logListener);
   service->deregisterAlertListener(&alertListener);

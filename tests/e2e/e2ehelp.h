@@ -243,14 +243,15 @@ inline captest::Subagent agentFor(const std::string& id, const std::string& name
   return agent;
 }
 
-// qorhost on a CAP directory, its traces in a file of its own.
+// qorhost on a CAP directory, its traces in a file of its own; with `input`
+// a pipe, the test types its commands.
 class Host {
  public:
   Host(const std::string& capDir, const std::string& ipDir, const std::string& traceFile, unsigned level,
-       const std::vector<std::string>& env)
+       const std::vector<std::string>& env, qortest::Child::Input input = qortest::Child::Input::Inherited)
       : child_({tool("qorhost"), "--cap-dir", capDir, "--ip-dir", ipDir, "--trace-level",
                 std::to_string(level), "--trace-file", traceFile},
-               env) {}
+               env, input) {}
   qortest::Child& child() { return child_; }
   // Waits until qorhost has printed `count` listings, each closed by its
   // "qorhost: N agents" line.

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -115,20 +117,23 @@ struct ExecArgs {
   }
 };
 
-// Starts the program with its standard output and error on two pipes.
+// Starts the program with its standard output and error on two pipes, and,
+// when `inFd` is given, its standard input on a third, whose writing end goes
+// to `*inFd`.
 pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv, int& outFd,
-            int& errFd) {
+            int& errFd, int* inFd = nullptr) {
   ExecArgs exec(argv, extraEnv);
   int outPipe[2];
   int errPipe[2];
+  int inPipe[2] = {-1, -1};
   if (pipe2(outPipe, O_CLOEXEC) != 0) return -1;
-  if (pipe2(errPipe, O_CLOEXEC) != 0) {
-    close(outPipe[0]);
-    close(outPipe[1]);
+  if (pipe2(errPipe, O_CLOEXEC) != 0 || (inFd != nullptr && pipe2(inPipe, O_CLOEXEC) != 0)) {
+    for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) close(fd);
     return -1;
   }
   pid_t child = fork();
   if (child == 0) {
+    if (inFd != nullptr) dup2(inPipe[0], STDIN_FILENO);
     dup2(outPipe[1], STDOUT_FILENO);
     dup2(errPipe[1], STDERR_FILENO);
     execve(exec.argp[0], exec.argp.data(), exec.envp.data());
@@ -138,6 +143,10 @@ pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>
   close(errPipe[1]);
   outFd = outPipe[0];
   errFd = errPipe[0];
+  if (inFd != nullptr) {
+    close(inPipe[0]);
+    *inFd = inPipe[1];
+  }
   return child;
 }
 
@@ -164,8 +173,8 @@ int exitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 12
 
 }  // namespace
 
-Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv) {
-  pid_ = spawn(argv, extraEnv, outFd_, errFd_);
+Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv, Input input) {
+  pid_ = spawn(argv, extraEnv, outFd_, errFd_, input == Input::Pipe ? &inFd_ : nullptr);
 }
 
 Child::~Child() {
@@ -175,6 +184,7 @@ Child::~Child() {
   }
   if (outFd_ >= 0) close(outFd_);
   if (errFd_ >= 0) close(errFd_);
+  closeInput();
 }
 
 void Child::poll() {
@@ -188,6 +198,34 @@ bool Child::waitForOutput(const std::string& text, int timeoutMs) {
 
 void Child::signal(int number) {
   if (pid_ > 0 && status_ < 0) kill(pid_, number);
+}
+
+bool Child::write(const std::string& text) {
+  if (inFd_ < 0) return false;
+  // A program that has gone would raise SIGPIPE and end the test; the signal
+  // is held back for the write and taken off again, and the write just fails.
+  sigset_t pipeSignal;
+  sigset_t previous;
+  sigemptyset(&pipeSignal);
+  sigaddset(&pipeSignal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipeSignal, &previous);
+  size_t written = 0;
+  while (written < text.size()) {
+    ssize_t count = ::write(inFd_, text.data() + written, text.size() - written);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    written += static_cast<size_t>(count);
+  }
+  struct timespec none = {0, 0};
+  while (sigtimedwait(&pipeSignal, nullptr, &none) == SIGPIPE) {
+  }
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  return written == text.size();
+}
+
+void Child::closeInput() {
+  if (inFd_ >= 0) close(inFd_);
+  inFd_ = -1;
 }
 
 int Child::wait(int timeoutMs) {

@@ -54,10 +54,13 @@ struct RunResult {
 RunResult runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
 
 // A program running in the background, with its standard output collected
-// as it comes. The destructor kills it if it still runs.
+// as it comes. Its standard input is the test's own, unless it is given a pipe
+// to write to. The destructor kills it if it still runs.
 class Child {
  public:
-  Child(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
+  enum class Input { Inherited, Pipe };
+  Child(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {},
+        Input input = Input::Inherited);
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -75,6 +78,11 @@ class Child {
   // Waits until standard output holds `text`.
   bool waitForOutput(const std::string& text, int timeoutMs);
   void signal(int number);
+  // Writes to the program's standard input, when it was given a pipe; false
+  // when it was not, when the pipe is closed, or when the program has gone.
+  bool write(const std::string& text);
+  // Closes the pipe: the program reads the end of its input.
+  void closeInput();
   // Waits for the end; the exit code, 128 + signal, or -1 on time-out.
   int wait(int timeoutMs);
   int pid() const { return pid_; }
@@ -83,6 +91,7 @@ class Child {
   int pid_ = -1;
   int outFd_ = -1;
   int errFd_ = -1;
+  int inFd_ = -1;
   int status_ = -1;
   std::string out_;
   std::string err_;

@@ -1,0 +1,182 @@
+// Operator commands typed into qorhost, as a person at its terminal does it:
+// the listing on demand, a stop and a start of a running managed agent carried
+// out by its scripts, a name nobody has, a line that is no command, and the
+// end of the input, which leaves qorhost running. The real qorhost with a pipe
+// to its standard input, real programs, real CAP files and scripts.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "e2e/e2ehelp.h"
+#include "support/qortest.h"
+
+namespace {
+
+using e2e::agentFor;
+using e2e::Host;
+using e2e::Programs;
+using e2e::StartScript;
+
+class HostCommands : public ::testing::Test {
+ protected:
+  HostCommands() : start(programs) { writeCap("host.xml", e2e::osAgentCapFile()); }
+
+  void writeCap(const std::string& file, const std::string& content) {
+    qortest::writeFile(caps.file(file), content);
+  }
+  // Starts qorhost with its input on a pipe and waits for its first listing.
+  void startHost() {
+    host.reset(new Host(caps.path(), work.path(), work.file("trace"), 128 | 256, {programs.env()},
+                        qortest::Child::Input::Pipe));
+    ASSERT_TRUE(host->waitForListing(1)) << out() << host->child().err();
+  }
+  // Types a line and waits for the line of output that answers it.
+  bool type(const std::string& line, const std::string& answer) {
+    return host->child().write(line + "\n") && host->child().waitForOutput(answer + "\n", 10000);
+  }
+  std::string out() { return host->child().out(); }
+
+  qortest::TempDir caps;
+  qortest::TempDir work;
+  Programs programs;
+  StartScript start;
+  // Last, so that qorhost is gone before the programs are stopped.
+  std::unique_ptr<Host> host;
+};
+
+TEST_F(HostCommands, StopAndStartOfARunningAgentAreAcceptedAndCarriedOutByItsScripts) {
+  const int pid = programs.start("qore2ecmdd");
+  captest::Subagent agent = agentFor("e2e.cmd", "Commanded program", programs, "qore2ecmdd", start, 3);
+  agent.stopScript = captest::script("stopScript", "/bin/sh " + programs.script() + " stop qore2ecmdd");
+  writeCap("cmd.xml", captest::document(agent));
+  startHost();
+
+  // The typed list is the second listing, after the one at the start.
+  ASSERT_TRUE(host->child().write("list\n"));
+  ASSERT_TRUE(host->waitForListing(2)) << out();
+  const std::string running =
+      "qorhost: agent 'Commanded program' id e2e.cmd managed 1 (managed) state 4 (running) pid " +
+      std::to_string(pid) + " restarts 0/3";
+  std::vector<std::string> lines = host->agentLines();
+  EXPECT_EQ(2, std::count(lines.begin(), lines.end(), running)) << out();
+
+  ASSERT_TRUE(type("stop Commanded program", "qorhost: stop 'Commanded program': 0 (accepted)")) << out();
+  ASSERT_TRUE(host->child().waitForOutput("[10] Commanded program Operational Event: ", 15000)) << out();
+  EXPECT_EQ((std::vector<std::string>{
+                "[ 4] Commanded program Operational Event: Agent stop command received.",
+                "[10] Commanded program Operational Event: Agent stopped successfully.",
+            }),
+            host->events("Commanded program"));
+  // The stop script ended the program and removed its pid file.
+  EXPECT_FALSE(qortest::fileExists(programs.dir() + "/qore2ecmdd.pid"));
+  EXPECT_TRUE(qortest::waitFor([&] { return kill(pid, 0) != 0; }, 5000));
+  EXPECT_EQ(
+      "qorhost: agent 'Commanded program' id e2e.cmd managed 1 (managed) state 5 (stopped by an operator) "
+      "pid 0 restarts 0/3",
+      host->listingOf("e2e.cmd"));
+
+  // Stopped by an operator it is stopped already: a second stop is refused.
+  ASSERT_TRUE(
+      type("stop Commanded program",
+           "qorhost: stop 'Commanded program': 201 (agent is starting, stopping or already stopped by an "
+           "operator)"))
+      << out();
+
+  ASSERT_TRUE(type("  start   Commanded program  ", "qorhost: start 'Commanded program': 0 (accepted)"))
+      << out();
+  ASSERT_TRUE(host->child().waitForOutput("[ 7] Commanded program Operational Event: ", 15000)) << out();
+  EXPECT_EQ((std::vector<std::string>{
+                "[ 4] Commanded program Operational Event: Agent stop command received.",
+                "[10] Commanded program Operational Event: Agent stopped successfully.",
+                "[ 5] Commanded program Operational Event: Agent start command received.",
+                "[ 7] Commanded program Operational Event: Agent started successfully.",
+            }),
+            host->events("Commanded program"));
+  const int started = programs.pid("qore2ecmdd");
+  EXPECT_GT(started, 0);
+  EXPECT_NE(pid, started);
+  EXPECT_EQ(1u, start.log("end", "qore2ecmdd").size());
+  EXPECT_EQ("qorhost: agent 'Commanded program' id e2e.cmd managed 1 (managed) state 4 (running) pid " +
+                std::to_string(started) + " restarts 0/3",
+            host->listingOf("e2e.cmd"));
+  EXPECT_EQ(0, host->stop());
+}
+
+TEST_F(HostCommands, AnUnknownNameAGarbageLineAndAMissingNameAreAnsweredInOneLineEach) {
+  startHost();
+  ASSERT_TRUE(type("stop Nobody", "qorhost: stop 'Nobody': 202 (no such agent)")) << out();
+  ASSERT_TRUE(type("start Nobody at all", "qorhost: start 'Nobody at all': 102 (no such agent)")) << out();
+  ASSERT_TRUE(type("reset Nobody", "qorhost: reset 'Nobody': 601 (no such agent)")) << out();
+  ASSERT_TRUE(type("recycle Nobody", "qorhost: recycle 'Nobody': 302 (no such agent)")) << out();
+  // The OS agent is qorhost itself: the service knows it by name and will not stop it.
+  ASSERT_TRUE(type("stop Embedding host",
+                   "qorhost: stop 'Embedding host': 203 (it is the OS agent, which cannot stop itself)"))
+      << out();
+  ASSERT_TRUE(
+      type("#*! garbage",
+           "qorhost: unknown command '#*!'; one of: stop NAME | start NAME | recycle NAME | reset NAME | "
+           "manage NAME | unmanage NAME | list | help"))
+      << out();
+  ASSERT_TRUE(type("stop   ", "qorhost: stop needs the agent's name as the listing shows it: stop NAME"))
+      << out();
+  ASSERT_TRUE(type("help", "  help            list these commands")) << out();
+  // Blank lines get no answer: all that comes is the answer to the line after them.
+  const size_t before = out().size();
+  ASSERT_TRUE(type("\n  \t\n\r\nstop Nobody else", "qorhost: stop 'Nobody else': 202 (no such agent)"))
+      << out();
+  EXPECT_EQ("qorhost: stop 'Nobody else': 202 (no such agent)\n", out().substr(before));
+  EXPECT_EQ(1u, qortest::linesWith(out(), "qorhost: stop 'Nobody'").size());
+  EXPECT_EQ(1u, qortest::linesWith(out(), "qorhost: unknown command").size());
+  EXPECT_EQ(0, host->stop());
+}
+
+TEST_F(HostCommands, TheEndOfTheInputLeavesQorhostRunningUntilSigint) {
+  startHost();
+  ASSERT_TRUE(host->child().write("list\n"));
+  ASSERT_TRUE(host->waitForListing(2)) << out();
+  // A last line without its newline is still a command.
+  ASSERT_TRUE(host->child().write("stop Nobody"));
+  host->child().closeInput();
+  ASSERT_TRUE(host->child().waitForOutput("qorhost: stop 'Nobody': 202 (no such agent)\n", 10000)) << out();
+  ASSERT_TRUE(host->child().waitForOutput(
+      "qorhost: end of commands on standard input; Ctrl-C stops qorhost\n", 10000))
+      << out();
+  // Still there, and still answering signals.
+  EXPECT_EQ(-1, host->child().wait(1000));
+  const int listings = host->listings();
+  EXPECT_EQ(1u, host->list().size());
+  EXPECT_EQ(listings + 1, host->listings());
+  host->child().signal(SIGINT);
+  EXPECT_EQ(0, host->child().wait(15000)) << host->child().err();
+  EXPECT_NE(std::string::npos, out().find("qorhost: SIGINT received, stopping\nqorhost: stopped\n")) << out();
+}
+
+TEST_F(HostCommands, WithItsInputAtDevNullQorhostRunsAsBeforeAndSaysNothingOfCommands) {
+  qortest::Child devnull({"/bin/sh", "-c",
+                          "exec '" + e2e::tool("qorhost") + "' --cap-dir '" + caps.path() + "' --ip-dir '" +
+                              work.path() + "' --trace-level 128 --trace-file '" + work.file("trace") +
+                              "' </dev/null"});
+  ASSERT_TRUE(devnull.waitForOutput("qorhost: 1 agent\n", 15000)) << devnull.out() << devnull.err();
+  EXPECT_EQ(-1, devnull.wait(1000));
+  devnull.signal(SIGTERM);
+  EXPECT_EQ(0, devnull.wait(15000)) << devnull.err();
+  EXPECT_EQ(std::string::npos, devnull.out().find("end of commands")) << devnull.out();
+  EXPECT_NE(std::string::npos, devnull.out().find("qorhost: SIGTERM received, stopping\nqorhost: stopped\n"));
+}
+
+TEST_F(HostCommands, HelpListsTheCommands) {
+  qortest::RunResult help = qortest::runProgram({e2e::tool("qorhost"), "--help"});
+  EXPECT_EQ(0, help.exitCode);
+  for (const char* line :
+       {"  stop NAME       ", "  start NAME      ", "  recycle NAME    ", "  reset NAME      ",
+        "  manage NAME     ", "  unmanage NAME   ", "  list            ", "  help            ",
+        "  qorhost: start 'Example sleeper': 0 (accepted)\n"}) {
+    EXPECT_NE(std::string::npos, help.out.find(line)) << line;
+  }
+}
+
+}  // namespace

@@ -119,6 +119,7 @@ demo: build
 	@echo "The example programs start stopped: the service starts each by its start script at its first check, about 5 s in."
 	@echo "kill -9 \$$(cat /tmp/qor-examples/qor-sleeper.pid): the next check reports it and restarts it."
 	@echo "kill -USR1 the qorhost process to list the agents again, with today's restarts."
+	@echo "Or type commands: list, stop NAME, start NAME, reset NAME ... (help lists them)."
 	@echo "Error traces go to standard error; set QOR_TRACE_LEVEL=146 for the whole story."
 	@echo "Press Ctrl-C to stop."
 	@trap : INT TERM; \

@@ -106,6 +106,43 @@ TEST_F(HostCommands, StopAndStartOfARunningAgentAreAcceptedAndCarriedOutByItsScr
   EXPECT_EQ(0, host->stop());
 }
 
+TEST_F(HostCommands, AResetTypedAfterTheDailyLimitHasTheAgentStartedAtTheNextCheck) {
+  int pid = programs.start("qore2etypedd");
+  writeCap("typed.xml",
+           captest::document(agentFor("e2e.typed", "Typed reset", programs, "qore2etypedd", start, 1)));
+  startHost();
+  ASSERT_TRUE(type("reset Typed reset", "qorhost: reset 'Typed reset': 603 (the restart count is already 0)"))
+      << out();
+
+  kill(pid, SIGKILL);
+  ASSERT_TRUE(host->child().waitForOutput("[ 7] Typed reset Operational Event: ", 12000)) << out();
+  kill(programs.pid("qore2etypedd"), SIGKILL);
+  ASSERT_TRUE(host->child().waitForOutput("[12] Typed reset Operational Event: ", 12000)) << out();
+  EXPECT_EQ(
+      "qorhost: agent 'Typed reset' id e2e.typed managed 1 (managed) state 2 (stopped) pid 0 restarts 1/1",
+      host->listingOf("e2e.typed"));
+
+  ASSERT_TRUE(type("reset Typed reset", "qorhost: reset 'Typed reset': 0 (accepted)")) << out();
+  ASSERT_TRUE(qortest::waitFor([&] { return host->eventIds("Typed reset").size() >= 9; }, 12000)) << out();
+  const std::string event = "] Typed reset Operational Event: ";
+  EXPECT_EQ((std::vector<std::string>{
+                "[ 8" + event + "Agent stopped abnormally.",
+                "[24" + event + "Agent start after failure",
+                "[ 7" + event + "Agent started successfully.",
+                "[ 8" + event + "Agent stopped abnormally.",
+                "[24" + event + "Agent start after failure",
+                "[12" + event + "Agent exceeded restart tries.",
+                "[26" + event + "Agent daily restart count reset",
+                "[22" + event + "Agent initial start",
+                "[ 7" + event + "Agent started successfully.",
+            }),
+            host->events("Typed reset"));
+  EXPECT_EQ("qorhost: agent 'Typed reset' id e2e.typed managed 1 (managed) state 4 (running) pid " +
+                std::to_string(programs.pid("qore2etypedd")) + " restarts 0/1",
+            host->listingOf("e2e.typed"));
+  EXPECT_EQ(0, host->stop());
+}
+
 TEST_F(HostCommands, AnUnknownNameAGarbageLineAndAMissingNameAreAnsweredInOneLineEach) {
   startHost();
   ASSERT_TRUE(type("stop Nobody", "qorhost: stop 'Nobody': 202 (no such agent)")) << out();

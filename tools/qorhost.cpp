@@ -224,12 +224,17 @@ class CommandReader {
 
  private:
   void loop() {
-    // The signals are meant for the main thread's sigwait alone.
+    // The signals are meant for the main thread's sigwait alone. SIGTTIN too
+    // is held back: qorhost started with & from a shell still has the terminal
+    // as its input, and a read from the background would stop the whole
+    // process, service and all; held back, the read fails with EIO instead,
+    // and the reader waits until qorhost is brought to the foreground.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGUSR1);
+    sigaddset(&signals, SIGTTIN);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     std::string pending;
@@ -243,6 +248,10 @@ class CommandReader {
       char buffer[1024];
       ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
       if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+      if (count < 0 && errno == EIO && isatty(STDIN_FILENO)) {
+        ::poll(nullptr, 0, 200);
+        continue;
+      }
       if (count <= 0) break;
       readAnything = true;
       pending.append(buffer, static_cast<size_t>(count));

@@ -3,8 +3,12 @@
 // out by its scripts, a name nobody has, a line that is no command, and the
 // end of the input, which leaves qorhost running. The real qorhost with a pipe
 // to its standard input, real programs, real CAP files and scripts.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
@@ -203,6 +207,91 @@ TEST_F(HostCommands, WithItsInputAtDevNullQorhostRunsAsBeforeAndSaysNothingOfCom
   EXPECT_EQ(0, devnull.wait(15000)) << devnull.err();
   EXPECT_EQ(std::string::npos, devnull.out().find("end of commands")) << devnull.out();
   EXPECT_NE(std::string::npos, devnull.out().find("qorhost: SIGTERM received, stopping\nqorhost: stopped\n"));
+}
+
+// The state letter of a process in /proc/PID/stat: 'T' when it is stopped.
+char stateOf(int pid) {
+  const std::string stat = qortest::readFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t close = stat.rfind(')');
+  return close == std::string::npos || close + 2 >= stat.size() ? '?' : stat[close + 2];
+}
+
+TEST_F(HostCommands, InTheBackgroundOfATerminalALineTypedThereDoesNotStopQorhost) {
+  // A terminal of its own, as a shell has it: a session whose leader holds the
+  // terminal's foreground, and qorhost in a group of its own behind it, as
+  // "qorhost &" puts it.
+  int master = posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_GE(master, 0);
+  ASSERT_EQ(0, grantpt(master));
+  ASSERT_EQ(0, unlockpt(master));
+  const std::string terminal = ptsname(master);
+  const std::string output = work.file("host.out");
+  const std::string pidFile = work.file("host.pid");
+  const std::string program = e2e::tool("qorhost");
+  const std::string capDir = caps.path();
+  const std::string ipDir = work.path();
+  std::vector<const char*> argv = {program.c_str(), "--cap-dir", capDir.c_str(), "--ip-dir", ipDir.c_str(),
+                                   "--trace-level", "0",         nullptr};
+  pid_t leader = fork();
+  if (leader == 0) {
+    setsid();
+    int tty = open(terminal.c_str(), O_RDWR);
+    pid_t background = fork();
+    if (background == 0) {
+      setpgid(0, 0);
+      int out = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      dup2(tty, STDIN_FILENO);
+      dup2(out, STDOUT_FILENO);
+      dup2(out, STDERR_FILENO);
+      execv(argv[0], const_cast<char* const*>(argv.data()));
+      _exit(127);
+    }
+    const std::string pid = std::to_string(background) + "\n";
+    int file = open(pidFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (write(file, pid.data(), pid.size()) != static_cast<ssize_t>(pid.size())) _exit(1);
+    close(file);
+    int status = 0;
+    waitpid(background, &status, 0);
+    _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+  }
+  ASSERT_GT(leader, 0);
+  int pid = 0;
+  // Whatever fails below, neither process outlives the test.
+  struct Reaper {
+    pid_t& leader;
+    int& pid;
+    ~Reaper() {
+      if (leader <= 0) return;
+      if (pid > 0) kill(pid, SIGKILL);
+      kill(leader, SIGKILL);
+      waitpid(leader, nullptr, 0);
+    }
+  } reaper{leader, pid};
+  ASSERT_TRUE(
+      qortest::waitFor([&] { return (pid = std::atoi(qortest::readFile(pidFile).c_str())) > 0; }, 5000));
+  ASSERT_TRUE(qortest::waitFor(
+      [&] { return qortest::readFile(output).find("qorhost: 1 agent\n") != std::string::npos; }, 15000))
+      << qortest::readFile(output);
+
+  ASSERT_EQ(5, write(master, "list\n", 5));
+  // Stopped for its terminal it would be 'T' at once; it stays up, and leaves
+  // the line to the foreground.
+  EXPECT_FALSE(qortest::waitFor([&] { return stateOf(pid) == 'T'; }, 1500)) << qortest::readFile(output);
+  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(output), "qorhost: 1 agent\n"));
+
+  kill(pid, SIGINT);
+  int status = -1;
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        if (waitpid(leader, &status, WNOHANG) != leader) return false;
+        leader = 0;
+        return true;
+      },
+      15000))
+      << qortest::readFile(output);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_NE(std::string::npos, qortest::readFile(output).find("qorhost: stopped\n"));
+  close(master);
 }
 
 TEST_F(HostCommands, HelpListsTheCommands) {

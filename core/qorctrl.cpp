@@ -220,9 +220,12 @@ void Controller::TEOThreadExecution() {
   waitStandard(initialDiscoveryRendezvous, true);
 
   // Stand-in: watchdog mode brings the OS agent's record up to date here
-  // (updateOSAgent), and embedded mode stops managing it when the watchdog
-  // process does not (StopManageTEO); both come with OS agent supervision
-  // (interfaces/qorosagt.cpp).
+  // (updateOSAgent, interfaces/qorosagt.cpp).
+  // With nobody to restart the service itself, restarting its agents would
+  // promise more than it can keep: a service that comes up with its OS agent
+  // unmanaged is disarmed and manages nothing until the OS agent is managed
+  // again.
+  if (!isWatchDog && !isOSAgentManaged()) StopManageTEO();
 
   // The order matters: the watcher starts with the scan's files already in
   // its list, and the cycle starts after every policy is known.

@@ -251,8 +251,23 @@ class Controller {
   int stopAgent(const std::wstring& name, const std::wstring& process, int pid);
   int startAgent(const std::wstring& name, bool resetCount, const std::wstring& process,
                  const std::wstring& instance);
-  int recycleAgent(const std::wstring& name, const std::wstring& process, const std::wstring& instance, int pid);
-  int resetAgentRestartCount(const std::wstring& name, const std::wstring& process, const std::wstring& instance);
+  int recycleAgent(const std::wstring& name, const std::wstring& process, const std::wstring& instance,
+                   int pid);
+  int resetAgentRestartCount(const std::wstring& name, const std::wstring& process,
+                             const std::wstring& instance);
+
+  // Taking an agent in (refused with 401, 404 or -1) or out (500, 501) of
+  // management.
+  // Naming the OS agent manages or unmanages the whole service through
+  // StartManageTEO or StopManageTEO. startManage takes the discovery mutex.
+  // Requires (both): no lock held by the caller.
+  int startManage(const std::wstring& name);
+  int stopManage(const std::wstring& name);
+  // Out of management with the OS agent: disarms, saves every agent's managed
+  // state and unmanages the managed ones. Back in: rearms and manages again
+  // the agents whose saved state was Managed. Requires: no list lock held.
+  void StopManageTEO();
+  void StartManageTEO();
 
   // ---- interfaces/qorosagt.cpp: the OS agent ------------------------------
 
@@ -271,6 +286,22 @@ class Controller {
   // be called with managedEndpointProcesses held.
   bool isOSAgent(const std::wstring& name, bool& managed, int& restartCount, ManagerType& managerType);
   bool isOSAgent(const std::wstring& name, bool& managed);
+  // Whether `productCode` is the code of the OS agent's record, with its
+  // managed state. On a snapshot, as above.
+  bool isOSAgentPC(const std::wstring& productCode, bool& managed);
+  // Give the OS agent's record in watchdogList its managed state
+  // (WatchdogManaged), or take it away with its process and count. Take the
+  // watchdogList lock themselves. Requires: no watchdogList lock held.
+  void manageOSAgent();
+  void unmanageOSAgent();
+  // Disarm mode: agents found down are not restarted. Each raises its event
+  // (18, 19); `silent` leaves out the warning to the listeners that nothing
+  // guards the OS agent. Requires: no list lock held by the caller.
+  void disarm(bool silent);
+  void rearm();
+  // The live record of the watchdog process in managedEndpointProcesses, or
+  // null. Takes the list lock itself; the pointer outlives it.
+  Agent* getWatchdogAgent();
 
   // ---- interfaces/qordisc.cpp: instance discovery ------------------------
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "agents/qoragt.h"
+#include "cap/qorpol.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "platform/log1.h"
@@ -349,4 +350,140 @@ int Controller::resetOSAgentCount(const std::wstring& name, const std::wstring& 
     watchdogList.unlockList();
   }
   return 0;
+}
+
+// ---- Management -------------------------------------------------------------------
+// Taking agents in and out of management. Nothing may be managed while the
+// OS agent is not: the watchdog process would not be there to restart the
+// service that restarts them.
+
+namespace {
+
+AgentMgmtEvent* managementFor(Agent* agent, TEOEvents id) {
+  AgentMgmtEvent* event = new AgentMgmtEvent();
+  event->setEventTypeID(id);
+  event->setAgent(agent);
+  event->setMgmtState(agent->getManagedState());
+  return event;
+}
+
+}  // namespace
+
+int Controller::startManage(const std::wstring& name) {
+  QOR_TRACE_FUNCTION();
+  std::wstring criteria[MATCH_CRITERIA_COUNT];
+  criteria[0] = name;
+  int result = 401;
+  QOR_TRACE_STATUS("Start management for agent %s\n", QOR_N(name));
+  QOR_TRACE_DETAIL("Lock discovery\n");
+  // Held to the end, so that neither discovery nor a CAP file changes the
+  // instances between the lookup and the events.
+  if (!lockDiscovery()) return -1;
+  std::vector<Agent*> agents = getManagedEndpointProcessLOCK(MATCH_NAME, criteria);
+  if (!agents.empty()) {
+    // Stand-in: discoveryZELInstances(agents.front()->getPolicy()) brings the
+    // agent's instances up to date here; it comes with instance discovery
+    // (interfaces/qordisc.cpp). Until then the lookup below finds what the
+    // first one found.
+    agents = getManagedEndpointProcessLOCK(MATCH_NAME, criteria);
+  }
+  if (agents.empty()) {
+    bool managed = false;
+    int count = 0;
+    ManagerType managerType = NotManaged;
+    if (!isOSAgent(name, managed, count, managerType)) {
+      QOR_TRACE_ERROR("Start management failed. Agent %s not found\n", QOR_N(name));
+    } else if (managerType == NotManaged) {
+      QOR_TRACE_ERROR("OS agent manager type is NotManage do not allow to manage.\n");
+      result = -1;
+    } else if (managed) {
+      QOR_TRACE_ERROR("OS agent is already managed....do nothing.\n");
+      result = 0;
+    } else {
+      StartManageTEO();
+      result = 0;
+    }
+  } else if (!isOSAgentManaged()) {
+    QOR_TRACE_ERROR("Start management failed. Cannot manage agents while os agent is unmanaged\n");
+    result = 404;
+  } else {
+    // An agent already managed gets its event all the same; the state
+    // machine decides by the state it finds.
+    for (Agent* agent : agents) {
+      managementFor(agent, agent_managed)->processEvent();
+    }
+    result = 0;
+  }
+  QOR_TRACE_DETAIL("Unlock discovery\n");
+  unlockDiscovery();
+  return result;
+}
+
+int Controller::stopManage(const std::wstring& name) {
+  QOR_TRACE_FUNCTION();
+  std::wstring criteria[MATCH_CRITERIA_COUNT];
+  criteria[0] = name;
+  int result = 500;
+  QOR_TRACE_STATUS("Stop management for agent %s\n", QOR_N(name));
+  std::vector<Agent*> agents = getManagedEndpointProcessLOCK(MATCH_NAME, criteria);
+  for (Agent* agent : agents) {
+    if (agent->getManagedState() == Managed) {
+      managementFor(agent, agent_unmanaged)->processEvent();
+      result = 0;
+    } else {
+      QOR_TRACE_ERROR("Stop manage failed. Agent %s not managed\n", QOR_N(agent->getName()));
+    }
+  }
+  if (!agents.empty()) return result;
+  bool managed = false;
+  if (!isOSAgent(name, managed)) {
+    QOR_TRACE_ERROR("Stop management failed. Agent %s not found\n", QOR_N(name));
+    return 501;
+  }
+  if (!managed) {
+    QOR_TRACE_ERROR("Stop management failed. Agent %s is not managed.\n", QOR_N(name));
+    return 500;
+  }
+  // Unmanaging the OS agent takes the whole service out of management.
+  StopManageTEO();
+  return 0;
+}
+
+void Controller::StopManageTEO() {
+  QOR_TRACE_FUNCTION();
+  disarm(true);
+  unmanageOSAgent();
+  if (!managedEndpointProcesses.lockList()) {
+    QOR_TRACE_ERROR("Error obtaining lock on managedEndpointProcesses.");
+    return;
+  }
+  std::wstring criteria[MATCH_CRITERIA_COUNT];
+  for (Agent* agent : getManagedEndpointProcess(0, criteria)) {
+    // The watchdog process's own policy: with the OS agent unmanaged nothing
+    // is left for it to guard.
+    if (agent->getPolicy() != nullptr && agent->getPolicy()->getProductCode() == L"qd") {
+      commandFor(agent, agent_stop_cmd)->processEvent();
+      QOR_TRACE_STORY("Stop the watchdog\n");
+    }
+    // Remembered so that managing the OS agent again brings back exactly the
+    // agents that were managed, not those an operator had unmanaged.
+    agent->setSavedState(agent->getManagedState());
+    QOR_TRACE_STORY("Saving state %d\n", static_cast<int>(agent->getSavedState()));
+    if (agent->getSavedState() == Managed) {
+      managementFor(agent, agent_unmanaged)->processEvent();
+    }
+  }
+  managedEndpointProcesses.unlockList();
+}
+
+void Controller::StartManageTEO() {
+  QOR_TRACE_FUNCTION();
+  manageOSAgent();
+  rearm();
+  std::wstring criteria[MATCH_CRITERIA_COUNT];
+  for (Agent* agent : getManagedEndpointProcessLOCK(0, criteria)) {
+    QOR_TRACE_STORY("Saved state is %d\n", static_cast<int>(agent->getSavedState()));
+    if (agent->getSavedState() != Managed) continue;
+    managementFor(agent, agent_managed)->processEvent();
+  }
 }

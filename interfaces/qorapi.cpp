@@ -177,11 +177,19 @@ int QOR_QueryService::resetRestartCount(std::wstring name, std::wstring process,
   return Controller::getController()->resetAgentRestartCount(name, process, instance);
 }
 
-// Stand-in: management commands answer -1, "not available", until the
-// Controller's startManage and stopManage land in interfaces/qoragtcmd.cpp.
-int QOR_QueryService::startManagingAgent(std::wstring /*name*/) { return -1; }
+int QOR_QueryService::startManagingAgent(std::wstring name) {
+  if (!m_bIsStarted) return -1;
+  return Controller::getController()->startManage(name);
+}
 
-int QOR_QueryService::stopManagingAgent(std::wstring /*name*/) { return -1; }
+int QOR_QueryService::stopManagingAgent(std::wstring name) {
+  if (!m_bIsStarted) return -1;
+  return Controller::getController()->stopManage(name);
+}
+
+void DisarmWatchdog(int /*ignored*/) { Controller::getController()->disarm(false); }
+
+void RearmWatchdog(int /*ignored*/) { Controller::getController()->rearm(); }
 
 void QOR_SetTraceLevel(unsigned mask) { LOG1_SetMask(mask); }
 

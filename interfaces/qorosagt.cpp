@@ -5,6 +5,7 @@
 
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
+#include "core/qorevt.h"
 #include "core/qorutil.h"
 #include "platform/log1.h"
 #include "watchdog/qorunx.h"
@@ -59,4 +60,84 @@ bool Controller::isOSAgent(const std::wstring& name, bool& managed) {
   int restartCount = 0;
   ManagerType managerType = NotManaged;
   return isOSAgent(name, managed, restartCount, managerType);
+}
+
+bool Controller::isOSAgentPC(const std::wstring& productCode, bool& managed) {
+  QOR_TRACE_FUNCTION();
+  managed = false;
+  std::vector<Agent*> copies;
+  getWatchDogListSnapshot(&copies, false);
+  Agent* os = nullptr;
+  for (Agent* copy : copies) {
+    if (copy->getPolicy() != nullptr && isOSAgent(copy->getPolicy())) {
+      os = copy;
+      break;
+    }
+  }
+  // The copies are freed on every path, also when the code is another one.
+  const bool found = os != nullptr && os->getPolicy()->getProductCode() == productCode;
+  if (found) managed = os->getManagedState() == Managed || os->getManagedState() == WatchdogManaged;
+  for (Agent* copy : copies) delete copy;
+  return found;
+}
+
+// The OS agent's record changes its managed state only here, once the CAP
+// file and the state file have given it one.
+void Controller::manageOSAgent() {
+  QOR_TRACE_FUNCTION();
+  if (!watchdogList.lockList()) return;
+  for (Agent* agent : watchdogList) {
+    if (agent->getPolicy() == nullptr || !isOSAgent(agent->getPolicy())) continue;
+    agent->setManagedState(WatchdogManaged);
+    QOR_TRACE_DETAIL("OS agent set to managed %d", static_cast<int>(agent->getManagedState()));
+    break;
+  }
+  watchdogList.unlockList();
+}
+
+void Controller::unmanageOSAgent() {
+  QOR_TRACE_FUNCTION();
+  if (!watchdogList.lockList()) return;
+  for (Agent* agent : watchdogList) {
+    if (agent->getPolicy() == nullptr || !isOSAgent(agent->getPolicy())) continue;
+    // Unmanaged, nothing is known about its process any longer.
+    agent->setManagedState(Unmanaged);
+    agent->setProcID(0);
+    agent->setOperatingState(OpUnknown);
+    agent->resetDailyRestartCount();
+    QOR_TRACE_DETAIL("OS agent set to unmanaged %d", static_cast<int>(agent->getManagedState()));
+    break;
+  }
+  watchdogList.unlockList();
+}
+
+void Controller::disarm(bool silent) {
+  QOR_TRACE_FUNCTION();
+  // While disarmed, agents found down are not restarted.
+  disarmed.store(true, std::memory_order_release);
+  WatchdogEvent* event = new WatchdogEvent();
+  event->setEventTypeID(disarm_complete);
+  event->setAgent(getWatchdogAgent());
+  // An embedder's disarm tells the listeners that nothing guards the OS
+  // agent now; the one that goes with unmanaging it says so through the
+  // events of the agents.
+  if (!silent) RawEvent::logUnreliableMessage(event);
+  event->processEvent();
+}
+
+void Controller::rearm() {
+  QOR_TRACE_FUNCTION();
+  disarmed.store(false, std::memory_order_release);
+  WatchdogEvent* event = new WatchdogEvent();
+  event->setEventTypeID(rearm_complete);
+  event->processEvent();
+}
+
+Agent* Controller::getWatchdogAgent() {
+  QOR_TRACE_FUNCTION();
+  std::wstring criteria[MATCH_CRITERIA_COUNT];
+  for (Agent* agent : getManagedEndpointProcessLOCK(0, criteria)) {
+    if (agent->isWatchDogAgent()) return agent;
+  }
+  return nullptr;
 }

@@ -15,6 +15,7 @@
 #include "cap/capfiles.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
+#include "e2e/e2ehelp.h"
 #include "include/qorapi.h"
 #include "platform/log1.h"
 #include "support/qortest.h"
@@ -278,6 +279,9 @@ class AvailabilityCycle : public ::testing::Test {
     MIN_CMD_TIMEOUT = 3;
     unsetenv("QOR_CMD_TIMEOUT");
     setenv("QOR_CAP_DIR", caps.path().c_str(), 1);
+    // Without the OS agent's file the service would come up disarmed and
+    // take the agents of these tests out of management.
+    qortest::writeFile(caps.file("host.xml"), e2e::osAgentCapFile());
     qortest::traceTo(traces.file("trace"), QOR_TL_STORY | QOR_TL_DETAIL | QOR_TL_STATUS);
   }
   void TearDown() override {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -20,8 +21,11 @@ using e2e::capFile;
 using e2e::Host;
 using e2e::Programs;
 
+// The CAP directory holds the OS agent's file: without it the service comes
+// up disarmed and manages none of the agents (tests/e2e/disarm_test.cpp).
 class Agents : public ::testing::Test {
  protected:
+  Agents() { writeCap("host.xml", e2e::osAgentCapFile()); }
   std::string trace() { return qortest::readFile(work.file("trace")); }
   void writeCap(const std::string& file, const std::string& content) {
     qortest::writeFile(caps.file(file), content);
@@ -41,7 +45,7 @@ TEST_F(Agents, ARunningProgramHasItsProcessIdAndAMissingOneNone) {
   Host host(caps.path(), work.path(), work.file("trace"), 128, {programs.env()});
   ASSERT_TRUE(host.waitForListing(1)) << host.child().out();
   std::vector<std::string> lines = host.agentLines();
-  ASSERT_EQ(2u, lines.size()) << host.child().out();
+  ASSERT_EQ(3u, lines.size()) << host.child().out();
   EXPECT_EQ(
       "qorhost: agent 'Idle program' id e2e.idle managed 1 (managed) state 2 (stopped) pid 0 restarts 0/3",
       lines[0]);
@@ -58,7 +62,8 @@ TEST_F(Agents, SigusrOneListsTheAgentsAgain) {
   ASSERT_TRUE(host.waitForListing(1)) << host.child().out();
   host.child().signal(SIGUSR1);
   ASSERT_TRUE(host.waitForListing(2)) << host.child().out();
-  EXPECT_EQ(2u, host.agentLines().size());
+  // Two listings of the program and the OS agent.
+  EXPECT_EQ(4u, host.agentLines().size());
   EXPECT_EQ(0, host.stop());
 }
 
@@ -78,10 +83,12 @@ TEST_F(Agents, ASecondStartReadsTheStateFileBackAndShowsTheSameAgents) {
     ASSERT_EQ(0, first.stop());
   }
   std::vector<std::string> file = lines(qortest::readFile(caps.file("teo.dat")));
-  ASSERT_EQ(1u + 2 * 18, file.size());
-  EXPECT_EQ("2", file[0]);
-  // Records in list order: the files' names sort "keep.xml" first.
-  const std::vector<std::string> keep(file.begin() + 1, file.begin() + 19);
+  // The two programs' records and the OS agent's.
+  ASSERT_EQ(1u + 3 * 18, file.size());
+  EXPECT_EQ("3", file[0]);
+  const auto id = std::find(file.begin(), file.end(), "e2e.keep");
+  ASSERT_NE(file.end(), id);
+  const std::vector<std::string> keep(id - 2, id + 16);
   EXPECT_EQ((std::vector<std::string>{"*", "6.2.2.2", "e2e.keep", "qore2ekeepd", "", "", "1", "Kept program",
                                       "4", "qore2ekeepd", std::to_string(pid), "0",
                                       programs.path("qore2ekeepd"), "1", "", "", "0", "*"}),
@@ -97,7 +104,7 @@ TEST_F(Agents, ASecondStartReadsTheStateFileBackAndShowsTheSameAgents) {
   Host second(caps.path(), work.path(), work.file("trace"), 128, {programs.env()});
   ASSERT_TRUE(second.waitForListing(1)) << second.child().out();
   std::vector<std::string> agents = second.agentLines();
-  ASSERT_EQ(2u, agents.size()) << second.child().out();
+  ASSERT_EQ(3u, agents.size()) << second.child().out();
   EXPECT_EQ("qorhost: agent 'Kept program' id e2e.keep managed 1 (managed) state 4 (running) pid " +
                 std::to_string(pid) + " restarts 2/3",
             agents[0]);

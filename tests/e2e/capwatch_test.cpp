@@ -17,10 +17,13 @@ namespace {
 
 class CollectingLog : public QOR_LogListener {
  public:
+  // The watcher's messages only. The directory holds no OS agent's file, so
+  // the service comes up disarmed and takes the agents of these files out of
+  // management, which its listeners hear too; that is not the watcher's.
   void AlertMe() override {
     std::lock_guard<std::mutex> lock(mutex);
     char* text = QOR_wcstombs(logData.logMessage);
-    messages.push_back(text);
+    if (std::string(text).find(" CAP File Event: ") != std::string::npos) messages.push_back(text);
     delete[] text;
   }
   std::vector<std::string> snapshot() {

@@ -15,6 +15,7 @@
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "core/qormsghand.h"
+#include "support/controlleraccess.h"
 #include "support/qortest.h"
 
 namespace {
@@ -202,9 +203,10 @@ class Commands : public ::testing::Test {
 // keeps it; taken out again at the end.
 class OSAgentRecord {
  public:
-  OSAgentRecord(const std::wstring& name, ManagedStates state, int count) : agent_(new Agent()) {
+  OSAgentRecord(const std::wstring& name, ManagedStates state, int count, ManagerType type = WatchDog)
+      : agent_(new Agent()) {
     Policy* policy = new Policy();
-    policy->setManagerTypeElement(WatchDog);
+    policy->setManagerTypeElement(type);
     agent_->setPolicy(policy);
     agent_->setName(name);
     agent_->setManagedState(state);
@@ -214,6 +216,7 @@ class OSAgentRecord {
     list->push_back(agent_.get());
     list->unlockList();
   }
+  Agent* agent() { return agent_.get(); }
   ~OSAgentRecord() {
     ManagedProcessList* list = Controller::getController()->getWatchdogList();
     list->lockList();
@@ -394,4 +397,201 @@ TEST_F(Commands, AnUnmanagedOSAgentIsRefused) {
   EXPECT_EQ(600, controller()->resetAgentRestartCount(L"Host agent", L"hostd", L""));
   EXPECT_EQ(1, qortest::countOccurrences(trace(), "Recycle agent failed. OS agent is not managed\n"));
   EXPECT_EQ(1, qortest::countOccurrences(trace(), "Reset agent count failed. OS agent not managed\n"));
+}
+
+// ---- Management ----------------------------------------------------------------
+
+namespace {
+
+// Every event the commands queued for the state machine, as (id, state,
+// agent), freed. The state is the managed state a management event was made
+// for, the operating state of an operating event, -1 for the others.
+std::vector<Queued> allQueued() {
+  std::vector<Queued> queued;
+  for (Event* event : take(Controller::getController()->getCommandHandler())) {
+    if (auto* mgmt = dynamic_cast<AgentMgmtEvent*>(event)) {
+      queued.push_back({mgmt->getEventTypeID(), mgmt->getMgmtState(), mgmt->getAgent()});
+    } else if (auto* op = dynamic_cast<AgentOpEvent*>(event)) {
+      queued.push_back({op->getEventTypeID(), op->getOpState(), op->getAgent()});
+    } else if (auto* watch = dynamic_cast<WatchdogEvent*>(event)) {
+      queued.push_back({watch->getEventTypeID(), -1, watch->getAgent()});
+    } else {
+      queued.push_back({event->getEventTypeID(), -1, nullptr});
+    }
+    delete event;
+  }
+  return queued;
+}
+
+// Gives `agent` the watchdog process's own policy, of product code "qd".
+void asTheWatchdogsPolicy(Agent* agent) {
+  Policy* policy = new Policy();
+  policy->setProductCode(L"qd");
+  agent->setPolicy(policy);
+}
+
+bool discoveryIsFree() {
+  Controller* controller = Controller::getController();
+  if (!controller->tryLockDiscovery()) return false;
+  controller->unlockDiscovery();
+  return true;
+}
+
+// Entries into the locked lookup, seen in a trace of mask 64.
+int lookups(const std::string& trace) {
+  int entries = 0;
+  for (const std::string& line : qortest::linesWith(trace, "getManagedEndpointProcessLOCK")) {
+    if (line.find("Entry") != std::string::npos || line.find("entry") != std::string::npos) ++entries;
+  }
+  return entries;
+}
+
+}  // namespace
+
+TEST_F(Commands, StartManagingAnUnknownNameIsRefusedWith401) {
+  EXPECT_EQ(401, controller()->startManage(L"nobody"));
+  EXPECT_TRUE(allQueued().empty());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Start management failed. Agent nobody not found\n"));
+}
+
+TEST_F(Commands, StartManagingTheOSAgentWhoseManagerTypeIsNotManagedAnswersMinusOne) {
+  OSAgentRecord host(L"Host agent", Unmanaged, 0, NotManaged);
+  ControllerTestAccess::setDisarmed(true);
+  EXPECT_EQ(-1, controller()->startManage(L"Host agent"));
+  EXPECT_TRUE(allQueued().empty());
+  EXPECT_EQ(Unmanaged, host.agent()->getManagedState());
+  EXPECT_TRUE(controller()->isDisarmed());
+  EXPECT_EQ(
+      1, qortest::countOccurrences(trace(), "OS agent manager type is NotManage do not allow to manage.\n"));
+  EXPECT_TRUE(discoveryIsFree());
+}
+
+TEST_F(Commands, StartManagingAKnownAgentWhileTheOSAgentIsUnmanagedIsRefusedAfterTheSecondLookup) {
+  qortest::traceTo(dir.file("trace"), 128 | 256 | 64);
+  OSAgentRecord host(L"Host agent", Unmanaged, 0);
+  Agent* agent = managed(L"known", L"knownd", 0, OpStopped);
+  agent->setManagedState(Unmanaged);
+  EXPECT_EQ(404, controller()->startManage(L"known"));
+  EXPECT_TRUE(allQueued().empty());
+  EXPECT_EQ(Unmanaged, agent->getManagedState());
+  EXPECT_EQ(1, qortest::countOccurrences(
+                   trace(), "Start management failed. Cannot manage agents while os agent is unmanaged\n"));
+  // The lookup ran once more after the instances were brought up to date.
+  EXPECT_EQ(2, lookups(trace()));
+  EXPECT_TRUE(discoveryIsFree());
+}
+
+TEST_F(Commands, StartManagingAKnownAgentQueuesAManagementEventForEachOfItsRecordsManagedOrNot) {
+  OSAgentRecord host(L"Host agent", WatchdogManaged, 0);
+  Agent* one = managed(L"pair", L"paird", 0, OpStopped);
+  one->setManagedState(Unmanaged);
+  Agent* two = managed(L"pair", L"paird", 7, OpRunning);
+  EXPECT_EQ(0, controller()->startManage(L"pair"));
+  EXPECT_EQ((std::vector<Queued>{{agent_managed, Unmanaged, one}, {agent_managed, Managed, two}}),
+            allQueued());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Start management for agent pair\n"));
+}
+
+TEST_F(Commands, StartManagingTheOSAgentWhenItIsManagedAlreadyDoesNothing) {
+  OSAgentRecord host(L"Host agent", WatchdogManaged, 0);
+  EXPECT_EQ(0, controller()->startManage(L"Host agent"));
+  EXPECT_TRUE(allQueued().empty());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "OS agent is already managed....do nothing.\n"));
+}
+
+TEST_F(Commands, StopManagingAnAgentThatIsUnmanagedAlreadyIsRefusedWith500AndQueuesNothing) {
+  Agent* agent = managed(L"loose", L"loosed", 0, OpStopped);
+  agent->setManagedState(Unmanaged);
+  EXPECT_EQ(500, controller()->stopManage(L"loose"));
+  EXPECT_TRUE(allQueued().empty());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Stop manage failed. Agent loose not managed\n"));
+}
+
+TEST_F(Commands, StopManagingNeedsOneManagedRecordAmongTheAgentsOfTheName) {
+  Agent* loose = managed(L"pair", L"paird", 0, OpStopped);
+  loose->setManagedState(WatchdogManaged);
+  Agent* held = managed(L"pair", L"paird", 8, OpRunning);
+  EXPECT_EQ(0, controller()->stopManage(L"pair"));
+  EXPECT_EQ((std::vector<Queued>{{agent_unmanaged, Managed, held}}), allQueued());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Stop manage failed. Agent pair not managed\n"));
+}
+
+TEST_F(Commands, StopManagingAnUnknownNameIsRefusedWith501AndAnUnmanagedOSAgentWith500) {
+  EXPECT_EQ(501, controller()->stopManage(L"nobody"));
+  OSAgentRecord host(L"Host agent", Unmanaged, 0);
+  EXPECT_EQ(500, controller()->stopManage(L"Host agent"));
+  EXPECT_TRUE(allQueued().empty());
+  EXPECT_FALSE(controller()->isDisarmed());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Stop management failed. Agent nobody not found\n"));
+  EXPECT_EQ(1,
+            qortest::countOccurrences(trace(), "Stop management failed. Agent Host agent is not managed.\n"));
+}
+
+TEST_F(Commands, StopManagingTheOSAgentDisarmsSavesEachStateUnmanagesTheManagedAndStopsTheWatchdog) {
+  qortest::traceTo(dir.file("trace"), 128 | 256 | 146);
+  OSAgentRecord host(L"Host agent", WatchdogManaged, 2);
+  host.agent()->setOperatingState(OpRunning);
+  host.agent()->setProcID(4711);
+  Agent* loose = managed(L"loose", L"loosed", 0, OpStopped);
+  loose->setManagedState(Unmanaged);
+  Agent* guard = managed(L"Watchdog", L"qorwd", 31, OpRunning);
+  asTheWatchdogsPolicy(guard);
+  Agent* busy = managed(L"busy", L"busyd", 32, OpRunning);
+
+  EXPECT_EQ(0, controller()->stopManage(L"Host agent"));
+  EXPECT_TRUE(controller()->isDisarmed());
+  // The disarm comes first and names no agent here: no record is the watchdog process's.
+  EXPECT_EQ((std::vector<Queued>{{disarm_complete, -1, nullptr},
+                                 {agent_stop_cmd, OpRunning, guard},
+                                 {agent_unmanaged, Managed, guard},
+                                 {agent_unmanaged, Managed, busy}}),
+            allQueued());
+  // Silent: the agents' own events tell the listeners.
+  EXPECT_TRUE(messagesQueued().empty());
+  EXPECT_EQ(Unmanaged, loose->getSavedState());
+  EXPECT_EQ(Managed, guard->getSavedState());
+  EXPECT_EQ(Managed, busy->getSavedState());
+  EXPECT_EQ(Unmanaged, host.agent()->getManagedState());
+  EXPECT_EQ(0, host.agent()->getProcID());
+  EXPECT_EQ(OpUnknown, host.agent()->getOperatingState());
+  EXPECT_EQ(0, host.agent()->getDailyRestartCount());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Stop the watchdog\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Saving state 0\n"));
+  EXPECT_EQ(2, qortest::countOccurrences(trace(), "Saving state 1\n"));
+}
+
+TEST_F(Commands, StartManagingTheUnmanagedOSAgentRearmsAndManagesAgainOnlyWhatWasManaged) {
+  qortest::traceTo(dir.file("trace"), 128 | 256 | 146);
+  OSAgentRecord host(L"Host agent", Unmanaged, 0);
+  ControllerTestAccess::setDisarmed(true);
+  Agent* before = managed(L"before", L"befored", 0, OpStopped);
+  before->setManagedState(Unmanaged);
+  before->setSavedState(Managed);
+  Agent* operatorsChoice = managed(L"kept out", L"keptd", 0, OpStopped);
+  operatorsChoice->setManagedState(Unmanaged);
+  operatorsChoice->setSavedState(Unmanaged);
+
+  EXPECT_EQ(0, controller()->startManage(L"Host agent"));
+  EXPECT_FALSE(controller()->isDisarmed());
+  EXPECT_EQ(WatchdogManaged, host.agent()->getManagedState());
+  EXPECT_EQ((std::vector<Queued>{{rearm_complete, -1, nullptr}, {agent_managed, Unmanaged, before}}),
+            allQueued());
+  EXPECT_TRUE(messagesQueued().empty());
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Saved state is 1\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Saved state is 0\n"));
+}
+
+TEST_F(Commands, StoppingAndStartingManagementOfTheOSAgentComesBackToTheSameAgents) {
+  OSAgentRecord host(L"Host agent", WatchdogManaged, 0);
+  Agent* kept = managed(L"kept", L"keptd", 5, OpRunning);
+  Agent* loose = managed(L"loose", L"loosed", 0, OpStopped);
+  loose->setManagedState(Unmanaged);
+  EXPECT_EQ(0, controller()->stopManage(L"Host agent"));
+  allQueued();
+  // What the state machine would do with the unmanaged event.
+  kept->setManagedState(Unmanaged);
+  EXPECT_EQ(404, controller()->startManage(L"kept"));
+  EXPECT_EQ(0, controller()->startManage(L"Host agent"));
+  EXPECT_EQ((std::vector<Queued>{{rearm_complete, -1, nullptr}, {agent_managed, Unmanaged, kept}}),
+            allQueued());
 }

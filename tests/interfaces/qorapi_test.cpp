@@ -240,8 +240,10 @@ TEST(QueryListeners, EventsReachTheHostThroughTheRunningQueues) {
   event->setEventTypeID(cap_added);
   event->setCAPFileName(path);
   event->processEvent();
-  ASSERT_TRUE(qortest::waitFor([] { return !recorded().empty(); }, 5000));
-  EXPECT_EQ(std::vector<std::string>({"log 0"}), recorded());
+  // Started without the OS agent's CAP file, the service came up disarmed
+  // and said so first, through the same queues.
+  ASSERT_TRUE(qortest::waitFor([] { return recorded().size() >= 2; }, 5000));
+  EXPECT_EQ(std::vector<std::string>({"log 18", "log 0"}), recorded());
   EXPECT_EQ(path + L" CAP File Event: Agent added to system - CAP file found.", log.last.logMessage);
   service->deregisterLogListener(&log);
   service->releaseQueryService(false);
@@ -256,6 +258,31 @@ TEST(QueryService, CommandsBeforeStartAnswerMinusOne) {
   EXPECT_EQ(-1, service->resetRestartCount(L"a", L"", L""));
   EXPECT_EQ(-1, service->startManagingAgent(L"a"));
   EXPECT_EQ(-1, service->stopManagingAgent(L"a"));
+}
+
+TEST(QueryService, AStartedServiceAnswersManagementCommandsAndTheEmbedderDisarmsAndRearmsIt) {
+  qortest::TempDir dir;
+  QOR_QueryService* service = initService(dir);
+  RecordingLog log;
+  service->registerLogListener(&log);
+  service->startQueryService();
+  // No OS agent's file: the service came up disarmed.
+  ASSERT_TRUE(qortest::waitFor([] { return recorded().size() >= 1; }, 5000));
+  EXPECT_TRUE(Controller::getController()->isDisarmed());
+  EXPECT_EQ(401, service->startManagingAgent(L"nobody"));
+  EXPECT_EQ(501, service->stopManagingAgent(L"nobody"));
+
+  RearmWatchdog(0);
+  ASSERT_TRUE(qortest::waitFor([] { return recorded().size() >= 2; }, 5000));
+  EXPECT_FALSE(Controller::getController()->isDisarmed());
+  DisarmWatchdog(0);
+  ASSERT_TRUE(qortest::waitFor([] { return recorded().size() >= 4; }, 5000));
+  EXPECT_TRUE(Controller::getController()->isDisarmed());
+  // The embedder's disarm warns the listeners first, straight away; its own
+  // event comes through the command queue after.
+  EXPECT_EQ(std::vector<std::string>({"log 18", "log 19", "log 27", "log 18"}), recorded());
+  service->deregisterLogListener(&log);
+  service->releaseQueryService(false);
 }
 
 TEST(QueryService, CacheLimitIs24HoursUnlessSet) {

@@ -134,7 +134,8 @@ inline std::string osAgentCapFile() {
 //   NAME.hollow  exit 0 without starting anything
 //   NAME.hang    seconds to sleep instead of starting; the run ends with the
 //                sleep, having started nothing. The sleeping process's id is
-//                written to NAME.hang.pid
+//                written to NAME.hang.pid, and added to NAME.hang.pids
+//   NAME.delay   seconds to sleep before starting the program as usual
 class StartScript {
  public:
   explicit StartScript(const Programs& programs) {
@@ -149,6 +150,7 @@ class StartScript {
                            "note begin\n"
                            "if [ -f \"$here/$name.hang\" ]; then\n"
                            "  echo $$ >\"$here/$name.hang.pid\"\n"
+                           "  echo $$ >>\"$here/$name.hang.pids\"\n"
                            "  exec sleep \"$(cat \"$here/$name.hang\")\"\n"
                            "fi\n"
                            "if [ -f \"$here/$name.fail\" ]; then\n"
@@ -158,6 +160,9 @@ class StartScript {
                            "    note failed\n"
                            "    exit 1\n"
                            "  fi\n"
+                           "fi\n"
+                           "if [ -f \"$here/$name.delay\" ]; then\n"
+                           "  sleep \"$(cat \"$here/$name.delay\")\"\n"
                            "fi\n"
                            "if [ -f \"$here/$name.hollow\" ]; then\n"
                            "  note end\n"
@@ -199,6 +204,16 @@ class StartScript {
   }
   void failNext(const std::string& name, int runs) {
     qortest::writeFile(dir_.file(name + ".fail"), std::to_string(runs) + "\n");
+  }
+  void delay(const std::string& name, int seconds) {
+    qortest::writeFile(dir_.file(name + ".delay"), std::to_string(seconds) + "\n");
+  }
+  // The ids of all the hung runs of `name` so far, in order.
+  std::vector<int> hangPids(const std::string& name) const {
+    std::vector<int> pids;
+    for (const std::string& line : qortest::linesWith(qortest::readFile(dir_.file(name + ".hang.pids")), ""))
+      pids.push_back(std::atoi(line.c_str()));
+    return pids;
   }
   void hollow(const std::string& name) { qortest::writeFile(dir_.file(name + ".hollow"), ""); }
   void hang(const std::string& name, int seconds) {

@@ -197,6 +197,12 @@ class StartScript {
     EXPECT_TRUE(qortest::waitFor([&] { return std::atoi(qortest::readFile(pidFile).c_str()) > 0; }, 5000));
     kill(std::atoi(qortest::readFile(pidFile).c_str()), SIGKILL);
   }
+  // Forgets the hung runs of `name`, which have ended and been reaped, so
+  // that no process that took over their ids is killed at the end.
+  void ended(const std::string& name) {
+    std::remove(dir_.file(name + ".hang").c_str());
+    std::remove(dir_.file(name + ".hang.pid").c_str());
+  }
   std::string path() const { return dir_.file("start.sh"); }
   // The startScript element of a CAP file that starts `name` through this script.
   std::string element(const std::string& name) const {

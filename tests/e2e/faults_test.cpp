@@ -20,6 +20,7 @@
 #include "include/qorapi.h"
 #include "support/qortest.h"
 #include "watchdog/qorcmd.h"
+#include "watchdog/qorcmdunx.h"
 
 namespace {
 
@@ -201,7 +202,9 @@ TEST_F(Faults,
   EXPECT_EQ((Seen{2, 0, 2}), seen("e2e.hollow"));
   EXPECT_EQ(2u, start.log("begin", "qorfhollowd").size());
   EXPECT_EQ(2u, start.log("end", "qorfhollowd").size());
-  EXPECT_EQ(0, programs.pid("qorfhollowd") > 0 && running(programs.pid("qorfhollowd")) ? 1 : 0);
+  // The pid file is still that of the killed program: nothing was started.
+  EXPECT_EQ(pid, programs.pid("qorfhollowd"));
+  EXPECT_FALSE(running(pid));
   EXPECT_EQ(1, traced("Agent id e2e.hollow restart count exceeded and will not be restarted."));
   EXPECT_TRUE(noWorkerLeft());
 
@@ -258,6 +261,10 @@ TEST_F(Faults, AStartScriptThatHangsPastItsTimeOutFailsEachAttemptAndTheHungScri
   startService();
   kill(pid, SIGKILL);
   ASSERT_TRUE(qortest::waitFor([&] { return heard.count("Hung program", 12) == 1; }, 35000)) << trace();
+  // The last attempt gave up on its script a second in; the script sleeps on.
+  std::vector<int> hung = start.hangPids("qorfhungd");
+  ASSERT_EQ(8u, hung.size());
+  EXPECT_TRUE(running(hung.back()));
 
   const std::string text = "] Hung program Operational Event: ";
   EXPECT_EQ((std::vector<std::string>{
@@ -274,19 +281,31 @@ TEST_F(Faults, AStartScriptThatHangsPastItsTimeOutFailsEachAttemptAndTheHungScri
   EXPECT_EQ(2, traced("Failed to start agent id e2e.hung.\n"));
   EXPECT_TRUE(noWorkerLeft());
 
-  // Each hung run ends with its sleep, and the clean-up reaps it.
-  std::vector<int> hung = start.hangPids("qorfhungd");
-  ASSERT_EQ(8u, hung.size());
+  // A timed-out command is not waited for: the shell that ran each of the
+  // eight is kept for the clean-up, which reaps it once it has ended.
+  QorCmdUNIX* commands = dynamic_cast<QorCmdUNIX*>(GetCmdManager());
+  ASSERT_NE(nullptr, commands);
+  std::vector<int> kept = commands->getDefunctProcesses();
+  EXPECT_EQ(8u, kept.size());
   ASSERT_TRUE(qortest::waitFor(
       [&] {
         for (int each : hung)
           if (running(each)) return false;
+        for (int each : kept)
+          if (running(each)) return false;
         return true;
       },
       6000));
-  GetCmdManager()->cleanUpDefunctProcesses();
+  // Until then nothing in the embedded service reaps them: zombies of this process.
+  for (int each : kept)
+    EXPECT_FALSE(qortest::readFile("/proc/" + std::to_string(each) + "/stat").empty()) << each;
+  commands->cleanUpDefunctProcesses();
+  EXPECT_TRUE(commands->getDefunctProcesses().empty());
+  for (int each : kept)
+    EXPECT_TRUE(qortest::readFile("/proc/" + std::to_string(each) + "/stat").empty()) << each;
   for (int each : hung)
     EXPECT_TRUE(qortest::readFile("/proc/" + std::to_string(each) + "/stat").empty()) << each;
+  start.ended("qorfhungd");
 
   std::vector<std::string> file = stopCleanly();
   EXPECT_EQ("2", fieldOf(file, "e2e.hung", 9));
@@ -367,6 +386,8 @@ TEST_F(Faults, AnAgentKilledAgainDuringItsOwnRestartIsRestartedOnceMoreAfterItAn
 TEST_F(Faults, ACapFileRemovedWhileItsAgentIsRestartedDropsTheWorkersResultAndTheAgentLeavesTheStateFile) {
   const int pid = programs.start("qorfgoned");
   writeAgent("gone.xml", agentFor("e2e.gone", "Gone program", programs, "qorfgoned", start, 3));
+  // The watcher looks at the directory every 5 seconds: a start of 8 seconds
+  // is still running when the removal is seen, wherever the poll falls.
   start.delay("qorfgoned", 8);
   startService();
   kill(pid, SIGKILL);

@@ -1,5 +1,6 @@
 #include "core/qormsghand.h"
 
+#include "core/qorctrl.h"
 #include "platform/log1.h"
 
 QOR_TRACE_UNIT();
@@ -11,6 +12,18 @@ void sendOne(EventHandler* self, Event* event) {
   QOR_TRACE_QUEUE("Event being sent to listeners event type: %d\n", event->getEventTypeID());
   static_cast<MessageHandler*>(self)->notifyListeners(event);
   delete event;
+}
+
+// A management message points at the live agent, which it shows as it is
+// when the copy is made; the copy reads it with the list locked, as every
+// reader of a live agent must. Listener lock, then list lock: the order an
+// embedder's listener reading through the iterator takes as well.
+Event* copyForListener(Event* event) {
+  ManagedProcessList* list = Controller::getController()->getManagedEndpointProcesses();
+  const bool locked = list->lockList();
+  Event* copy = event->makeCopy(true);
+  if (locked) list->unlockList();
+  return copy;
 }
 
 }  // namespace
@@ -44,7 +57,7 @@ void MessageHandler::notifyListeners(Event* event) {
   if (!lockListenerList()) return;
   for (EventListener listener : listeners) {
     QOR_TRACE_QUEUE("calling listener with event type: %d\n", event->getEventTypeID());
-    Event* copy = event->makeCopy(true);
+    Event* copy = copyForListener(event);
     // Only copyable events reach this queue; an event without a copy is not
     // handed out rather than handed out as null.
     if (copy != nullptr) listener(copy);

@@ -17,6 +17,7 @@
 #include "core/qorctrl.h"
 #include "core/qorworkers.h"
 #include "e2e/e2ehelp.h"
+#include "e2e/embedded.h"
 #include "include/qorapi.h"
 #include "support/qortest.h"
 #include "watchdog/qorcmd.h"
@@ -27,65 +28,8 @@ namespace {
 using e2e::agentFor;
 using e2e::fieldOf;
 using e2e::Programs;
+using e2e::Seen;
 using e2e::StartScript;
-
-// Detail, errors and availability.
-constexpr unsigned kTraceLevel = 1 | 128 | 256;
-
-// Each event as qorhost would print it, without the time: "[ID] TEXT".
-class HeardEvents : public QOR_LogListener {
- public:
-  void AlertMe() override {
-    char* text = QOR_wcstombs(logData.logMessage);
-    char id[8];
-    std::snprintf(id, sizeof id, "[%2d] ", logData.eventID);
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(id + std::string(text != nullptr ? text : ""));
-    delete[] text;
-  }
-  std::vector<std::string> of(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<std::string> found;
-    for (const std::string& line : lines_) {
-      if (line.find("] " + name + " ") != std::string::npos) found.push_back(line);
-    }
-    return found;
-  }
-  // How many events are exactly `line`.
-  int exactly(const std::string& line) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    int found = 0;
-    for (const std::string& each : lines_) found += each == line ? 1 : 0;
-    return found;
-  }
-  int count(const std::string& name, int id) {
-    char prefix[8];
-    std::snprintf(prefix, sizeof prefix, "[%2d] ", id);
-    int found = 0;
-    for (const std::string& line : of(name)) {
-      if (line.rfind(prefix, 0) == 0) ++found;
-    }
-    return found;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
-// An agent as the iterator shows it.
-struct Seen {
-  int state = -1;
-  long pid = -1;
-  int restarts = -1;
-  bool operator==(const Seen& other) const {
-    return state == other.state && pid == other.pid && restarts == other.restarts;
-  }
-};
-
-void PrintTo(const Seen& seen, std::ostream* out) {
-  *out << "state " << seen.state << " pid " << seen.pid << " restarts " << seen.restarts;
-}
 
 // Whether a process still runs: gone, or a zombie, is not running.
 bool running(int pid) {
@@ -95,34 +39,8 @@ bool running(int pid) {
   return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
 }
 
-class Faults : public ::testing::Test {
+class Faults : public e2e::EmbeddedService {
  protected:
-  Faults() : start(programs) {}
-  void SetUp() override {
-    setenv("QOR_CAP_DIR", caps.path().c_str(), 1);
-    setenv("QOR_IP_DIR", work.path().c_str(), 1);
-    qortest::traceTo(work.file("trace"), kTraceLevel);
-    writeCap("host.xml", e2e::osAgentCapFile());
-  }
-  void TearDown() override { stopService(); }
-
-  void writeCap(const std::string& file, const std::string& content) {
-    qortest::writeFile(caps.file(file), content);
-  }
-  void writeAgent(const std::string& file, const captest::Subagent& agent) {
-    writeCap(file, captest::document(agent));
-  }
-  void startService() {
-    service = QOR_QueryService::initQueryService();
-    service->registerLogListener(&heard);
-    service->startQueryService();
-  }
-  void stopService() {
-    if (service == nullptr) return;
-    service->deregisterLogListener(&heard);
-    service->releaseQueryService(false);
-    service = nullptr;
-  }
   // Stops the service as an embedder does, within a few seconds, and
   // returns the state file that it wrote.
   std::vector<std::string> stopCleanly() {
@@ -131,44 +49,6 @@ class Faults : public ::testing::Test {
     EXPECT_LT(qortest::nowMs() - begun, 5000);
     return e2e::lines(qortest::readFile(caps.file("teo.dat")));
   }
-  bool noWorkerLeft(int timeoutMs = 5000) {
-    return qortest::waitFor([] { return Controller::getController()->getWorkerThreads()->isVectorEmpty(); },
-                            timeoutMs);
-  }
-  Seen seen(const std::string& id) {
-    Seen found;
-    QOR_AgentIterator* agents = service->getAgentIterator(true);
-    if (agents == nullptr) return found;
-    while (agents->getNextAgentEntry()) {
-      char* subagent = QOR_wcstombs(agents->getSubagentID());
-      if (subagent != nullptr && id == subagent) {
-        found.state = agents->getOperationalStatus();
-        found.pid = agents->getProcessID();
-        found.restarts = agents->getDailyRestartCount();
-      }
-      delete[] subagent;
-    }
-    service->releaseAgentIterator(agents);
-    return found;
-  }
-  bool waitForState(const std::string& id, int state, int timeoutMs) {
-    return qortest::waitFor([&] { return seen(id).state == state; }, timeoutMs);
-  }
-  std::string trace() { return qortest::readFile(work.file("trace")); }
-  int traced(const std::string& text) { return qortest::countOccurrences(trace(), text); }
-  // Waits until the trace shows `more` further checks of the agent `id`.
-  bool waitForChecks(const std::string& id, int more, int timeoutMs) {
-    const std::string checked = "Agent " + id + " checked at ";
-    const int before = traced(checked);
-    return qortest::waitFor([&] { return traced(checked) >= before + more; }, timeoutMs);
-  }
-
-  qortest::TempDir caps;
-  qortest::TempDir work;
-  Programs programs;
-  StartScript start;
-  HeardEvents heard;
-  QOR_QueryService* service = nullptr;
 };
 
 // A start script's exit code is all a start goes by: a script that ends well

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "e2e/e2ehelp.h"
+#include "e2e/embedded.h"
 #include "include/qorapi.h"
 #include "support/qortest.h"
 
@@ -26,6 +27,7 @@ using e2e::agentFor;
 using e2e::fieldOf;
 using e2e::Host;
 using e2e::Programs;
+using e2e::Seen;
 using e2e::StartScript;
 
 // The trace levels the tests read: detail, errors and availability.
@@ -156,85 +158,6 @@ TEST_F(Restarts, AnAgentThatDiesAfterEveryStartIsRestartedThreeTimesThenHeardAsT
 // For what needs the exported interface or shorter constants: the test is the
 // embedder, with listeners that note what qorhost would print.
 
-// Each event as qorhost prints it, without the time: "[ID] TEXT".
-class HeardEvents : public QOR_LogListener {
- public:
-  void AlertMe() override {
-    char* text = QOR_wcstombs(logData.logMessage);
-    char id[8];
-    std::snprintf(id, sizeof id, "[%2d] ", logData.eventID);
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(id + std::string(text != nullptr ? text : ""));
-    delete[] text;
-  }
-  // The events of the agent named `name`, in order.
-  std::vector<std::string> of(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<std::string> found;
-    for (const std::string& line : lines_) {
-      if (line.find("] " + name + " Operational Event: ") != std::string::npos) found.push_back(line);
-    }
-    return found;
-  }
-  // How many events of `name` begin with "[ID]".
-  int count(const std::string& name, int id) {
-    char prefix[8];
-    std::snprintf(prefix, sizeof prefix, "[%2d] ", id);
-    int found = 0;
-    for (const std::string& line : of(name)) {
-      if (line.rfind(prefix, 0) == 0) ++found;
-    }
-    return found;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
-// Each alert as qorhost prints it, without the time.
-class HeardAlerts : public QOR_AlertListener {
- public:
-  void AlertMe() override {
-    char* name = QOR_wcstombs(alertData.agentName);
-    char* message = QOR_wcstombs(alertData.userMessage);
-    char line[512];
-    std::snprintf(line, sizeof line, "[%2d] ALERT agent '%s' state %d managed %d pid %d: %s",
-                  alertData.eventID, name != nullptr ? name : "", alertData.operatingState,
-                  alertData.managedState, alertData.procID, message != nullptr ? message : "");
-    delete[] name;
-    delete[] message;
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(line);
-  }
-  std::vector<std::string> of(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<std::string> found;
-    for (const std::string& line : lines_) {
-      if (line.find(" ALERT agent '" + name + "' ") != std::string::npos) found.push_back(line);
-    }
-    return found;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
-// An agent as the iterator shows it.
-struct Seen {
-  int state = -1;
-  long pid = -1;
-  int restarts = -1;
-  bool operator==(const Seen& other) const {
-    return state == other.state && pid == other.pid && restarts == other.restarts;
-  }
-};
-
-void PrintTo(const Seen& seen, std::ostream* out) {
-  *out << "state " << seen.state << " pid " << seen.pid << " restarts " << seen.restarts;
-}
-
 // The ids of events as qorhost prints them.
 std::vector<int> idsOf(const std::vector<std::string>& events) {
   std::vector<int> ids;
@@ -242,68 +165,7 @@ std::vector<int> idsOf(const std::vector<std::string>& events) {
   return ids;
 }
 
-class EmbeddedRestarts : public ::testing::Test {
- protected:
-  EmbeddedRestarts() : start(programs) {}
-  void SetUp() override {
-    setenv("QOR_CAP_DIR", caps.path().c_str(), 1);
-    setenv("QOR_IP_DIR", work.path().c_str(), 1);
-    qortest::traceTo(work.file("trace"), kTraceLevel);
-    writeCap("host.xml", e2e::osAgentCapFile());
-  }
-  void TearDown() override { stopService(); }
-
-  void writeCap(const std::string& file, const std::string& content) {
-    qortest::writeFile(caps.file(file), content);
-  }
-  void writeAgent(const std::string& file, const captest::Subagent& agent) {
-    writeCap(file, captest::document(agent));
-  }
-  void startService() {
-    service = QOR_QueryService::initQueryService();
-    service->registerLogListener(&heard);
-    service->registerAlertListener(&alerts);
-    service->startQueryService();
-  }
-  void stopService() {
-    if (service == nullptr) return;
-    service->deregisterLogListener(&heard);
-    service->deregisterAlertListener(&alerts);
-    service->releaseQueryService(false);
-    service = nullptr;
-  }
-  // The agent `id` as a snapshot shows it now.
-  Seen seen(const std::string& id) {
-    Seen found;
-    QOR_AgentIterator* agents = service->getAgentIterator(true);
-    if (agents == nullptr) return found;
-    while (agents->getNextAgentEntry()) {
-      char* subagent = QOR_wcstombs(agents->getSubagentID());
-      if (subagent != nullptr && id == subagent) {
-        found.state = agents->getOperationalStatus();
-        found.pid = agents->getProcessID();
-        found.restarts = agents->getDailyRestartCount();
-      }
-      delete[] subagent;
-    }
-    service->releaseAgentIterator(agents);
-    return found;
-  }
-  // Waits until the agent `id` is in the operating state `state`.
-  bool waitForState(const std::string& id, int state, int timeoutMs) {
-    return qortest::waitFor([&] { return seen(id).state == state; }, timeoutMs);
-  }
-  std::string trace() { return qortest::readFile(work.file("trace")); }
-  int traced(const std::string& text) { return qortest::countOccurrences(trace(), text); }
-
-  qortest::TempDir caps;
-  qortest::TempDir work;
-  Programs programs;
-  StartScript start;
-  HeardEvents heard;
-  HeardAlerts alerts;
-  QOR_QueryService* service = nullptr;
-};
+class EmbeddedRestarts : public e2e::EmbeddedService {};
 
 TEST_F(EmbeddedRestarts, AnEmbedderThatResetsTheCountAfterTheLimitHasTheAgentStartedAtTheNextCheck) {
   int pid = programs.start("qore2eresetd");

@@ -89,6 +89,10 @@ class Agent {
   void setOperatingState(OperatingStates state);
   void setOperatingState(int state) { setOperatingState(static_cast<OperatingStates>(state)); }
   ManagedStates getManagedState() const { return standing.managedState; }
+  // Managed, by this service or by the watchdog process.
+  bool isManaged() const {
+    return standing.managedState == Managed || standing.managedState == WatchdogManaged;
+  }
   void setManagedState(ManagedStates state) { standing.managedState = state; }
   void setManagedState(int state) { standing.managedState = static_cast<ManagedStates>(state); }
 

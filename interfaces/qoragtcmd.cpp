@@ -110,6 +110,16 @@ bool isBusy(const Agent* agent) {
   return agent->getOperatingState() == OpStarting || agent->getOperatingState() == OpStopping;
 }
 
+// Clears the day's restarts and tells the listeners straight away: the state
+// machine has nothing to do with a reset.
+void resetCountAndTell(Agent* agent) {
+  agent->resetDailyRestartCount();
+  AgentOpEvent reset;
+  reset.setEventTypeID(agent_count_reset);
+  reset.setAgent(agent);
+  reset.logMessage();
+}
+
 AgentOpEvent* commandFor(Agent* agent, TEOEvents id) {
   AgentOpEvent* event = new AgentOpEvent();
   event->setEventTypeID(id);
@@ -220,14 +230,7 @@ int Controller::startOne(Agent* agent, bool resetCount) {
     return 101;
   }
   AgentOpEvent* event = commandFor(agent, agent_start_cmd);
-  if (resetCount) {
-    agent->resetDailyRestartCount();
-    AgentOpEvent reset;
-    reset.setEventTypeID(agent_count_reset);
-    reset.setAgent(agent);
-    // Straight to the listeners: the state machine has nothing to do with it.
-    reset.logMessage();
-  }
+  if (resetCount) resetCountAndTell(agent);
   event->processEvent();
   return 0;
 }
@@ -269,7 +272,7 @@ int Controller::recycleAgent(const std::wstring& name, const std::wstring& proce
 
 int Controller::recycleOne(Agent* agent) {
   QOR_TRACE_FUNCTION();
-  if (agent->getManagedState() != Managed && agent->getManagedState() != WatchdogManaged) {
+  if (!agent->isManaged()) {
     QOR_TRACE_ERROR("Recycle agent failed. Agent %s not managed\n", QOR_N(agent->getName()));
     return 300;
   }
@@ -300,7 +303,7 @@ int Controller::resetAgentRestartCount(const std::wstring& name, const std::wstr
 
 int Controller::resetOne(Agent* agent) {
   QOR_TRACE_FUNCTION();
-  if (agent->getManagedState() != Managed && agent->getManagedState() != WatchdogManaged) {
+  if (!agent->isManaged()) {
     QOR_TRACE_ERROR("Reset agent count failed. Agent %s not managed\n", QOR_N(agent->getName()));
     return 600;
   }
@@ -313,11 +316,7 @@ int Controller::resetOne(Agent* agent) {
     QOR_TRACE_ERROR("Reset OS Agent Restart Count. Count is already 0 %d\n", 0);
     return 603;
   }
-  agent->resetDailyRestartCount();
-  AgentOpEvent reset;
-  reset.setEventTypeID(agent_count_reset);
-  reset.setAgent(agent);
-  reset.logMessage();
+  resetCountAndTell(agent);
   return 0;
 }
 

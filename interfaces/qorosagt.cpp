@@ -12,13 +12,25 @@
 
 QOR_TRACE_UNIT();
 
+namespace {
+
+// The first record of `agents` whose policy is the OS agent's, or null.
+template <typename Agents>
+Agent* firstOSAgentRecord(Controller& controller, const Agents& agents) {
+  for (Agent* agent : agents) {
+    if (agent->getPolicy() != nullptr && controller.isOSAgent(agent->getPolicy())) return agent;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 bool Controller::isOSAgentManaged() {
   std::vector<Agent*> copies;
   getWatchDogListSnapshot(&copies, false);
   bool managed = false;
   for (Agent* copy : copies) {
-    if (!managed && copy->getPolicy() != nullptr && isOSAgent(copy->getPolicy()) &&
-        (copy->getManagedState() == Managed || copy->getManagedState() == WatchdogManaged)) {
+    if (!managed && copy->getPolicy() != nullptr && isOSAgent(copy->getPolicy()) && copy->isManaged()) {
       managed = true;
     }
     delete copy;
@@ -50,7 +62,7 @@ bool Controller::isOSAgent(const std::wstring& name, bool& managed, int& restart
     found = true;
     restartCount = copy->getDailyRestartCount();
     if (copy->getPolicy() != nullptr) managerType = static_cast<ManagerType>(copy->getPolicy()->getManagerTypeElement());
-    managed = copy->getManagedState() == Managed || copy->getManagedState() == WatchdogManaged;
+    managed = copy->isManaged();
   }
   for (Agent* copy : copies) delete copy;
   return found;
@@ -67,16 +79,10 @@ bool Controller::isOSAgentPC(const std::wstring& productCode, bool& managed) {
   managed = false;
   std::vector<Agent*> copies;
   getWatchDogListSnapshot(&copies, false);
-  Agent* os = nullptr;
-  for (Agent* copy : copies) {
-    if (copy->getPolicy() != nullptr && isOSAgent(copy->getPolicy())) {
-      os = copy;
-      break;
-    }
-  }
+  Agent* os = firstOSAgentRecord(*this, copies);
   // The copies are freed on every path, also when the code is another one.
   const bool found = os != nullptr && os->getPolicy()->getProductCode() == productCode;
-  if (found) managed = os->getManagedState() == Managed || os->getManagedState() == WatchdogManaged;
+  if (found) managed = os->isManaged();
   for (Agent* copy : copies) delete copy;
   return found;
 }
@@ -86,11 +92,9 @@ bool Controller::isOSAgentPC(const std::wstring& productCode, bool& managed) {
 void Controller::manageOSAgent() {
   QOR_TRACE_FUNCTION();
   if (!watchdogList.lockList()) return;
-  for (Agent* agent : watchdogList) {
-    if (agent->getPolicy() == nullptr || !isOSAgent(agent->getPolicy())) continue;
+  if (Agent* agent = firstOSAgentRecord(*this, watchdogList)) {
     agent->setManagedState(WatchdogManaged);
     QOR_TRACE_DETAIL("OS agent set to managed %d", static_cast<int>(agent->getManagedState()));
-    break;
   }
   watchdogList.unlockList();
 }
@@ -98,15 +102,13 @@ void Controller::manageOSAgent() {
 void Controller::unmanageOSAgent() {
   QOR_TRACE_FUNCTION();
   if (!watchdogList.lockList()) return;
-  for (Agent* agent : watchdogList) {
-    if (agent->getPolicy() == nullptr || !isOSAgent(agent->getPolicy())) continue;
+  if (Agent* agent = firstOSAgentRecord(*this, watchdogList)) {
     // Unmanaged, nothing is known about its process any longer.
     agent->setManagedState(Unmanaged);
     agent->setProcID(0);
     agent->setOperatingState(OpUnknown);
     agent->resetDailyRestartCount();
     QOR_TRACE_DETAIL("OS agent set to unmanaged %d", static_cast<int>(agent->getManagedState()));
-    break;
   }
   watchdogList.unlockList();
 }

@@ -19,7 +19,9 @@ uint64_t qor_hz = 100;
 namespace {
 
 // The classic fields of a stat line, and four more that some kernels add and
-// that then hold the CPU times.
+// that then hold the CPU times. Linux itself goes on after the classic fields
+// with block I/O delay, guest times and memory addresses, many more than four:
+// only a line that ends after the fourth further number has CPU times there.
 // Kept: `comm` is read up to the first blank, so a name with a blank stops the scan early.
 const char* const kStatFormat =
     "%lld (%96s  %c %lld %lld %lld %lld %lld %llu %llu %llu %llu %llu %llu %llu %lld %lld %lld %lld %lld "
@@ -29,6 +31,13 @@ const char* const kBriefStatFormat = "%lld (%96s  %c %lld";
 constexpr int kStatItemsWithCPUExtras = 38;
 
 std::string procPath(int pid, const char* file) { return "/proc/" + std::to_string(pid) + "/" + file; }
+
+// Whether the line ends where the stream stands, blanks aside.
+bool atLineEnd(FILE* file) {
+  int next = fgetc(file);
+  while (next == ' ') next = fgetc(file);
+  return next == '\n' || next == EOF;
+}
 
 }  // namespace
 
@@ -49,7 +58,7 @@ int ReadStatFile(const char* path, qor_proc_stat& r, bool brief) {
                    &r.cutime, &r.cstime, &r.priority, &r.nice, &r.num_threads, &r.itrealvalue, &r.starttime,
                    &r.vsize, &r.rss, &r.rlim, &r.startcode, &r.endcode, &r.startstack, &r.kstkesp, &r.kstkeip,
                    &r.wchan, &r.nswap, &r.cnswap, &r.processor, &r.extra1, &r.extra2, &r.extra3, &r.extra4);
-    if (items == kStatItemsWithCPUExtras) {
+    if (items == kStatItemsWithCPUExtras && atLineEnd(file)) {
       r.utime = r.extra1;
       r.stime = r.extra2;
       r.cutime = static_cast<long long>(r.extra3);

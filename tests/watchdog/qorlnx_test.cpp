@@ -9,6 +9,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
+#include <string>
 #include <thread>
 
 #include "agents/qoragt.h"
@@ -106,6 +108,43 @@ TEST(ProcStat, FourMoreNumbersMake38ItemsAndTakeTheCPUFields) {
   EXPECT_EQ(63, record.cutime);
   EXPECT_EQ(64, record.cstime);
   EXPECT_EQ(5000u, record.starttime);
+}
+
+// Linux goes on after the classic fields with block I/O delay, guest times,
+// memory addresses and more: those are no CPU times, and the real ones stay.
+TEST(ProcStat, ALineOfLinuxThatGoesOnPastFourMoreNumbersKeepsItsCPUFields) {
+  qortest::TempDir dir;
+  qortest::writeFile(dir.file("stat"),
+                     classicStatLine() + " 0 0 0 94492037266992 94492037300000 0 0 0 0 0 0 0 0\n");
+  qor_proc_stat record;
+  EXPECT_EQ(38, ReadStatFile(dir.file("stat").c_str(), record, false));
+  EXPECT_EQ(11u, record.utime);
+  EXPECT_EQ(22u, record.stime);
+  EXPECT_EQ(33, record.cutime);
+  EXPECT_EQ(44, record.cstime);
+}
+
+// The same for a real process: the CPU times are those of fields 14 and 15.
+TEST(ProcStat, TheCPUTimesOfARealProcessAreItsUtimeAndStime) {
+  // Some CPU time of its own, so that the figures are not all 0.
+  volatile unsigned long spin = 0;
+  for (unsigned long i = 0; i < 100000000UL; ++i) spin = spin + i;
+  const std::string path = "/proc/" + std::to_string(getpid()) + "/stat";
+  qor_proc_stat record;
+  ASSERT_GE(ReadStatFile(path.c_str(), record, false), 34) << qortest::readFile(path);
+  const std::string line = qortest::readFile(path);
+  std::istringstream fields(line.substr(line.rfind(')') + 2));
+  std::string field;
+  std::vector<std::string> after;
+  while (fields >> field) after.push_back(field);
+  ASSERT_GT(after.size(), 13u);
+  // Fields 14 and 15 of the line, the 12th and 13th after the name.
+  const unsigned long long utime = std::stoull(after[11]);
+  const unsigned long long stime = std::stoull(after[12]);
+  EXPECT_GT(utime, 0u);
+  EXPECT_LE(record.utime, utime);
+  EXPECT_GE(record.utime + 2, utime);
+  EXPECT_LE(record.stime, stime);
 }
 
 TEST(ProcStat, TheBriefScanReadsFourItems) {

@@ -689,6 +689,7 @@ void checkRunning(QOR_QueryService* service, const Layout& layout) {
 void checkOsAgent(QOR_QueryService* service) {
   std::vector<Entry> all = snapshot(service, true);
   expectEqual(size_t(2), all.size(), "agents with the OS agent");
+  service->releaseAgentIterator(nullptr);
   if (all.size() != 2) return;
   expectText("embed.host", all[1].subagentID, "the last entry is the OS agent");
   expectEqual(1, all[1].managedState, "the OS agent shows as managed");
@@ -737,7 +738,7 @@ void stopStartRecycle(QOR_QueryService* service, const Layout& layout) {
   if (!runsAnew(service, layout, before)) fail("the program was not recycled within 30 s");
 }
 
-void unmanageAndManage(QOR_QueryService* service) {
+void unmanageAndManage(QOR_QueryService* service, Heard& heard) {
   const std::wstring name = L"Embedded sleeper";
   expectEqual(0, service->stopManagingAgent(name), "stopManagingAgent");
   if (!waitForSleeper(
@@ -746,8 +747,14 @@ void unmanageAndManage(QOR_QueryService* service) {
   expectEqual(500, service->stopManagingAgent(name), "stopManagingAgent of an unmanaged program");
   expectEqual(100, service->startAgent(name, false, L"qorembd", L""), "startAgent of an unmanaged program");
   expectEqual(0, service->startManagingAgent(name), "startManagingAgent");
+  // The record changes first; the listeners hear of it a moment later.
+  const auto managedHeard = [&] {
+    const std::vector<int> ids = heard.idsAbout("Embedded sleeper");
+    return !ids.empty() && ids.back() == 2;
+  };
   if (!waitForSleeper(
-          service, [](const Entry& e) { return e.managedState == 1; }, 20))
+          service, [](const Entry& e) { return e.managedState == 1; }, 20) ||
+      !waitFor(managedHeard, 10))
     fail("the program was not managed again within 20 s");
 }
 
@@ -824,7 +831,7 @@ void runHost(const Layout& layout) {
   checkOsAgent(service);
   killAndReset(service, layout);
   stopStartRecycle(service, layout);
-  unmanageAndManage(service);
+  unmanageAndManage(service, heard);
   unknownNames(service);
   disarmAndRearm(heard, alerts);
   release(service, heard, alerts, layout);

@@ -9,6 +9,7 @@
 #include "cap/qorpol.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
+#include "interfaces/qorsockclient.h"
 #include "platform/log1.h"
 
 QOR_TRACE_UNIT();
@@ -126,14 +127,6 @@ AgentOpEvent* commandFor(Agent* agent, TEOEvents id) {
   event->setAgent(agent);
   event->setOpState(agent->getOperatingState());
   return event;
-}
-
-// Stand-in: the watchdog process is reached through the socket client
-// (interfaces/qorsockcli.cpp); until it lands no answer comes, which the
-// commands count as a refusal.
-int sendWDCommand(const std::string& /*command*/, std::string& answer) {
-  answer.clear();
-  return 3;
 }
 
 }  // namespace
@@ -262,9 +255,8 @@ int Controller::recycleAgent(const std::wstring& name, const std::wstring& proce
   // The OS agent's record lives in the watchdog process, which recycles it.
   QOR_TRACE_ERROR("Recycle OS Agent. Agent %s is OS Agent %s\n", QOR_N(name), QOR_N(name));
   setRecycleOS(true);
-  std::string answer;
-  const int rc = sendWDCommand("622 RECYCLE", answer);
-  QOR_TRACE_STORY("Result of command: %d, %s \n", rc, answer.c_str());
+  const int rc = sendWDCommand("622 RECYCLE");
+  QOR_TRACE_STORY("Result of command: %d, %s \n", rc, "622 RECYCLE");
   if (rc == 0) return 0;
   setRecycleOS(false);
   return -1;
@@ -339,9 +331,8 @@ int Controller::resetOSAgentCount(const std::wstring& name, const std::wstring& 
     return 603;
   }
   QOR_TRACE_ERROR("Reset OS Agent Restart Count. Agent %s is OS Agent %s\n", QOR_N(name), QOR_N(name));
-  std::string answer;
-  const int rc = sendWDCommand("622 RESET_COUNT", answer);
-  QOR_TRACE_STORY("Result of command: %d, %s \n", rc, answer.c_str());
+  const int rc = sendWDCommand("622 RESET_COUNT");
+  QOR_TRACE_STORY("Result of command: %d, %s \n", rc, "622 RESET_COUNT");
   if (rc != 0) return -1;
   // The next snapshot with an update asks the watchdog process again.
   if (watchdogList.lockList()) {

@@ -80,10 +80,12 @@ test-tsan: deps
 
 # The fuzz targets of fuzz/, built by clang with libFuzzer, AddressSanitizer
 # and UBSan. `make test` replays their corpora in every build.
-FUZZ_TARGETS := fuzz_cap_file fuzz_value_parsers fuzz_env_subst fuzz_state_file
+FUZZ_TARGETS := fuzz_cap_file fuzz_value_parsers fuzz_env_subst fuzz_state_file fuzz_socket_request
 FUZZ_TARGET  ?= fuzz_cap_file
 FUZZ_TIME    ?= 600
 FUZZ_RUNS    ?= -1
+# A target's own dictionary, fuzz/<target>.dict, when it has one.
+FUZZ_DICT    ?= $(if $(wildcard fuzz/$(FUZZ_TARGET).dict),fuzz/$(FUZZ_TARGET).dict,fuzz/cap.dict)
 
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -94,7 +96,7 @@ fuzz: deps
 # $(FUZZ_DIR)/findings/<target>; the committed corpus is only read.
 fuzz-run: fuzz
 	@mkdir -p $(FUZZ_DIR)/corpus/$(FUZZ_TARGET) $(FUZZ_DIR)/findings/$(FUZZ_TARGET)
-	$(FUZZ_DIR)/fuzz/$(FUZZ_TARGET) -dict=fuzz/cap.dict -max_total_time=$(FUZZ_TIME) -runs=$(FUZZ_RUNS) \
+	$(FUZZ_DIR)/fuzz/$(FUZZ_TARGET) -dict=$(FUZZ_DICT) -max_total_time=$(FUZZ_TIME) -runs=$(FUZZ_RUNS) \
 	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/findings/$(FUZZ_TARGET)/ \
 	  $(FUZZ_DIR)/corpus/$(FUZZ_TARGET) fuzz/corpus/$(FUZZ_TARGET)
 

@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "core/qorevthand.h"
+#include "e2e/embedded.h"
+#include "include/qorapi.h"
 #include "interfaces/qorsockclient.h"
 #include "interfaces/socktest.h"
 
@@ -248,6 +250,7 @@ TEST_F(TeoSocket, AStateCommandForTheManagedOSAgentRecyclesItThroughTheWatchdogP
   EXPECT_TRUE(ListedAgents::commandsQueued().empty());
   EXPECT_EQ(2, traced("Recycle OS Agent.\n"));
   EXPECT_EQ(2, traced("Result of command: 0, 622 RECYCLE \n"));
+  ASSERT_TRUE(thread->waitInAccept());
   EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, peer.thread.stop());
 }
 
@@ -259,6 +262,9 @@ TEST_F(TeoSocket, ARefusedOrUnansweredRecycleOfTheOSAgentAnswersMinusOne) {
     ASSERT_TRUE(peer.thread.start());
     EXPECT_EQ("-1", ask("622 recycle qb"));
     EXPECT_EQ(1, traced("Result of command: 302, 622 RECYCLE \n"));
+    // The shutdown flag is the whole process's: the other server must be
+    // waiting in accept, where it does not look, while it is set.
+    ASSERT_TRUE(thread->waitInAccept());
     EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, peer.thread.stop());
   }
   // Nobody listens on .teo_wd_sock any longer: the client's 3.
@@ -569,6 +575,7 @@ TEST_F(SocketTest, BothSocketFilesGiveOthersNoRightsAndTheUmaskIsPutBack) {
   umask(before);
   EXPECT_EQ(1, traced("Socket path = " + teo.getSocketPath() + "\n"));
   EXPECT_EQ(2, traced("Established socket server.\n"));
+  ASSERT_TRUE(watchdogThread.waitInAccept());
   EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, teoThread.stop());
   EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, watchdogThread.stop());
   // The file stays behind at shutdown; the next start removes it.
@@ -615,6 +622,7 @@ TEST_F(SocketTest, TheSocketFileOfARunningPeerIsTakenOverSinceUnlinkDoesNotAsk) 
   ASSERT_TRUE(secondThread.start());
   EXPECT_EQ("2", answerTo(dir.file(".teo_sock"), "622 x"));
   EXPECT_EQ("1", answerTo(dir.file("first"), "622 x"));
+  ASSERT_TRUE(firstThread.waitInAccept());
   EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, secondThread.stop());
   EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, firstThread.stop(dir.file("first")));
 }
@@ -808,4 +816,74 @@ TEST_F(InUtc, ShorteningCutsWholeCharactersNeverAByteOfOne) {
   EXPECT_GT(kept.size(), 0u);
   for (size_t i = 0; i < kept.size(); i += 2) EXPECT_EQ("\xc3\xa4", kept.substr(i, 2));
   unsetenv("LC_ALL");
+}
+
+// ---- The servers in the running service -----------------------------------------------
+// The Controller starts the server of its mode at its place in the startup;
+// each test is a process of its own, since the service starts once.
+
+namespace {
+
+class RunningService : public e2e::EmbeddedService {
+ protected:
+  // A running program of product code qg, managed and left alone: it runs.
+  void runManagedAgent() {
+    programs.start("qorsockqgd");
+    captest::Subagent agent = e2e::agentFor("sock.qg", "Socket agent", programs, "qorsockqgd", start, 3);
+    agent.productCode = "<productCode>qg</productCode>";
+    writeAgent("qg.xml", agent);
+  }
+  std::string teoSock() { return work.file(".teo_sock"); }
+};
+
+mode_t modeOf(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 ? status.st_mode : 0;
+}
+
+}  // namespace
+
+TEST_F(RunningService, TheEmbeddedServiceServesTeoSockAndTheListenersHearTheStateReported) {
+  runManagedAgent();
+  startService();
+  ASSERT_TRUE(waitForState("sock.qg", OpRunning, 10000)) << trace();
+  EXPECT_TRUE(S_ISSOCK(modeOf(teoSock())));
+  EXPECT_EQ(0u, modeOf(teoSock()) & 007);
+  EXPECT_EQ("0", answerTo(teoSock(), "622 started qg"));
+  EXPECT_TRUE(qortest::waitFor([&] { return heard.count("Socket agent", agent_started) == 1; }, 10000))
+      << trace();
+  EXPECT_EQ("202", answerTo(teoSock(), "622 stopped qz"));
+  EXPECT_EQ("0|", answerTo(teoSock(), "622 QUERY OS_RESTART_COUNT"));
+  EXPECT_FALSE(qortest::fileExists(work.file(".teo_wd_sock")));
+}
+
+TEST(RunningWatchdogService, TheWatchdogProcessServesTeoWdSockForItsOSAgent) {
+  qortest::TempDir caps;
+  qortest::TempDir work;
+  e2e::Programs programs;
+  setenv("QOR_CAP_DIR", caps.path().c_str(), 1);
+  setenv("QOR_IP_DIR", work.path().c_str(), 1);
+  qortest::traceTo(work.file("trace"), 128);
+  programs.start("qorsockosd");
+  captest::Subagent os;
+  os.id = "sock.os";
+  os.agentName = "<agentName>Socket OS agent</agentName>";
+  os.procName = "<procName>qorsockosd</procName>";
+  os.productCode = "<productCode>qb</productCode>";
+  os.agentPath = "<agentPath>" + programs.path("qorsockosd") + "</agentPath>";
+  os.managerType = "<managerType>WatchDog</managerType>";
+  qortest::writeFile(caps.file("os.xml"), captest::document(os));
+
+  QOR_QueryService* service = QOR_QueryService::initWatchdogService();
+  service->startQueryService();
+  const std::string wdSock = work.file(".teo_wd_sock");
+  EXPECT_TRUE(S_ISSOCK(modeOf(wdSock)));
+  EXPECT_EQ(0u, modeOf(wdSock) & 007);
+  const std::string health = answerTo(wdSock, "622 QUERY HEALTH_INFO");
+  EXPECT_EQ(0u, health.find("0|")) << health;
+  EXPECT_EQ("603", answerTo(wdSock, "622 RESET_COUNT"));
+  EXPECT_EQ("$$NODATA", answerTo(wdSock, "622 QUERY EVENT_DATA"));
+  EXPECT_EQ("120", answerTo(wdSock, "622 started qb"));
+  EXPECT_FALSE(qortest::fileExists(work.file(".teo_sock")));
+  service->releaseQueryService(false);
 }

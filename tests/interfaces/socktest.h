@@ -211,6 +211,8 @@ class ListedAgents {
     agents_.emplace_back(new Agent());
     Agent* agent = agents_.back().get();
     Policy* policy = new Policy();  // the agent frees it
+    // A specific policy, which names its instances: setting its code lists none.
+    policy->setGeneric(false);
     policy->setProductCode(productCode);
     agent->setPolicy(policy);
     agent->setName(name);
@@ -278,6 +280,7 @@ class WatchedOSAgent {
   WatchedOSAgent(const std::wstring& name, const std::wstring& productCode, ManagedStates state)
       : agent_(new Agent()), list_(Controller::getController()->getWatchdogList()) {
     Policy* policy = new Policy();
+    policy->setGeneric(false);
     policy->setProductCode(productCode);
     policy->setManagerTypeElement(WatchDog);
     agent_->setPolicy(policy);

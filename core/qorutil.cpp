@@ -59,8 +59,9 @@ std::wstring qor_mbstowcs(const char* text) {
 char* qor_wcstombs(const std::wstring& text) {
   setLocaleFromEnvironment();
   size_t size = text.size() * 4 + 1;
-  char* result = new char[size];
-  result[0] = '\0';
+  // Zeroed: a failed conversion leaves the bytes behind its converted part
+  // as they were, and the length of that part is read up to the first zero.
+  char* result = new char[size]();
   size_t converted = wcstombs(result, text.c_str(), size);
   // A character the locale cannot express stops the conversion; what came
   // before it is kept.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -29,6 +30,20 @@ TEST(TextConversion, OneInvalidByteEmptiesTheWholeText) {
 // Each conversion sets the locale again; threads that convert at the same
 // time must each get their own text whole (and make no report under
 // ThreadSanitizer).
+TEST(TextConversion, ACharacterTheLocaleCannotExpressKeepsWhatCameBeforeAndNothingElse) {
+  // A character outside the C locale ends the conversion. The memory the
+  // result is built in held other text before: none of it may show through.
+  setenv("LC_ALL", "C", 1);
+  const std::wstring text = L"ab\u00ff" + std::wstring(60, L'c');
+  for (int round = 0; round < 20; ++round) {
+    char* earlier = new char[text.size() * 4 + 1];
+    std::memset(earlier, 'x', text.size() * 4);
+    earlier[text.size() * 4] = '\0';
+    delete[] earlier;
+    EXPECT_EQ("ab", qor_narrow(text));
+  }
+}
+
 TEST(TextConversion, ThreadsThatConvertAtOnceEachGetTheirText) {
   setenv("LC_ALL", "C.UTF-8", 1);
   std::vector<int> wrong(4, 0);

@@ -1,4 +1,6 @@
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -7,6 +9,7 @@
 
 #include "cap/capfiles.h"
 #include "cap/qorxmlproc.h"
+#include "interfaces/socktest.h"
 #include "support/qortest.h"
 
 namespace {
@@ -218,3 +221,183 @@ TEST_F(QorctlValidate, TracesOnlyWhenAskedFor) {
 }
 
 }  // namespace
+
+// ---- notify ---------------------------------------------------------------------------
+// qorctl as a child process against a server of the test on .teo_sock.
+
+namespace {
+
+class QorctlNotify : public ::testing::Test {
+ protected:
+  QorctlNotify() {
+    unsetenv("QOR_TRACE_LEVEL");
+    unsetenv("QOR_TRACE_FILE");
+    unsetenv("QOR_SOCKET_ANSWER_WAIT");
+    setenv("QOR_IP_DIR", dir.path().c_str(), 1);
+  }
+  qortest::RunResult qorctl(std::vector<std::string> args, const std::vector<std::string>& env = {}) {
+    args.insert(args.begin(), qortest::binaryDir() + "/tools/qorctl");
+    return qortest::runProgram(args, env);
+  }
+  // qorctl run as the user nobody, with `groups` as its groups.
+  qortest::RunResult asNobody(std::vector<std::string> args, const std::string& groups) {
+    std::vector<std::string> command = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534"};
+    command.push_back(groups.empty() ? "--clear-groups" : "--groups=" + groups);
+    command.push_back(qortest::binaryDir() + "/tools/qorctl");
+    command.insert(command.end(), args.begin(), args.end());
+    return qortest::runProgram(command);
+  }
+  std::string socketPath() { return dir.file(".teo_sock"); }
+
+  qortest::TempDir dir;
+};
+
+// The line of standard error for wrong usage.
+std::string usage(const std::string& text) { return "qorctl notify: " + text + " (try qorctl --help)\n"; }
+
+}  // namespace
+
+TEST_F(QorctlNotify, HelpTellsTheStatesTheAnswersAndWhoMayUseTheSocket) {
+  qortest::RunResult run = qorctl({"--help"});
+  EXPECT_EQ(0, run.exitCode);
+  EXPECT_NE(std::string::npos, run.out.find("notify STATE [-o INSTANCE] PRODUCT_CODE [--ip-dir DIR]"));
+  EXPECT_NE(std::string::npos, run.out.find("    started    the agent has come up\n"));
+  EXPECT_NE(std::string::npos, run.out.find("    0    accepted: the event is queued for the agent"));
+  EXPECT_NE(std::string::npos, run.out.find("    202  no agent has this product code (and instance)"));
+  EXPECT_NE(std::string::npos, run.out.find("    3    the service's socket could not be reached\n"));
+  EXPECT_NE(std::string::npos, run.out.find("Only the owner and the group of the service's process"));
+  EXPECT_NE(std::string::npos, run.out.find("Exit status: 0 when the answer is 0, 1 for any other answer"));
+}
+
+TEST_F(QorctlNotify, WrongUsageIsRefusedBeforeAnythingIsSent) {
+  const struct {
+    std::vector<std::string> args;
+    std::string error;
+  } cases[] = {
+      {{"notify"}, "no STATE given"},
+      {{"notify", "restart", "qg"},
+       "unknown STATE 'restart': starting, stopping, started, stopped or recycle"},
+      {{"notify", "Started", "qg"},
+       "unknown STATE 'Started': starting, stopping, started, stopped or recycle"},
+      {{"notify", "started"}, "no PRODUCT_CODE given"},
+      {{"notify", "started", "-o", "db1"}, "no PRODUCT_CODE given"},
+      {{"notify", "started", "qg", "qh"}, "one PRODUCT_CODE only, 'qh' is one too many"},
+      {{"notify", "started", "qg", "-o"}, "-o needs an INSTANCE"},
+      {{"notify", "started", "-o", "db 1", "qg"}, "INSTANCE 'db 1' may hold no blank and no QUERY"},
+      {{"notify", "started", "-o", "", "qg"}, "INSTANCE '' may hold no blank and no QUERY"},
+      {{"notify", "started", "myQUERY"}, "PRODUCT_CODE 'myQUERY' may hold no blank and no QUERY"},
+      {{"notify", "started", "-p", "db1", "qg"}, "unknown option '-p'"},
+      {{"notify", "started", "qg", "--ip-dir"}, "--ip-dir needs a DIR"},
+  };
+  for (const auto& each : cases) {
+    qortest::RunResult run = qorctl(each.args);
+    EXPECT_EQ(2, run.exitCode) << each.error;
+    EXPECT_EQ(usage(each.error), run.err);
+    EXPECT_EQ("", run.out);
+  }
+  unsetenv("QOR_IP_DIR");
+  qortest::RunResult run = qorctl({"notify", "started", "qg"});
+  EXPECT_EQ(2, run.exitCode);
+  EXPECT_EQ(usage("no socket directory: set QOR_IP_DIR or give --ip-dir DIR"), run.err);
+}
+
+TEST_F(QorctlNotify, TheRequestGoesOutAsTheServiceReadsItAndZeroExitsZero) {
+  socktest::ScriptedServer server("/.teo_sock", 0);
+  socktest::ServerThread thread(server);
+  ASSERT_TRUE(thread.start());
+  qortest::RunResult run = qorctl({"notify", "started", "-o", "db1", "qg"});
+  EXPECT_EQ(0, run.exitCode) << run.err;
+  EXPECT_EQ(
+      "qorctl notify: started qg: 0 (accepted: the event is queued for the agent (for the OS agent: the "
+      "watchdog process will recycle it))\n",
+      run.out);
+  EXPECT_EQ("", run.err);
+  // --ip-dir wins over the variable, in either form.
+  unsetenv("QOR_IP_DIR");
+  EXPECT_EQ(0, qorctl({"notify", "recycle", "qg", "--ip-dir", dir.path()}).exitCode);
+  EXPECT_EQ(0, qorctl({"notify", "stopping", "--ip-dir=" + dir.path(), "qg"}).exitCode);
+  EXPECT_EQ((std::vector<std::string>{"622 started -o db1 qg", "622 recycle qg", "622 stopping qg"}),
+            server.requests());
+  EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, thread.stop());
+}
+
+TEST_F(QorctlNotify, AnyOtherAnswerExitsOneWithItsMeaning) {
+  for (int code : {202, 1, -1, 200, 120, 77}) {
+    socktest::ScriptedServer server("/.teo_sock", code);
+    socktest::ServerThread thread(server);
+    ASSERT_TRUE(thread.start());
+    qortest::RunResult run = qorctl({"notify", "stopped", "qz"});
+    EXPECT_EQ(1, run.exitCode) << code;
+    EXPECT_EQ(0u, run.out.find("qorctl notify: stopped qz: " + std::to_string(code) + " (")) << run.out;
+    EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, thread.stop());
+  }
+  socktest::ScriptedServer server("/.teo_sock", 202);
+  socktest::ServerThread thread(server);
+  ASSERT_TRUE(thread.start());
+  EXPECT_EQ(
+      "qorctl notify: stopped qz: 202 (no agent has this product code (and instance), and it is not the OS "
+      "agent's)\n",
+      qorctl({"notify", "stopped", "qz"}).out);
+  EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, thread.stop());
+}
+
+TEST_F(QorctlNotify, WithoutASocketFileItAsksWhetherTheServiceRuns) {
+  qortest::RunResult run = qorctl({"notify", "started", "qg"});
+  EXPECT_EQ(1, run.exitCode);
+  EXPECT_EQ(
+      "qorctl notify: started qg: 3 (the service's socket could not be reached: there is no socket file " +
+          socketPath() +
+          ": is qorhost (or the program that embeds the service) running with this socket directory?)\n",
+      run.out);
+}
+
+TEST_F(QorctlNotify, ASocketFileNobodyListensOnIsALeftOver) {
+  {
+    socktest::ScriptedServer server("/.teo_sock", 0);
+    socktest::ServerThread thread(server);
+    ASSERT_TRUE(thread.start());
+    EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, thread.stop());
+  }
+  qortest::RunResult run = qorctl({"notify", "started", "qg"});
+  EXPECT_EQ(1, run.exitCode);
+  EXPECT_EQ("qorctl notify: started qg: 3 (the service's socket could not be reached: nobody answers on " +
+                socketPath() +
+                ": is qorhost running? The file may be left over from a service that has stopped.)\n",
+            run.out);
+}
+
+TEST_F(QorctlNotify, OthersMayNotUseTheSocketButTheGroupMay) {
+  if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0) GTEST_SKIP() << "needs root and setpriv";
+  socktest::ScriptedServer server("/.teo_sock", 0);
+  socktest::ServerThread thread(server);
+  ASSERT_TRUE(thread.start());
+  const std::string group = std::to_string(getegid());
+  // The directory closed to others: nobody cannot even look.
+  ASSERT_EQ(0, chmod(dir.path().c_str(), 0750));
+  qortest::RunResult shut = asNobody({"notify", "started", "qg"}, "");
+  EXPECT_EQ(1, shut.exitCode) << shut.err;
+  EXPECT_NE(std::string::npos,
+            shut.out.find(": 3 (the service's socket could not be reached: you may not enter the "
+                          "socket directory of " +
+                          socketPath() + ": you need to be in the group"))
+      << shut.out;
+  // The directory open, the socket file as the server made it: no rights for others.
+  ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
+  qortest::RunResult refused = asNobody({"notify", "started", "qg"}, "");
+  EXPECT_EQ(1, refused.exitCode) << refused.err;
+  struct group* owner = getgrgid(getegid());
+  ASSERT_NE(nullptr, owner);
+  EXPECT_NE(
+      std::string::npos,
+      refused.out.find(": 3 (the service's socket could not be reached: you may not use " + socketPath() +
+                       ": you need to be in the group of the service's "
+                       "process (" +
+                       std::string(owner->gr_name) + "), or be its owner)"))
+      << refused.out;
+  // A member of the process's group may.
+  qortest::RunResult member = asNobody({"notify", "started", "qg"}, group);
+  EXPECT_EQ(0, member.exitCode) << member.out << member.err;
+  EXPECT_EQ((std::vector<std::string>{"622 started qg"}), server.requests());
+  chmod(dir.path().c_str(), 0700);
+  EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, thread.stop());
+}

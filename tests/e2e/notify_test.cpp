@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "e2e/e2ehelp.h"
+#include "interfaces/socktest.h"
 #include "support/qortest.h"
 
 namespace {
@@ -29,6 +30,8 @@ class Notify : public ::testing::Test {
   void startHost() {
     host.reset(new Host(caps.path(), work.path(), work.file("trace"), 128 | 256, {programs.env()}));
     ASSERT_TRUE(host->waitForListing(1)) << host->child().out() << host->child().err();
+    // The socket server binds on a thread of its own, in its own time.
+    ASSERT_TRUE(qortest::waitFor([&] { return socktest::listening(work.file(".teo_sock")) == 1; }, 10000));
   }
   qortest::RunResult notify(const std::vector<std::string>& args) {
     std::vector<std::string> command = {e2e::tool("qorctl"), "notify"};

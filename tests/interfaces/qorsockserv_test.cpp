@@ -847,6 +847,8 @@ TEST_F(RunningService, TheEmbeddedServiceServesTeoSockAndTheListenersHearTheStat
   runManagedAgent();
   startService();
   ASSERT_TRUE(waitForState("sock.qg", OpRunning, 10000)) << trace();
+  // The server thread binds in its own time after the start.
+  ASSERT_TRUE(qortest::waitFor([&] { return socktest::listening(teoSock()) == 1; }, 10000)) << trace();
   EXPECT_TRUE(S_ISSOCK(modeOf(teoSock())));
   EXPECT_EQ(0u, modeOf(teoSock()) & 007);
   EXPECT_EQ("0", answerTo(teoSock(), "622 started qg"));
@@ -877,6 +879,7 @@ TEST(RunningWatchdogService, TheWatchdogProcessServesTeoWdSockForItsOSAgent) {
   QOR_QueryService* service = QOR_QueryService::initWatchdogService();
   service->startQueryService();
   const std::string wdSock = work.file(".teo_wd_sock");
+  ASSERT_TRUE(qortest::waitFor([&] { return socktest::listening(wdSock) == 1; }, 10000));
   EXPECT_TRUE(S_ISSOCK(modeOf(wdSock)));
   EXPECT_EQ(0u, modeOf(wdSock) & 007);
   const std::string health = answerTo(wdSock, "622 QUERY HEALTH_INFO");

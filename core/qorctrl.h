@@ -324,7 +324,8 @@ class Controller {
   CommandHandler* getCommandHandler() { return commandHandler; }
   WorkerThreadVector* getWorkerThreads() { return &workerThreads; }
   XMLprocessor* getXMLProcessor() { return xmlProcessor; }
-  Message_Cache* getWDCache() { return wdCache; }
+  // The event cache, or null in embedded mode and after shutdown. Any thread.
+  Message_Cache* getWDCache() { return wdCache.load(std::memory_order_acquire); }
   // Requires: managedEndpointProcesses locked by the caller.
   std::vector<Policy*>& getPolicies() { return policies; }
   // The process table of the initial scan; for the command handler thread
@@ -353,6 +354,8 @@ class Controller {
   void shutdownTEO();
   void requestLoop();
   void waitForAVShutdown();
+  // Watchdog mode, step 5 of shutdownTEO: the cache's listener out, the cache deleted.
+  void deleteWDCache();
   void waitForDIShutdown();
 
   // ---- cap/qorcapstate.cpp ------------------------------------------------
@@ -454,7 +457,9 @@ class Controller {
   // Guarded by the watchdogList lock.
   time_t watchdogListChecked;
   bool watchdogDataValid;
-  Message_Cache* wdCache;  // watchdog mode: created and deleted by the TEO thread
+  // Watchdog mode: created and deleted by the TEO thread, read by the message
+  // handler and the socket server threads, hence atomic.
+  std::atomic<Message_Cache*> wdCache;
   pthread_t teoThread;
   Rendezvous startupRendezvous;  // startupComplete
   // The request rendezvous.

@@ -9,6 +9,7 @@
 #include "core/qorlock.h"
 #include "core/qormsghand.h"
 #include "core/qorutil.h"
+#include "interfaces/qormsgcache.h"
 #include "interfaces/qorsockserv.h"
 #include "platform/log1.h"
 
@@ -198,9 +199,9 @@ void Controller::startTEOThread() {
   QOR_TRACE_STORY("Enter wait for TEO startup complete.\n");
   waitStandard(startupRendezvous, true);
   QOR_TRACE_STORY("startup complete message received.\n");
-  // Stand-in: embedded mode collects here what the watchdog process cached
-  // while this service was down (Message_Cache::receiveCachedEvents,
-  // interfaces/qormsgcache.cpp).
+  // What the watchdog process saw while this service was down reaches the
+  // listeners now, with the times at which it happened.
+  if (!isWatchDog) Message_Cache::receiveCachedEvents();
 }
 
 void* TEOThreadEntry(void* /*unused*/) {
@@ -212,8 +213,12 @@ void Controller::TEOThreadExecution() {
   QOR_TRACE_FUNCTION();
   startMessageHandler();
   startCommandHandler();
-  // Stand-in: watchdog mode creates its event cache here and registers its
-  // listener (Message_Cache, interfaces/qormsgcache.cpp).
+  // The cache listens from before the initial discovery on, so that it sees
+  // all that the command handler produces.
+  if (isWatchDog) {
+    wdCache.store(new Message_Cache(), std::memory_order_release);
+    messageHandler->registerListener(Message_Cache::Listener);
+  }
 
   clearRendezvous(initialDiscoveryRendezvous);
   initialDiscovery();
@@ -302,14 +307,28 @@ void Controller::shutdownTEO() {
   waitForAVShutdown();
   if (!isWatchDog && discoveryInterval != 0) waitForDIShutdown();
 
-  // Stand-in: watchdog mode deregisters and deletes its event cache here
-  // (interfaces/qormsgcache.cpp).
+  if (isWatchDog) deleteWDCache();
 
   // Kept: neither handler thread is waited for; each leaves when it sees its queue shut.
   QOR_TRACE_STORY("Shutdown command handler thread.\n");
   commandHandler->requestShutdown();
   QOR_TRACE_STORY("Shutdown message handler thread.\n");
   messageHandler->requestShutdown();
+}
+
+void Controller::deleteWDCache() {
+  QOR_TRACE_FUNCTION();
+  messageHandler->deregisterListener(Message_Cache::Listener);
+  // A listener stays registered for the life of the process, so an event that
+  // the message handler still delivers would reach a deleted cache. The
+  // pointer is nulled under the listener lock, which every delivery holds:
+  // a delivery under way ends first, and a later one finds no cache.
+  Message_Cache* cache = nullptr;
+  if (messageHandler->lockListenerList()) {
+    cache = wdCache.exchange(nullptr, std::memory_order_acq_rel);
+    messageHandler->unlockListenerList();
+  }
+  delete cache;
 }
 
 void Controller::waitForAVShutdown() {

@@ -19,6 +19,7 @@
 #include "core/qorevt.h"
 #include "core/qorevthand.h"
 #include "core/qorutil.h"
+#include "interfaces/qormsgcache.h"
 #include "interfaces/qorsockclient.h"
 #include "platform/log1.h"
 #include "platform/osv1.h"
@@ -430,9 +431,9 @@ int TEOSocketServer::executeCommand(char* request, Controller* controller) {
   const int head = readCommandHead(tokens, whole.c_str(), commandToken, QOR_TRACE_CONTEXT());
   if (head != 0) return QOR_TRACE_RETURN(head);
   if (strcmp(commandToken, "EVENT_DATA") == 0) {
-    // Stand-in: Message_Cache::receiveCachedEvents collects here what the
-    // watchdog process cached (interfaces/qormsgcache.cpp); until it lands
-    // there is nothing to collect.
+    // The watchdog process asks for its cache to be drained; it waits for this
+    // answer, and its socket server, not its message handler, serves the drain.
+    Message_Cache::receiveCachedEvents();
     return QOR_TRACE_RETURN(0);
   }
   const StateCommand* command = stateCommand(commandToken);
@@ -606,11 +607,11 @@ std::string WatchdogSocketServer::executeQuery(char* request, Controller* contro
   const char* query = readQueryHead(tokens, whole.c_str(), QOR_TRACE_CONTEXT());
   if (query == nullptr) return std::string();
   if (strcmp(query, "EVENT_DATA") == 0) {
-    // Stand-in: with the event cache (Controller::getWDCache,
-    // Message_Cache::popCachedEvent, interfaces/qormsgcache.cpp) the oldest
-    // cached event's record is answered here; until it lands the cache is
-    // missing, which answers as an empty one.
+    // A missing cache answers as an empty one; the pop leaves the answer as
+    // it was when nothing is cached.
     std::string answer = "$$NODATA";
+    Message_Cache* cache = controller->getWDCache();
+    if (cache != nullptr) cache->popCachedEvent(answer);
     QOR_TRACE_STORY("Answer returned: %s\n", answer.c_str());
     return answer;
   }

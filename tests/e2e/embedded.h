@@ -43,6 +43,11 @@ class HeardEvents : public QOR_LogListener {
     }
     return found;
   }
+  // Every event heard so far, in order.
+  std::vector<std::string> all() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+  }
   // How many events are exactly `line`.
   int exactly(const std::string& line) {
     std::lock_guard<std::mutex> lock(mutex_);

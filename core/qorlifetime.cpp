@@ -23,8 +23,8 @@ QOR_TRACE_UNIT();
 
 QOR_QueryService* QOR_QueryService::m_pQSInstance = nullptr;
 int QOR_QueryService::m_referenceCount = 0;
-bool QOR_QueryService::m_bIsStarted = false;
-bool QOR_QueryService::m_bIsInitialized = false;
+std::atomic<bool> QOR_QueryService::m_bIsStarted(false);
+std::atomic<bool> QOR_QueryService::m_bIsInitialized(false);
 
 namespace {
 

@@ -7,6 +7,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -184,8 +185,10 @@ class QOR_EXPORT QOR_QueryService {
 
   static QOR_QueryService* m_pQSInstance;
   static int m_referenceCount;
-  static bool m_bIsStarted;
-  static bool m_bIsInitialized;
+  // Read by commands and listener registration on any thread while the
+  // embedder's lifetime thread sets or clears them.
+  static std::atomic<bool> m_bIsStarted;
+  static std::atomic<bool> m_bIsInitialized;
 
   // Each list is guarded by the mutex of its kind, which the lock and unlock
   // calls above take and give back; ProcessEvent holds it while it calls the

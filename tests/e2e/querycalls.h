@@ -201,6 +201,14 @@ inline captest::Subagent gatedAgent(const std::string& id, const std::string& na
   return agent;
 }
 
+// A record of the state file as the service writes it, for a console agent.
+inline std::string stateRecord(const std::string& id, const std::string& process, int managed,
+                               const std::string& name, int state, int count, const std::string& path) {
+  return "*\n6.2.2.2\n" + id + "\n" + process + "\n\n\n" + std::to_string(managed) + "\n" + name + "\n" +
+         std::to_string(state) + "\n" + process + "\n0\n" + std::to_string(count) + "\n" + path +
+         "\n1\n\n\n0\n*\n";
+}
+
 // One row of a table of commands: the call and the code it must return, the
 // events heard after it, exactly and in order, and the operating state the
 // agent settles in. A row with no call only arranges something (a gate held or
@@ -213,6 +221,8 @@ struct Row {
   int code = 0;
   std::vector<std::string> heard;
   int state = -1;
+  // The subagent id of the agent that `state` is of, when not the walk's own.
+  std::string agent;
   // An error trace that the call writes once, when the code alone does not
   // tell which refusal it was.
   std::string traced;
@@ -244,6 +254,12 @@ inline Row step(const std::string& what, const std::function<void()>& arrange,
   row.arrange = arrange;
   row.heard = heard;
   row.state = state;
+  return row;
+}
+
+// The row, with its state taken of the agent `agent`.
+inline Row of(const std::string& agent, Row row) {
+  row.agent = agent;
   return row;
 }
 
@@ -315,8 +331,9 @@ class QueryService : public EmbeddedService {
         EXPECT_EQ(row.heard, std::vector<std::string>(lines.begin() + cursor, lines.begin() + expected));
         cursor = expected;
       }
+      const std::string& agent = row.agent.empty() ? id : row.agent;
       if (row.state >= 0) {
-        ASSERT_TRUE(waitForState(id, row.state, 15000)) << "state " << seen(id).state;
+        ASSERT_TRUE(waitForState(agent, row.state, 15000)) << agent << " in state " << seen(agent).state;
       }
     }
   }

@@ -52,14 +52,6 @@ constexpr int kRunning = 4;
 constexpr int kStoppedByHand = 5;
 constexpr int kStopping = 6;
 
-// A record of the state file as the service writes it, for a console agent.
-std::string stateRecord(const std::string& id, const std::string& process, int managed,
-                        const std::string& name, int state, int count, const std::string& path) {
-  return "*\n6.2.2.2\n" + id + "\n" + process + "\n\n\n" + std::to_string(managed) + "\n" + name + "\n" +
-         std::to_string(state) + "\n" + process + "\n0\n" + std::to_string(count) + "\n" + path +
-         "\n1\n\n\n0\n*\n";
-}
-
 class QueryCodes : public e2e::QueryService {
  protected:
   // The coded agent runs and has two restarts behind it today; the OS agent,
@@ -68,11 +60,11 @@ class QueryCodes : public e2e::QueryService {
     programs.start("qorqcoded");
     writeAgent("coded.xml", e2e::gatedAgent("e2e.coded", kCodedName, programs, "qorqcoded", gates, kRarely));
     writeCap("host.xml", hostCapFile);
-    qortest::writeFile(
-        caps.file("teo.dat"),
-        "2\n" +
-            stateRecord("e2e.coded", "qorqcoded", 1, kCodedName, kRunning, 2, programs.path("qorqcoded")) +
-            stateRecord("e2e.host", "qorhost", 2, "Embedding host", kUnknown, 1, e2e::tool("qorhost")));
+    qortest::writeFile(caps.file("teo.dat"), "2\n" +
+                                                 e2e::stateRecord("e2e.coded", "qorqcoded", 1, kCodedName,
+                                                                  kRunning, 2, programs.path("qorqcoded")) +
+                                                 e2e::stateRecord("e2e.host", "qorhost", 2, "Embedding host",
+                                                                  kUnknown, 1, e2e::tool("qorhost")));
     startService();
     hearFromNowOn();
   }

@@ -404,6 +404,13 @@ class Controller {
   int recycleOne(Agent* agent);
   int resetOne(Agent* agent);
   int resetOSAgentCount(const std::wstring& name, const std::wstring& process);
+  // The two ends of startManage. Requires (both): the discovery mutex held
+  // by the caller, and no list lock. manageFound looks the name up again and
+  // queues the events with the list locked: 0, 404, or 401 when the name has
+  // no agent any more. manageOSAgentByName answers for a name that no agent
+  // of the list has: the OS agent's, or nobody's (401).
+  int manageFound(const std::wstring* criteria);
+  int manageOSAgentByName(const std::wstring& name);
 
   // ---- agents/qortrans.cpp ------------------------------------------------
   // The row groups of the two transition tables.

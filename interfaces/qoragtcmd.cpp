@@ -363,36 +363,38 @@ int Controller::startManage(const std::wstring& name) {
   QOR_TRACE_FUNCTION();
   std::wstring criteria[MATCH_CRITERIA_COUNT];
   criteria[0] = name;
-  int result = 401;
   QOR_TRACE_STATUS("Start management for agent %s\n", QOR_N(name));
   QOR_TRACE_DETAIL("Lock discovery\n");
   // Held to the end, so that neither discovery nor a CAP file changes the
   // instances between the lookup and the events.
   if (!lockDiscovery()) return -1;
   std::vector<Agent*> agents = getManagedEndpointProcessLOCK(MATCH_NAME, criteria);
+  int result = 401;
   if (!agents.empty()) {
     // Stand-in: discoveryZELInstances(agents.front()->getPolicy()) brings the
     // agent's instances up to date here; it comes with instance discovery
     // (interfaces/qordisc.cpp). Until then the lookup below finds what the
     // first one found.
-    agents = getManagedEndpointProcessLOCK(MATCH_NAME, criteria);
+    result = manageFound(criteria);
   }
+  if (result == 401) result = manageOSAgentByName(name);
+  QOR_TRACE_DETAIL("Unlock discovery\n");
+  unlockDiscovery();
+  return result;
+}
+
+int Controller::manageFound(const std::wstring* criteria) {
+  QOR_TRACE_FUNCTION();
+  // The list stays locked from the lookup to the last event: the command
+  // handler changes these agents meanwhile, and may even delete them.
+  if (!managedEndpointProcesses.lockList()) {
+    QOR_TRACE_ERROR("Error obtaining lock on managedEndpointProcesses.");
+    return 401;
+  }
+  std::vector<Agent*> agents = getManagedEndpointProcess(MATCH_NAME, criteria);
+  int result = 401;
   if (agents.empty()) {
-    bool managed = false;
-    int count = 0;
-    ManagerType managerType = NotManaged;
-    if (!isOSAgent(name, managed, count, managerType)) {
-      QOR_TRACE_ERROR("Start management failed. Agent %s not found\n", QOR_N(name));
-    } else if (managerType == NotManaged) {
-      QOR_TRACE_ERROR("OS agent manager type is NotManage do not allow to manage.\n");
-      result = -1;
-    } else if (managed) {
-      QOR_TRACE_ERROR("OS agent is already managed....do nothing.\n");
-      result = 0;
-    } else {
-      StartManageTEO();
-      result = 0;
-    }
+    // Gone since the first lookup: the name may still be the OS agent's.
   } else if (!isOSAgentManaged()) {
     QOR_TRACE_ERROR("Start management failed. Cannot manage agents while os agent is unmanaged\n");
     result = 404;
@@ -404,9 +406,29 @@ int Controller::startManage(const std::wstring& name) {
     }
     result = 0;
   }
-  QOR_TRACE_DETAIL("Unlock discovery\n");
-  unlockDiscovery();
+  managedEndpointProcesses.unlockList();
   return result;
+}
+
+int Controller::manageOSAgentByName(const std::wstring& name) {
+  QOR_TRACE_FUNCTION();
+  bool managed = false;
+  int count = 0;
+  ManagerType managerType = NotManaged;
+  if (!isOSAgent(name, managed, count, managerType)) {
+    QOR_TRACE_ERROR("Start management failed. Agent %s not found\n", QOR_N(name));
+    return 401;
+  }
+  if (managerType == NotManaged) {
+    QOR_TRACE_ERROR("OS agent manager type is NotManage do not allow to manage.\n");
+    return -1;
+  }
+  if (managed) {
+    QOR_TRACE_ERROR("OS agent is already managed....do nothing.\n");
+    return 0;
+  }
+  StartManageTEO();
+  return 0;
 }
 
 int Controller::stopManage(const std::wstring& name) {
@@ -414,17 +436,24 @@ int Controller::stopManage(const std::wstring& name) {
   std::wstring criteria[MATCH_CRITERIA_COUNT];
   criteria[0] = name;
   int result = 500;
+  bool found = false;
   QOR_TRACE_STATUS("Stop management for agent %s\n", QOR_N(name));
-  std::vector<Agent*> agents = getManagedEndpointProcessLOCK(MATCH_NAME, criteria);
-  for (Agent* agent : agents) {
-    if (agent->getManagedState() == Managed) {
-      managementFor(agent, agent_unmanaged)->processEvent();
-      result = 0;
-    } else {
-      QOR_TRACE_ERROR("Stop manage failed. Agent %s not managed\n", QOR_N(agent->getName()));
+  // Locked from the lookup to the last event, as in startManage.
+  if (managedEndpointProcesses.lockList()) {
+    for (Agent* agent : getManagedEndpointProcess(MATCH_NAME, criteria)) {
+      found = true;
+      if (agent->getManagedState() == Managed) {
+        managementFor(agent, agent_unmanaged)->processEvent();
+        result = 0;
+      } else {
+        QOR_TRACE_ERROR("Stop manage failed. Agent %s not managed\n", QOR_N(agent->getName()));
+      }
     }
+    managedEndpointProcesses.unlockList();
+  } else {
+    QOR_TRACE_ERROR("Error obtaining lock on managedEndpointProcesses.");
   }
-  if (!agents.empty()) return result;
+  if (found) return result;
   bool managed = false;
   if (!isOSAgent(name, managed)) {
     QOR_TRACE_ERROR("Stop management failed. Agent %s not found\n", QOR_N(name));
@@ -470,10 +499,16 @@ void Controller::StartManageTEO() {
   QOR_TRACE_FUNCTION();
   manageOSAgent();
   rearm();
+  // Locked over the walk: the command handler changes the agents meanwhile.
+  if (!managedEndpointProcesses.lockList()) {
+    QOR_TRACE_ERROR("Error obtaining lock on managedEndpointProcesses.");
+    return;
+  }
   std::wstring criteria[MATCH_CRITERIA_COUNT];
-  for (Agent* agent : getManagedEndpointProcessLOCK(0, criteria)) {
+  for (Agent* agent : getManagedEndpointProcess(0, criteria)) {
     QOR_TRACE_STORY("Saved state is %d\n", static_cast<int>(agent->getSavedState()));
     if (agent->getSavedState() != Managed) continue;
     managementFor(agent, agent_managed)->processEvent();
   }
+  managedEndpointProcesses.unlockList();
 }

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -286,24 +287,26 @@ class QueryService : public EmbeddedService {
 
   // Waits until every event of the start has been heard, with an event of
   // the embedder's that goes through the same queues, and hears only what
-  // comes after it from now on. A disarm keeps a disarmed service as it was;
-  // an armed one is rearmed, which changes nothing either.
+  // comes after it from now on. The start never rearms, so the rearm's event
+  // is known for the barrier's own; a service that was disarmed is disarmed
+  // again after it, which the listeners hear as a warning, then the disarm.
   void hearFromNowOn() {
     const bool disarmed = Controller::getController()->isDisarmed();
-    if (disarmed) {
-      DisarmWatchdog(0);
-    } else {
-      RearmWatchdog(0);
-    }
-    const std::string last = disarmed ? disarmedLine() : rearmedLine();
-    ASSERT_TRUE(qortest::waitFor(
-        [&] {
-          std::vector<std::string> lines = heard.all();
-          return !lines.empty() && lines.back() == last;
-        },
-        5000))
+    ASSERT_EQ(0, heard.exactly(rearmedLine())) << joined(heard.all());
+    RearmWatchdog(0);
+    ASSERT_TRUE(qortest::waitFor([&] { return heard.exactly(rearmedLine()) == 1; }, 5000))
         << joined(heard.all());
-    cursor = heard.all().size();
+    std::vector<std::string> lines = heard.all();
+    cursor = std::find(lines.begin(), lines.end(), rearmedLine()) - lines.begin() + 1;
+    if (!disarmed) return;
+    DisarmWatchdog(0);
+    ASSERT_TRUE(qortest::waitFor([&] { return heard.all().size() >= cursor + 2; }, 5000))
+        << joined(heard.all(), cursor);
+    lines = heard.all();
+    ASSERT_EQ((std::vector<std::string>{unreliableLine(), disarmedLine()}),
+              std::vector<std::string>(lines.begin() + cursor, lines.begin() + cursor + 2));
+    cursor += 2;
+    ASSERT_TRUE(Controller::getController()->isDisarmed());
   }
 
   // Walks the rows in order. A refusal must leave nothing to hear; the

@@ -514,8 +514,16 @@ void Controller::ProcessMgmtStateChange(AgentMgmtEvent* event) {
   const bool unmanaged = event->getMgmtState() == Unmanaged;
   switch (event->getEventTypeID()) {
     case agent_managed:
-      if (unmanaged) onBecomeManaged(event);
-      if (managed) onManagedAgentReturns(event);
+      // An operator's manage raised while the agent was managed may come
+      // after an unmanage that was queued before it. The agent is then taken
+      // in as one that is not managed, as the later command asked: taken back
+      // as one already managed, it would stay unmanaged with a checker and
+      // the state of its process, and be started as another's dependent.
+      if (unmanaged || (managed && agent->getManagedState() == Unmanaged)) {
+        onBecomeManaged(event);
+      } else if (managed) {
+        onManagedAgentReturns(event);
+      }
       break;
     case agent_unmanaged:
       if (unmanaged) onStayUnmanaged(event);

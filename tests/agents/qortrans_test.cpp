@@ -325,6 +325,29 @@ TEST_F(Transitions, AManagedAgentReturningFromTheStateFileTakesTheStateOfItsProc
   EXPECT_EQ(process->pid(), agent->getProcID());
 }
 
+// Two operators' commands crossing: a manage raised while the agent was
+// still managed, applied after an unmanage that was queued before it.
+TEST_F(Transitions, AManageRaisedWhileManagedButAppliedAfterAnUnmanageTakesTheAgentInAgain) {
+  Agent* agent = listedAgent(policyFor(startProgram("qorcrossd")));
+  AgentMgmtEvent first;
+  manage(first, agent, agent_managed, Unmanaged);
+  ASSERT_EQ(Managed, agent->getManagedState());
+  AgentMgmtEvent ending;
+  manage(ending, agent, agent_unmanaged, Managed);
+  ASSERT_EQ(Unmanaged, agent->getManagedState());
+  ASSERT_EQ(nullptr, agent->getWatchdog());
+
+  AgentMgmtEvent late;
+  manage(late, agent, agent_managed, Managed);
+
+  EXPECT_EQ(Managed, agent->getManagedState());
+  ASSERT_NE(nullptr, agent->getWatchdog());
+  EXPECT_EQ(agent, agent->getWatchdog()->getAgent());
+  EXPECT_EQ(OpRunning, agent->getOperatingState());
+  EXPECT_EQ(process->pid(), agent->getProcID());
+  EXPECT_EQ(agent_managed, late.getEventTypeID());
+}
+
 TEST_F(Transitions, TheWatchdogRecordIsReportedUnreliableOnEveryUnmanagedEvent) {
   for (int mgmtState : {static_cast<int>(Unmanaged), static_cast<int>(Managed)}) {
     Agent* agent = listedAgent(policyFor(startProgram("qorwdrecd")), static_cast<ManagedStates>(mgmtState));

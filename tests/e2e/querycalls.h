@@ -1,9 +1,7 @@
-// An operator's command as the embedder sends it through QOR_QueryService,
-// written as data so that tests can list commands in tables; a call that must
-// return within a deadline; and start and stop scripts that wait at a gate the
-// test holds and opens, so that an agent stays starting or stopping for as
-// long as the test needs. Used by the end-to-end tests of the query service,
-// on the test's main thread and on threads it starts.
+// Operator commands of the query service written as data, and what the tests
+// of those commands share: a call under a deadline, start and stop scripts held
+// at a gate, a state file's record, and the walk of a table of commands with
+// the events heard after each. Used by the end-to-end tests, on any thread.
 #ifndef QOR_TESTS_E2E_QUERYCALLS_H
 #define QOR_TESTS_E2E_QUERYCALLS_H
 

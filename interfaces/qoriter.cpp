@@ -2,12 +2,17 @@
 // which the host reads them. An iterator touches no shared state after its
 // construction.
 #include <climits>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <string>
 
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
 #include "include/qorapi.h"
+#include "interfaces/qorsockclient.h"
 #include "platform/log1.h"
+#include "watchdog/qorwd.h"
 
 QOR_TRACE_UNIT();
 
@@ -45,6 +50,54 @@ bool Controller::getManagedEndpointAndPolicySnapshot(std::vector<Agent*>* agents
   return true;
 }
 
+// Brings the OS agent's record up to date: its process from /proc, and its
+// restart count and last check from the watchdog process, which is the one
+// that counts. A failed query keeps the old values. Called with the
+// watchdogList lock held; blocks on the socket at most once in 30 seconds
+// once the process has been found.
+void Controller::refreshWatchedRecord(Agent* agent, time_t now) {
+  QOR_TRACE_FUNCTION();
+  watchdogListChecked = now;
+  Watchdog* watchdog = agent->getWatchdog();
+  if (watchdog != nullptr) watchdog->collectProcessData();
+  if (agent->getProcID() == 0) {
+    agent->setOperatingState(OpUnknown);
+    return;
+  }
+  watchdogDataValid = true;
+  agent->setOperatingState(OpRunning);
+  if (watchdog != nullptr) watchdog->collectRuntimeData();
+  agent->resetChecked();
+  std::string answer;
+  const int result = sendWDQuery(std::string("622") + " " + "QUERY" + " " + "HEALTH_INFO", answer);
+  if (result != 0) return;
+  QOR_TRACE_STORY("Result of query: %d, %s \n", result, answer.c_str());
+  takeHealthInfo(agent, answer);
+}
+
+// "<count>|<mday> <mon> <year> <hour> <min> <sec> <isdst>", the date left
+// out when the watchdog process has no check recorded.
+void Controller::takeHealthInfo(Agent* agent, const std::string& answer) {
+  QOR_TRACE_FUNCTION();
+  const std::string::size_type bar = answer.find('|');
+  if (bar == std::string::npos) return;
+  int count = 0;
+  if (sscanf(answer.c_str(), "%d", &count) == 1) {
+    QOR_TRACE_STORY("setting daily restart count to: %d\n", count);
+    agent->setDailyRestartCount(count);
+  }
+  if (bar + 3 >= answer.size()) return;
+  struct tm date;
+  std::memset(&date, 0, sizeof date);
+  if (sscanf(answer.c_str() + bar + 1, "%d %d %d %d %d %d %d", &date.tm_mday, &date.tm_mon, &date.tm_year,
+             &date.tm_hour, &date.tm_min, &date.tm_sec, &date.tm_isdst) != 7) {
+    return;
+  }
+  QOR_TRACE_STORY("date %d %d %d %d %d %d %d\n", date.tm_mday, date.tm_mon, date.tm_year, date.tm_hour,
+                  date.tm_min, date.tm_sec, date.tm_isdst);
+  agent->setCheckTime(mktime(&date));
+}
+
 bool Controller::getWatchDogListSnapshot(std::vector<Agent*>* agents, bool update) {
   QOR_TRACE_FUNCTION();
   if (!watchdogList.lockList()) return false;
@@ -58,9 +111,10 @@ bool Controller::getWatchDogListSnapshot(std::vector<Agent*>* agents, bool updat
       agents->push_back(new Agent(*agent, false));
       continue;
     }
-    // Stand-in: the refresh from the watchdog process comes with OS agent
-    // supervision (interfaces/qorosagt.cpp); until then the record is copied
-    // as it stands.
+    const time_t now = time(nullptr);
+    const bool fresh = difftime(now, watchdogListChecked) <= 30.0 && watchdogDataValid;
+    if (update && !fresh) refreshWatchedRecord(agent, now);
+    // Seen from outside, the OS agent is simply managed.
     Agent* copy = new Agent(*agent, false);
     copy->setManagedState(Managed);
     agents->push_back(copy);

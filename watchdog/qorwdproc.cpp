@@ -70,9 +70,9 @@ void WatchdogMain() {
   QorCmd* commands = GetCmdManager();
   const int interval = Controller::getController()->getDiscoveryInterval();
   int ticks = 0;
-  // Stand-in: each pass also brings the OS agent's record up to date
-  // (updateOSAgent), which comes with OS agent supervision
-  // (interfaces/qorosagt.cpp).
+  // The OS agent's count is taken from the embedded service once, when the
+  // service starts (Controller::TEOThreadExecution); this loop only keeps
+  // the process alive and reaps the children left behind.
   while (!watchdogShutdown) {
     sleep(1);
     // Kept: the test uses the count before the increment, so the cleaning comes once in interval + 2 s.

@@ -1,0 +1,165 @@
+// The two processes together, as a host runs them: qorwd keeps qorhost, the
+// OS agent here, alive through a start script that launches it in the
+// background, and the two answer each other over their sockets.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "cap/capfiles.h"
+#include "e2e/e2ehelp.h"
+#include "interfaces/qorsockclient.h"
+#include "support/qortest.h"
+#include "watchdog/proctest.h"
+
+namespace {
+
+using e2e::tool;
+
+// One CAP directory and one socket directory shared by both programs, and
+// the start script through which qorwd launches qorhost. qorhost's output,
+// traces and process id are files of `run`.
+class TwoProcesses : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("QOR_IP_DIR", ips.path().c_str(), 1);
+    SOCKET_ANSWER_CYCLES = 50;
+    SOCKET_ANSWER_CYCLE_MS = 100;
+    qortest::writeFile(run.file("start-host.sh"),
+                       "#!/bin/sh\n"
+                       "echo start >>'" +
+                           run.file("starts.log") +
+                           "'\n"
+                           "'" +
+                           tool("qorhost") + "' --cap-dir '" + caps.path() + "' --ip-dir '" + ips.path() +
+                           "' --trace-level 146 --trace-file '" + run.file("host.trace") + "' >>'" +
+                           run.file("host.out") + "' 2>>'" + run.file("host.err") +
+                           "' </dev/null &\n"
+                           "echo $! >'" +
+                           run.file("host.pid") + "'\n");
+    captest::Subagent host;
+    host.id = "e2e.host";
+    host.agentName = "<agentName>Embedding host</agentName>";
+    host.procName = "<procName>qorhost</procName>";
+    host.agentPath = "<agentPath>" + tool("qorhost") + "</agentPath>";
+    host.managerType = "<managerType>WatchDog</managerType>";
+    host.checkFrequency = "<checkFrequency>5</checkFrequency>";
+    host.startScript = captest::script("startScript", "/bin/sh " + run.file("start-host.sh"));
+    qortest::writeFile(caps.file("host.xml"), captest::document(host));
+  }
+  void TearDown() override {
+    if (watchdog) {
+      watchdog->signal(SIGKILL);
+      watchdog->wait(5000);
+    }
+    for (int pid : hostPids) proctest::killProcess(pid);
+  }
+
+  void startWatchdog() {
+    watchdog.reset(new qortest::Child({tool("qorwd"), "--cap-dir", caps.path(), "--ip-dir", ips.path(),
+                                       "--trace-level", "147", "--trace-file", run.file("wd.trace")}));
+  }
+  // The qorhost that the start script launched last, once it answers on its socket.
+  int hostPid() { return std::atoi(qortest::readFile(run.file("host.pid")).c_str()); }
+  bool hostUp(int notPid = 0) {
+    return qortest::waitFor(
+        [&] {
+          const int pid = hostPid();
+          if (pid <= 0 || pid == notPid) return false;
+          remember(pid);
+          return qortest::readFile(run.file("host.trace"))
+                     .find("Enter loop for waiting for thread requests") != std::string::npos;
+        },
+        20000);
+  }
+  void remember(int pid) {
+    for (int known : hostPids)
+      if (known == pid) return;
+    hostPids.push_back(pid);
+  }
+  int starts() {
+    return static_cast<int>(qortest::linesWith(qortest::readFile(run.file("starts.log")), "start").size());
+  }
+  // qorhost's listing line of its own record, asked for with SIGUSR1.
+  std::string hostListing() {
+    const std::string before = qortest::readFile(run.file("host.out"));
+    kill(hostPid(), SIGUSR1);
+    std::string line;
+    qortest::waitFor(
+        [&] {
+          const std::string now = qortest::readFile(run.file("host.out"));
+          if (now.size() <= before.size()) return false;
+          for (const std::string& candidate :
+               qortest::linesWith(now.substr(before.size()), "' id e2e.host ")) {
+            line = candidate;
+          }
+          return !line.empty();
+        },
+        10000);
+    return line;
+  }
+
+  qortest::TempDir caps;
+  qortest::TempDir ips;
+  qortest::TempDir run;
+  std::unique_ptr<qortest::Child> watchdog;
+  std::vector<int> hostPids;
+};
+
+TEST_F(TwoProcesses, TheWatchdogStartsTheOSAgentAndAnswersForItsHealth) {
+  startWatchdog();
+  ASSERT_TRUE(hostUp()) << qortest::readFile(run.file("host.err"));
+  EXPECT_EQ(1, starts());
+  std::string answer;
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        return sendWDQuery("622 QUERY HEALTH_INFO", answer) == 0 && answer.find('|') != std::string::npos;
+      },
+      10000));
+  EXPECT_EQ("0|", answer.substr(0, 2));
+}
+
+TEST_F(TwoProcesses, AKilledOSAgentIsRestartedWithinACheckPeriodAndItsRestartCountedOnBothSides) {
+  startWatchdog();
+  ASSERT_TRUE(hostUp());
+  const int first = hostPid();
+  // Let the watchdog see it running once before it dies.
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        std::string answer;
+        return sendWDQuery("622 QUERY HEALTH_INFO", answer) == 0 && answer.size() > 2;
+      },
+      15000));
+  const long long killed = qortest::nowMs();
+  kill(first, SIGKILL);
+  ASSERT_TRUE(hostUp(first));
+  EXPECT_LT(qortest::nowMs() - killed, 11000);  // one check period of 5 s, and the start
+  EXPECT_EQ(2, starts());
+  std::string answer;
+  ASSERT_EQ(0, sendWDQuery("622 QUERY HEALTH_INFO", answer));
+  EXPECT_EQ("1|", answer.substr(0, 2));
+  // The embedder's iterator with the watchdog's record shows the same count.
+  EXPECT_NE(std::string::npos, hostListing().find(" restarts 1/3"))
+      << qortest::readFile(run.file("host.out"));
+}
+
+TEST_F(TwoProcesses, SigtermStopsTheWatchdogCleanlyAndLeavesTheOSAgentRunningWithNoMarker) {
+  setenv("MARLOWHOME", run.path().c_str(), 1);
+  startWatchdog();
+  ASSERT_TRUE(hostUp());
+  watchdog->signal(SIGTERM);
+  EXPECT_EQ(0, watchdog->wait(5000));
+  EXPECT_EQ("\t**** qorwd terminated ****\n", watchdog->err());
+  EXPECT_EQ(0, kill(hostPid(), 0));
+  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(run.file("wd.trace")),
+                                         "Signal captured: 15 (Terminated)"));
+  // The marker exists only while qorwd itself stops the OS agent.
+  EXPECT_EQ(0, qortest::countOccurrences(qortest::readFile(run.file("wd.trace")),
+                                         "Creating Watchdog disable stop file"));
+  watchdog.reset();
+}
+
+}  // namespace

@@ -3,6 +3,7 @@
 // background, and the two answer each other over their sockets.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -28,13 +29,17 @@ class TwoProcesses : public ::testing::Test {
     setenv("QOR_IP_DIR", ips.path().c_str(), 1);
     SOCKET_ANSWER_CYCLES = 50;
     SOCKET_ANSWER_CYCLE_MS = 100;
+    // A copy of its own: the processes are told apart by their executable,
+    // and other tests run qorhost too.
+    mkdir(run.file("bin").c_str(), 0755);
+    proctest::copyProgram(tool("qorhost"), hostExe());
     qortest::writeFile(run.file("start-host.sh"),
                        "#!/bin/sh\n"
                        "echo start >>'" +
                            run.file("starts.log") +
                            "'\n"
                            "'" +
-                           tool("qorhost") + "' --cap-dir '" + caps.path() + "' --ip-dir '" + ips.path() +
+                           hostExe() + "' --cap-dir '" + caps.path() + "' --ip-dir '" + ips.path() +
                            "' --trace-level 146 --trace-file '" + run.file("host.trace") + "' >>'" +
                            run.file("host.out") + "' 2>>'" + run.file("host.err") +
                            "' </dev/null &\n"
@@ -44,11 +49,15 @@ class TwoProcesses : public ::testing::Test {
     host.id = "e2e.host";
     host.agentName = "<agentName>Embedding host</agentName>";
     host.procName = "<procName>qorhost</procName>";
-    host.agentPath = "<agentPath>" + tool("qorhost") + "</agentPath>";
+    host.agentPath = "<agentPath>" + hostExe() + "</agentPath>";
+    host.productCode = "<productCode>qb</productCode>";
     host.managerType = "<managerType>WatchDog</managerType>";
     host.checkFrequency = "<checkFrequency>5</checkFrequency>";
     host.startScript = captest::script("startScript", "/bin/sh " + run.file("start-host.sh"));
     qortest::writeFile(caps.file("host.xml"), captest::document(host));
+    // An ordinary agent of qorhost's, never started: with no agent at all
+    // qorhost would answer every state command with 200.
+    qortest::writeFile(caps.file("other.xml"), e2e::capFile("e2e.other", "Other", run.file("qorother")));
   }
   void TearDown() override {
     if (watchdog) {
@@ -58,22 +67,39 @@ class TwoProcesses : public ::testing::Test {
     for (int pid : hostPids) proctest::killProcess(pid);
   }
 
+  std::string hostExe() { return run.file("bin/qorhost"); }
   void startWatchdog() {
     watchdog.reset(new qortest::Child({tool("qorwd"), "--cap-dir", caps.path(), "--ip-dir", ips.path(),
                                        "--trace-level", "147", "--trace-file", run.file("wd.trace")}));
   }
   // The qorhost that the start script launched last, once it answers on its socket.
   int hostPid() { return std::atoi(qortest::readFile(run.file("host.pid")).c_str()); }
+  // Waits until a qorhost other than `notPid` is launched and its service
+  // is up; each start adds one "Enter loop" to the shared trace file.
   bool hostUp(int notPid = 0) {
+    const int up = hostsUp() + 1;
     return qortest::waitFor(
         [&] {
           const int pid = hostPid();
           if (pid <= 0 || pid == notPid) return false;
           remember(pid);
-          return qortest::readFile(run.file("host.trace"))
-                     .find("Enter loop for waiting for thread requests") != std::string::npos;
+          return hostsUp() >= up;
         },
         20000);
+  }
+  int hostsUp() {
+    return qortest::countOccurrences(qortest::readFile(run.file("host.trace")),
+                                     "Enter loop for waiting for thread requests");
+  }
+  // Waits until the watchdog answers for the OS agent with `count` restarts.
+  bool watchdogCounts(int count) {
+    return qortest::waitFor(
+        [&] {
+          std::string answer;
+          return sendWDQuery("622 QUERY HEALTH_INFO", answer) == 0 &&
+                 answer.rfind(std::to_string(count) + "|", 0) == 0;
+        },
+        10000);
   }
   void remember(int pid) {
     for (int known : hostPids)
@@ -138,9 +164,7 @@ TEST_F(TwoProcesses, AKilledOSAgentIsRestartedWithinACheckPeriodAndItsRestartCou
   ASSERT_TRUE(hostUp(first));
   EXPECT_LT(qortest::nowMs() - killed, 11000);  // one check period of 5 s, and the start
   EXPECT_EQ(2, starts());
-  std::string answer;
-  ASSERT_EQ(0, sendWDQuery("622 QUERY HEALTH_INFO", answer));
-  EXPECT_EQ("1|", answer.substr(0, 2));
+  EXPECT_TRUE(watchdogCounts(1));
   // The embedder's iterator with the watchdog's record shows the same count.
   EXPECT_NE(std::string::npos, hostListing().find(" restarts 1/3"))
       << qortest::readFile(run.file("host.out"));
@@ -160,6 +184,52 @@ TEST_F(TwoProcesses, SigtermStopsTheWatchdogCleanlyAndLeavesTheOSAgentRunningWit
   EXPECT_EQ(0, qortest::countOccurrences(qortest::readFile(run.file("wd.trace")),
                                          "Creating Watchdog disable stop file"));
   watchdog.reset();
+}
+
+// The OS agent's record in the watchdog process is managed by it (state 2),
+// which a recycle and a count reset accept as managed.
+TEST_F(TwoProcesses, AStateCommandForTheOSAgentsCodeIsForwardedToTheWatchdogWhichRecyclesIt) {
+  startWatchdog();
+  ASSERT_TRUE(hostUp());
+  const int first = hostPid();
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        std::string answer;
+        return sendWDQuery("622 QUERY HEALTH_INFO", answer) == 0 && answer.size() > 2;
+      },
+      15000));
+  // qorhost does not hold its own record: it hands the request to qorwd.
+  // qorwd answers "0" once the recycle is queued; the stop may then reach
+  // qorhost before it has passed the answer on, and the connection closes
+  // with no answer (6).
+  const int result = sendTEOCommand("622 started qb");
+  EXPECT_TRUE(result == 0 || result == 6) << result;
+  ASSERT_TRUE(hostUp(first));
+  EXPECT_EQ(2, starts());
+  const std::string trace = qortest::readFile(run.file("host.trace"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace, "Recycle OS Agent.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(run.file("wd.trace")),
+                                         "Initiating recycle of agent id (e2e.host)."));
+}
+
+TEST_F(TwoProcesses, TheWatchdogResetsTheOSAgentsCountOnRequest) {
+  startWatchdog();
+  ASSERT_TRUE(hostUp());
+  const int first = hostPid();
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        std::string answer;
+        return sendWDQuery("622 QUERY HEALTH_INFO", answer) == 0 && answer.size() > 2;
+      },
+      15000));
+  // Nothing to reset yet.
+  ASSERT_TRUE(watchdogCounts(0));
+  EXPECT_EQ(603, sendWDCommand("622 RESET_COUNT"));
+  kill(first, SIGKILL);
+  ASSERT_TRUE(hostUp(first));
+  ASSERT_TRUE(watchdogCounts(1));
+  EXPECT_EQ(0, sendWDCommand("622 RESET_COUNT"));
+  EXPECT_TRUE(watchdogCounts(0));
 }
 
 }  // namespace

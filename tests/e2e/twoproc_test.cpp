@@ -68,9 +68,14 @@ class TwoProcesses : public ::testing::Test {
   }
 
   std::string hostExe() { return run.file("bin/qorhost"); }
+  // The home of the stop marker: $MARLOWHOME/$ZEL_BINARCH/qb/bin.
+  std::string marker() { return run.file("home/linux/qb/bin/.qorwd_disable_stop"); }
   void startWatchdog() {
+    for (const char* dir : {"home", "home/linux", "home/linux/qb", "home/linux/qb/bin"})
+      mkdir(run.file(dir).c_str(), 0755);
     watchdog.reset(new qortest::Child({tool("qorwd"), "--cap-dir", caps.path(), "--ip-dir", ips.path(),
-                                       "--trace-level", "147", "--trace-file", run.file("wd.trace")}));
+                                       "--trace-level", "147", "--trace-file", run.file("wd.trace")},
+                                      {"MARLOWHOME=" + run.file("home"), "ZEL_BINARCH=linux"}));
   }
   // The qorhost that the start script launched last, once it answers on its socket.
   int hostPid() { return std::atoi(qortest::readFile(run.file("host.pid")).c_str()); }
@@ -171,7 +176,6 @@ TEST_F(TwoProcesses, AKilledOSAgentIsRestartedWithinACheckPeriodAndItsRestartCou
 }
 
 TEST_F(TwoProcesses, SigtermStopsTheWatchdogCleanlyAndLeavesTheOSAgentRunningWithNoMarker) {
-  setenv("MARLOWHOME", run.path().c_str(), 1);
   startWatchdog();
   ASSERT_TRUE(hostUp());
   watchdog->signal(SIGTERM);
@@ -180,9 +184,9 @@ TEST_F(TwoProcesses, SigtermStopsTheWatchdogCleanlyAndLeavesTheOSAgentRunningWit
   EXPECT_EQ(0, kill(hostPid(), 0));
   EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(run.file("wd.trace")),
                                          "Signal captured: 15 (Terminated)"));
-  // The marker exists only while qorwd itself stops the OS agent.
-  EXPECT_EQ(0, qortest::countOccurrences(qortest::readFile(run.file("wd.trace")),
-                                         "Creating Watchdog disable stop file"));
+  // qorwd leaves the OS agent alone on its way out: no stop, so no marker.
+  EXPECT_EQ(0, qortest::countOccurrences(qortest::readFile(run.file("wd.trace")), "disable stop file"));
+  EXPECT_FALSE(qortest::fileExists(marker()));
   watchdog.reset();
 }
 
@@ -210,6 +214,11 @@ TEST_F(TwoProcesses, AStateCommandForTheOSAgentsCodeIsForwardedToTheWatchdogWhic
   EXPECT_EQ(1, qortest::countOccurrences(trace, "Recycle OS Agent.\n"));
   EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(run.file("wd.trace")),
                                          "Initiating recycle of agent id (e2e.host)."));
+  // The marker stood while qorwd itself stopped qorhost, and is gone now.
+  const std::string wdTrace = qortest::readFile(run.file("wd.trace"));
+  EXPECT_EQ(1, qortest::countOccurrences(wdTrace, "Creating Watchdog disable stop file " + marker() + "."));
+  EXPECT_LE(1, qortest::countOccurrences(wdTrace, "Removing Watchdog disable stop file " + marker() + "."));
+  EXPECT_FALSE(qortest::fileExists(marker()));
 }
 
 TEST_F(TwoProcesses, TheWatchdogResetsTheOSAgentsCountOnRequest) {

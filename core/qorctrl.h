@@ -352,7 +352,8 @@ class Controller {
 
  private:
   // ---- interfaces/qoriter.cpp: the OS agent's record in snapshots
-  void refreshWatchedRecord(Agent* agent, time_t now);
+  void refreshWatchedRecords();
+  bool refreshWatchedRecord(Agent* agent);
   void takeHealthInfo(Agent* agent, const std::string& answer);
   Controller();
   Controller(const Controller&) = delete;

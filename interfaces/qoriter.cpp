@@ -6,6 +6,8 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
@@ -50,29 +52,27 @@ bool Controller::getManagedEndpointAndPolicySnapshot(std::vector<Agent*>* agents
   return true;
 }
 
-// Brings the OS agent's record up to date: its process from /proc, and its
-// restart count and last check from the watchdog process, which is the one
-// that counts. A failed query keeps the old values. Called with the
-// watchdogList lock held; blocks on the socket at most once in 30 seconds
-// once the process has been found.
-void Controller::refreshWatchedRecord(Agent* agent, time_t now) {
+// Brings a copy of the OS agent's record up to date: its process from /proc,
+// and its restart count and last check from the watchdog process, which is
+// the one that counts. A failed query keeps the old values. Whether the
+// process was found.
+bool Controller::refreshWatchedRecord(Agent* agent) {
   QOR_TRACE_FUNCTION();
-  watchdogListChecked = now;
   Watchdog* watchdog = agent->getWatchdog();
   if (watchdog != nullptr) watchdog->collectProcessData();
   if (agent->getProcID() == 0) {
     agent->setOperatingState(OpUnknown);
-    return;
+    return false;
   }
-  watchdogDataValid = true;
   agent->setOperatingState(OpRunning);
   if (watchdog != nullptr) watchdog->collectRuntimeData();
   agent->resetChecked();
   std::string answer;
   const int result = sendWDQuery(std::string("622") + " " + "QUERY" + " " + "HEALTH_INFO", answer);
-  if (result != 0) return;
+  if (result != 0) return true;
   QOR_TRACE_STORY("Result of query: %d, %s \n", result, answer.c_str());
   takeHealthInfo(agent, answer);
+  return true;
 }
 
 // "<count>|<mday> <mon> <year> <hour> <min> <sec> <isdst>", the date left
@@ -98,8 +98,40 @@ void Controller::takeHealthInfo(Agent* agent, const std::string& answer) {
   agent->setCheckTime(mktime(&date));
 }
 
+// The look at the process goes through the process matching, which takes the
+// lock of managedEndpointProcesses, and the query may wait on the socket: both
+// work on a copy with no list lock held, since commands take
+// managedEndpointProcesses first and watchdogList second. What they found is
+// written back under the lock, if the record is still in the list.
+void Controller::refreshWatchedRecords() {
+  QOR_TRACE_FUNCTION();
+  std::vector<std::pair<Agent*, Agent*>> work;
+  if (!watchdogList.lockList()) return;
+  for (Agent* agent : watchdogList) {
+    if (agent->getManagedState() != WatchdogManaged) continue;
+    const time_t now = time(nullptr);
+    if (difftime(now, watchdogListChecked) <= 30.0 && watchdogDataValid) continue;
+    watchdogListChecked = now;
+    work.emplace_back(agent, new Agent(*agent, false));
+  }
+  watchdogList.unlockList();
+  for (auto& pair : work) {
+    const bool found = refreshWatchedRecord(pair.second);
+    if (watchdogList.lockList()) {
+      for (Agent* agent : watchdogList) {
+        if (agent != pair.first) continue;
+        agent->takeObservationsFrom(*pair.second);
+        if (found) watchdogDataValid = true;
+      }
+      watchdogList.unlockList();
+    }
+    delete pair.second;
+  }
+}
+
 bool Controller::getWatchDogListSnapshot(std::vector<Agent*>* agents, bool update) {
   QOR_TRACE_FUNCTION();
+  if (update) refreshWatchedRecords();
   if (!watchdogList.lockList()) return false;
   if (!watchdogList.empty()) {
     QOR_TRACE_STORY("Snapshot of agent watchdog list being taken #agents: %d. Update = %d \n",
@@ -111,9 +143,6 @@ bool Controller::getWatchDogListSnapshot(std::vector<Agent*>* agents, bool updat
       agents->push_back(new Agent(*agent, false));
       continue;
     }
-    const time_t now = time(nullptr);
-    const bool fresh = difftime(now, watchdogListChecked) <= 30.0 && watchdogDataValid;
-    if (update && !fresh) refreshWatchedRecord(agent, now);
     // Seen from outside, the OS agent is simply managed.
     Agent* copy = new Agent(*agent, false);
     copy->setManagedState(Managed);

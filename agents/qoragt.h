@@ -200,6 +200,19 @@ class Agent {
   // A suite agent with no instance yet: it holds the place until discovery.
   bool isZELInstanceHolder() const;
   bool isWatchDogAgent() const;
+  // Takes what a look at the process found on a copy of this record: the
+  // operating state, process ids and figures, check time and restart count.
+  // Lets a caller look at the process with no list lock held.
+  void takeObservationsFrom(const Agent& copy) {
+    standing.operatingState = copy.standing.operatingState;
+    restarts.count = copy.restarts.count;
+    pids = copy.pids;
+    figures = copy.figures;
+    previous = copy.previous;
+    totals = copy.totals;
+    checks.lastChecked = copy.checks.lastChecked;
+    checks.checked = copy.checks.checked;
+  }
 
  private:
   // Where the agent stands with the service; the copy keeps it, and

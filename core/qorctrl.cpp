@@ -224,8 +224,8 @@ void Controller::TEOThreadExecution() {
   initialDiscovery();
   waitStandard(initialDiscoveryRendezvous, true);
 
-  // Stand-in: watchdog mode brings the OS agent's record up to date here
-  // (updateOSAgent, interfaces/qorosagt.cpp).
+  // qorwd forgets its counts when it restarts; the embedded service kept them.
+  if (isWatchDog) updateOSAgent();
   // With nobody to restart the service itself, restarting its agents would
   // promise more than it can keep: a service that comes up with its OS agent
   // unmanaged is disarmed and manages nothing until the OS agent is managed

@@ -302,6 +302,11 @@ class Controller {
   // The live record of the watchdog process in managedEndpointProcesses, or
   // null. Takes the list lock itself; the pointer outlives it.
   Agent* getWatchdogAgent();
+  // Watchdog mode: take the OS agent's daily restart count from the embedded
+  // service, which keeps it in its state file across restarts of qorwd.
+  // Asks over .teo_sock first, then takes the managedEndpointProcesses lock
+  // for the walk. Requires: no list lock held.
+  void updateOSAgent();
 
   // ---- interfaces/qordisc.cpp: instance discovery ------------------------
 
@@ -346,6 +351,10 @@ class Controller {
   bool isDISleeping() const { return diSleeping.load(std::memory_order_acquire); }
 
  private:
+  // ---- interfaces/qoriter.cpp: the OS agent's record in snapshots
+  void refreshWatchedRecords();
+  bool refreshWatchedRecord(Agent* agent);
+  void takeHealthInfo(Agent* agent, const std::string& answer);
   Controller();
   Controller(const Controller&) = delete;
   Controller& operator=(const Controller&) = delete;

@@ -2,12 +2,19 @@
 // which the host reads them. An iterator touches no shared state after its
 // construction.
 #include <climits>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
 #include "include/qorapi.h"
+#include "interfaces/qorsockclient.h"
 #include "platform/log1.h"
+#include "watchdog/qorwd.h"
 
 QOR_TRACE_UNIT();
 
@@ -45,8 +52,86 @@ bool Controller::getManagedEndpointAndPolicySnapshot(std::vector<Agent*>* agents
   return true;
 }
 
+// Brings a copy of the OS agent's record up to date: its process from /proc,
+// and its restart count and last check from the watchdog process, which is
+// the one that counts. A failed query keeps the old values. Whether the
+// process was found.
+bool Controller::refreshWatchedRecord(Agent* agent) {
+  QOR_TRACE_FUNCTION();
+  Watchdog* watchdog = agent->getWatchdog();
+  if (watchdog != nullptr) watchdog->collectProcessData();
+  if (agent->getProcID() == 0) {
+    agent->setOperatingState(OpUnknown);
+    return false;
+  }
+  agent->setOperatingState(OpRunning);
+  if (watchdog != nullptr) watchdog->collectRuntimeData();
+  agent->resetChecked();
+  std::string answer;
+  const int result = sendWDQuery(std::string("622") + " " + "QUERY" + " " + "HEALTH_INFO", answer);
+  if (result != 0) return true;
+  QOR_TRACE_STORY("Result of query: %d, %s \n", result, answer.c_str());
+  takeHealthInfo(agent, answer);
+  return true;
+}
+
+// "<count>|<mday> <mon> <year> <hour> <min> <sec> <isdst>", the date left
+// out when the watchdog process has no check recorded.
+void Controller::takeHealthInfo(Agent* agent, const std::string& answer) {
+  QOR_TRACE_FUNCTION();
+  const std::string::size_type bar = answer.find('|');
+  if (bar == std::string::npos) return;
+  int count = 0;
+  if (sscanf(answer.c_str(), "%d", &count) == 1) {
+    QOR_TRACE_STORY("setting daily restart count to: %d\n", count);
+    agent->setDailyRestartCount(count);
+  }
+  if (bar + 3 >= answer.size()) return;
+  struct tm date;
+  std::memset(&date, 0, sizeof date);
+  if (sscanf(answer.c_str() + bar + 1, "%d %d %d %d %d %d %d", &date.tm_mday, &date.tm_mon, &date.tm_year,
+             &date.tm_hour, &date.tm_min, &date.tm_sec, &date.tm_isdst) != 7) {
+    return;
+  }
+  QOR_TRACE_STORY("date %d %d %d %d %d %d %d\n", date.tm_mday, date.tm_mon, date.tm_year, date.tm_hour,
+                  date.tm_min, date.tm_sec, date.tm_isdst);
+  agent->setCheckTime(mktime(&date));
+}
+
+// The look at the process goes through the process matching, which takes the
+// lock of managedEndpointProcesses, and the query may wait on the socket: both
+// work on a copy with no list lock held, since commands take
+// managedEndpointProcesses first and watchdogList second. What they found is
+// written back under the lock, if the record is still in the list.
+void Controller::refreshWatchedRecords() {
+  QOR_TRACE_FUNCTION();
+  std::vector<std::pair<Agent*, Agent*>> work;
+  if (!watchdogList.lockList()) return;
+  for (Agent* agent : watchdogList) {
+    if (agent->getManagedState() != WatchdogManaged) continue;
+    const time_t now = time(nullptr);
+    if (difftime(now, watchdogListChecked) <= 30.0 && watchdogDataValid) continue;
+    watchdogListChecked = now;
+    work.emplace_back(agent, new Agent(*agent, false));
+  }
+  watchdogList.unlockList();
+  for (auto& pair : work) {
+    const bool found = refreshWatchedRecord(pair.second);
+    if (watchdogList.lockList()) {
+      for (Agent* agent : watchdogList) {
+        if (agent != pair.first) continue;
+        agent->takeObservationsFrom(*pair.second);
+        if (found) watchdogDataValid = true;
+      }
+      watchdogList.unlockList();
+    }
+    delete pair.second;
+  }
+}
+
 bool Controller::getWatchDogListSnapshot(std::vector<Agent*>* agents, bool update) {
   QOR_TRACE_FUNCTION();
+  if (update) refreshWatchedRecords();
   if (!watchdogList.lockList()) return false;
   if (!watchdogList.empty()) {
     QOR_TRACE_STORY("Snapshot of agent watchdog list being taken #agents: %d. Update = %d \n",
@@ -58,9 +143,7 @@ bool Controller::getWatchDogListSnapshot(std::vector<Agent*>* agents, bool updat
       agents->push_back(new Agent(*agent, false));
       continue;
     }
-    // Stand-in: the refresh from the watchdog process comes with OS agent
-    // supervision (interfaces/qorosagt.cpp); until then the record is copied
-    // as it stands.
+    // Seen from outside, the OS agent is simply managed.
     Agent* copy = new Agent(*agent, false);
     copy->setManagedState(Managed);
     agents->push_back(copy);

@@ -1,12 +1,15 @@
 // The Controller's view of the OS agent, the process this service lives in
 // and which only the watchdog process can supervise: whether it is managed,
 // and the remote deploy markers. Any thread; no lock of its own.
+#include <cstdio>
+#include <string>
 #include <vector>
 
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "core/qorutil.h"
+#include "interfaces/qorsockclient.h"
 #include "platform/log1.h"
 #include "watchdog/qorunx.h"
 
@@ -51,7 +54,8 @@ bool Controller::checkRemoteDeploy(Policy* policy, bool remove) {
   return false;
 }
 
-bool Controller::isOSAgent(const std::wstring& name, bool& managed, int& restartCount, ManagerType& managerType) {
+bool Controller::isOSAgent(const std::wstring& name, bool& managed, int& restartCount,
+                           ManagerType& managerType) {
   QOR_TRACE_FUNCTION();
   managed = false;
   std::vector<Agent*> copies;
@@ -61,7 +65,8 @@ bool Controller::isOSAgent(const std::wstring& name, bool& managed, int& restart
     if (found || copy->getName() != name) continue;
     found = true;
     restartCount = copy->getDailyRestartCount();
-    if (copy->getPolicy() != nullptr) managerType = static_cast<ManagerType>(copy->getPolicy()->getManagerTypeElement());
+    if (copy->getPolicy() != nullptr)
+      managerType = static_cast<ManagerType>(copy->getPolicy()->getManagerTypeElement());
     managed = copy->isManaged();
   }
   for (Agent* copy : copies) delete copy;
@@ -142,4 +147,27 @@ Agent* Controller::getWatchdogAgent() {
     if (agent->isWatchDogAgent()) return agent;
   }
   return nullptr;
+}
+
+// The watchdog process forgets its counts when it restarts; the embedded
+// service keeps them in its state file, so qorwd asks it at start.
+void Controller::updateOSAgent() {
+  QOR_TRACE_FUNCTION();
+  QOR_TRACE_ERROR("Get OS Agent Restart Count.\n");
+  std::string answer;
+  const int result = sendTEOQuery("622 QUERY OS_RESTART_COUNT", answer);
+  QOR_TRACE_STORY("Result of query: %d, %s \n", result, answer.c_str());
+  // With the OS agent down the count stays what the CAP processing gave it.
+  if (result != 0) return;
+  const std::string::size_type bar = answer.find('|');
+  if (bar == std::string::npos) return;
+  int count = 0;
+  if (sscanf(answer.substr(0, bar).c_str(), "%d", &count) != 1) return;
+  QOR_TRACE_STORY("attempting to set daily restart count to: %d\n", count);
+  if (!managedEndpointProcesses.lockList()) return;
+  if (Agent* agent = firstOSAgentRecord(*this, managedEndpointProcesses)) {
+    QOR_TRACE_DETAIL("Set OS agent restart count %d", count);
+    agent->setDailyRestartCount(count);
+  }
+  managedEndpointProcesses.unlockList();
 }

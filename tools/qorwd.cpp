@@ -19,7 +19,17 @@ const char kUsage[] =
     "  --ip-dir DIR        QOR_IP_DIR: directory of the local sockets\n"
     "  --trace-level N     QOR_TRACE_LEVEL: decimal trace bit mask (default 128)\n"
     "  --trace-file PATH   QOR_TRACE_FILE: trace destination (default stderr)\n"
-    "  -h, --help          this text\n";
+    "  -h, --help          this text\n"
+    "\n"
+    "The process kept alive is the one whose CAP file has managerType WatchDog\n"
+    "(or the product code qa, qb or qc); every other CAP file is ignored here.\n"
+    "While qorwd itself stops that agent it keeps an empty marker file,\n"
+    "$MARLOWHOME/$ZEL_BINARCH/<product code>/bin/.qorwd_disable_stop: whoever\n"
+    "stops qorwd from outside should wait while it exists.\n"
+    "\n"
+    "Exit codes:\n"
+    "  0  stopped by a signal, or --help\n"
+    "  2  unknown argument or bad option value\n";
 
 }  // namespace
 

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -22,14 +23,18 @@ QOR_TRACE_UNIT();
 
 namespace {
 
-// Written by the signal handler, read by the main loop.
-volatile sig_atomic_t watchdogShutdown = 0;
-volatile sig_atomic_t capturedSignal = 0;
+// Written by the signal handler, read by the main loop. The handler runs on
+// whichever thread the signal reaches, often one of the service's threads and
+// not the main one, so the flags are lock-free atomics rather than volatile
+// sig_atomic_t, which orders nothing between threads.
+std::atomic<int> watchdogShutdown{0};
+std::atomic<int> capturedSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler may only use lock-free atomics");
 
 }  // namespace
 
 void InitializeWatchdog() {
-  watchdogShutdown = 0;
+  watchdogShutdown.store(0);
   RegisterSignalHandlers();
 }
 
@@ -52,8 +57,8 @@ void RegisterSignalHandlers() {
 // Only async-signal-safe work here: the main loop writes the traces of the
 // signal once it sees the flag, since tracing takes locks and allocates.
 void SignalQOR(int signalNumber) {
-  capturedSignal = signalNumber;
-  watchdogShutdown = 1;
+  capturedSignal.store(signalNumber);
+  watchdogShutdown.store(1);
 }
 
 void UnblockSignals() {
@@ -70,10 +75,10 @@ void WatchdogMain() {
   QorCmd* commands = GetCmdManager();
   const int interval = Controller::getController()->getDiscoveryInterval();
   int ticks = 0;
-  // Stand-in: each pass also brings the OS agent's record up to date
-  // (updateOSAgent), which comes with OS agent supervision
-  // (interfaces/qorosagt.cpp).
-  while (!watchdogShutdown) {
+  // The OS agent's count is taken from the embedded service once, when the
+  // service starts (Controller::TEOThreadExecution); this loop only keeps
+  // the process alive and reaps the children left behind.
+  while (watchdogShutdown.load() == 0) {
     sleep(1);
     // Kept: the test uses the count before the increment, so the cleaning comes once in interval + 2 s.
     if (ticks > interval) {
@@ -83,7 +88,7 @@ void WatchdogMain() {
       ++ticks;
     }
   }
-  int signalNumber = capturedSignal;
+  const int signalNumber = capturedSignal.load();
   QOR_TRACE_STORY("Signal captured: %d (%s)", signalNumber, INT1_SignalName(signalNumber));
   QOR_TRACE_STORY("Shutting down qorwd...");
 }

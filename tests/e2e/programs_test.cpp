@@ -62,6 +62,9 @@ TEST(Qorwd, HelpAndUnknownArgument) {
   qortest::RunResult help = qortest::runProgram({tool("qorwd"), "--help"});
   EXPECT_EQ(0, help.exitCode);
   EXPECT_NE(std::string::npos, help.out.find("watchdog mode"));
+  EXPECT_NE(std::string::npos, help.out.find("Exit codes:\n  0  stopped by a signal, or --help\n"
+                                             "  2  unknown argument or bad option value\n"));
+  EXPECT_NE(std::string::npos, help.out.find(".qorwd_disable_stop"));
   EXPECT_EQ(2, qortest::runProgram({tool("qorwd"), "extra"}).exitCode);
 }
 

@@ -34,15 +34,6 @@ std::wstring withoutBars(std::wstring text) {
 
 }  // namespace
 
-char* RecordTokens::next() {
-  while (*next_ == '|') ++next_;
-  if (*next_ == '\0') return nullptr;
-  char* token = next_;
-  while (*next_ != '\0' && *next_ != '|') ++next_;
-  if (*next_ == '|') *next_++ = '\0';
-  return token;
-}
-
 Message_Cache::Message_Cache() {}
 
 Message_Cache::~Message_Cache() { ClearCache(); }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/qorlock.h"
+#include "interfaces/qorsockserv.h"
 
 class Event;
 
@@ -59,14 +60,9 @@ constexpr wchar_t kCachedTextBarStandIn = L'/';
 // The "|"-separated fields of an event record, cut in place: runs of "|" are
 // one separator. Each reader keeps its own position, so two collections on
 // different threads never disturb each other.
-class RecordTokens {
+class RecordTokens : public RequestTokens {
  public:
-  explicit RecordTokens(char* record) : next_(record) {}
-  // The next field, zero-terminated inside the record, or null at the end.
-  char* next();
-
- private:
-  char* next_;
+  explicit RecordTokens(char* record) : RequestTokens(record, '|') {}
 };
 
 #endif  // QOR_INTERFACES_QORMSGCACHE_H

@@ -29,11 +29,11 @@ QOR_TRACE_UNIT();
 int32_t SOCKET_RECEIVE_TIMEOUT_MS = 5000;
 
 char* RequestTokens::next() {
-  while (*next_ == ' ') ++next_;
+  while (*next_ == separator_) ++next_;
   if (*next_ == '\0') return nullptr;
   char* token = next_;
-  while (*next_ != '\0' && *next_ != ' ') ++next_;
-  if (*next_ == ' ') *next_++ = '\0';
+  while (*next_ != '\0' && *next_ != separator_) ++next_;
+  if (*next_ == separator_) *next_++ = '\0';
   return token;
 }
 

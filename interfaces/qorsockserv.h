@@ -37,15 +37,17 @@ extern int32_t SOCKET_RECEIVE_TIMEOUT_MS;
 
 // The blank-separated tokens of a request, cut in place: runs of blanks are
 // one separator and leading blanks are skipped. Each reader keeps its own
-// position, so readers on several threads never disturb each other.
+// position, so readers on several threads never disturb each other. The event
+// record's fields are cut the same way, at "|".
 class RequestTokens {
  public:
-  explicit RequestTokens(char* request) : next_(request) {}
+  explicit RequestTokens(char* request, char separator = ' ') : next_(request), separator_(separator) {}
   // The next token, zero-terminated inside the request, or null at the end.
   char* next();
 
  private:
   char* next_;
+  char separator_;
 };
 
 class SocketServer {

@@ -13,6 +13,7 @@
 #include "core/qorctrl.h"
 #include "include/qorapi.h"
 #include "interfaces/qorsockclient.h"
+#include "interfaces/qorsockserv.h"
 #include "platform/log1.h"
 #include "watchdog/qorwd.h"
 
@@ -88,11 +89,7 @@ void Controller::takeHealthInfo(Agent* agent, const std::string& answer) {
   }
   if (bar + 3 >= answer.size()) return;
   struct tm date;
-  std::memset(&date, 0, sizeof date);
-  if (sscanf(answer.c_str() + bar + 1, "%d %d %d %d %d %d %d", &date.tm_mday, &date.tm_mon, &date.tm_year,
-             &date.tm_hour, &date.tm_min, &date.tm_sec, &date.tm_isdst) != 7) {
-    return;
-  }
+  if (readWireDate(answer.c_str() + bar + 1, date) != 7) return;
   QOR_TRACE_STORY("date %d %d %d %d %d %d %d\n", date.tm_mday, date.tm_mon, date.tm_year, date.tm_hour,
                   date.tm_min, date.tm_sec, date.tm_isdst);
   agent->setCheckTime(mktime(&date));

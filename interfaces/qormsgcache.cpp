@@ -172,9 +172,7 @@ namespace {
 time_t readRecordDate(const char* token) {
   QOR_TRACE_FUNCTION();
   struct tm date;
-  memset(&date, 0, sizeof date);
-  sscanf(token, "%d %d %d %d %d %d %d", &date.tm_mday, &date.tm_mon, &date.tm_year, &date.tm_hour,
-         &date.tm_min, &date.tm_sec, &date.tm_isdst);
+  readWireDate(token, date);
   QOR_TRACE_STORY("date %d %d %d %d %d %d %d\n", date.tm_mday, date.tm_mon, date.tm_year, date.tm_hour,
                   date.tm_min, date.tm_sec, date.tm_isdst);
   return mktime(&date);

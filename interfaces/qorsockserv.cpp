@@ -645,6 +645,12 @@ std::string formatWireDate(time_t when) {
   return text;
 }
 
+int readWireDate(const char* text, struct tm& date) {
+  memset(&date, 0, sizeof date);
+  return sscanf(text, "%d %d %d %d %d %d %d", &date.tm_mday, &date.tm_mon, &date.tm_year, &date.tm_hour,
+                &date.tm_min, &date.tm_sec, &date.tm_isdst);
+}
+
 namespace {
 
 // A text field: narrow, and one blank for an empty text, since the reader's

@@ -110,6 +110,9 @@ bool fitSocketAnswer(std::string& answer, size_t limit = kSocketAnswerLimit);
 // The date form of the wire: the localtime fields mday, mon, year, hour, min,
 // sec and isdst, as "%d %d %d %d %d %d %d", raw (month from 0, year from 1900).
 std::string formatWireDate(time_t when);
+// Its reverse: the seven fields into `date`, zeroed first; how many of them
+// the text held.
+int readWireDate(const char* text, struct tm& date);
 
 // One event record: thirteen fields each followed by "|", texts in the
 // locale's narrow form and an empty text as one blank. When the record would

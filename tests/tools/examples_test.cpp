@@ -1,6 +1,8 @@
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unicode/regex.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 
 #include "cap/qorxmlproc.h"
 #include "support/qortest.h"
+#include "watchdog/proctest.h"
 
 namespace {
 
@@ -135,7 +138,8 @@ TEST_F(ExamplePolicies, EveryProgramIsCheckedEveryFiveSeconds) {
 }
 
 // The demo's copy gets the built qorhost as agentPath; the file in the tree
-// names an installed one, and no script, since qorhost is started by hand.
+// names an installed one. The watchdog process starts and stops it by the
+// example script.
 TEST_F(ExamplePolicies, QorhostIsTheOsAgentLeftToTheWatchdogProcess) {
   ASSERT_EQ(XML_OK, parse("qorhost.xml"));
   EXPECT_EQ(L"example.qorhost", policy.getSubagentID());
@@ -146,7 +150,9 @@ TEST_F(ExamplePolicies, QorhostIsTheOsAgentLeftToTheWatchdogProcess) {
   EXPECT_EQ(L"/usr/local/bin/qorhost", policy.getAgentPath());
   EXPECT_EQ(PlatformLinux, policy.getOsTypeAsEnum());
   EXPECT_EQ(3, policy.getMaxRestartElement());
-  EXPECT_EQ(L"", policy.getStartCommand());
+  EXPECT_EQ(5, policy.getCheckFrequencyElement());
+  EXPECT_EQ(L"$QOR_EXAMPLES/scripts/qorhost-daemon.sh start", policy.getStartCommand());
+  EXPECT_EQ(L"$QOR_EXAMPLES/scripts/qorhost-daemon.sh stop", policy.getStopCommand());
 }
 
 // Changes of a valid file that the service refuses must fail the schema for
@@ -389,6 +395,78 @@ TEST_F(ExampleDaemon, NameWithASlashIsRefused) {
   qortest::RunResult refused = run("start", "../x");
   EXPECT_EQ(64, refused.exitCode);
   EXPECT_FALSE(qortest::fileExists(dir.file("bin")));
+}
+
+// The script by which the watchdog process starts and stops qorhost, run by
+// hand on an empty CAP directory with a copy of qorhost of its own.
+class QorhostDaemon : public ::testing::Test {
+ protected:
+  QorhostDaemon() {
+    mkdir(dir.file("cap").c_str(), 0755);
+    mkdir(dir.file("ip").c_str(), 0700);
+    proctest::copyProgram(qortest::binaryDir() + "/tools/qorhost", dir.file("qorhost"));
+    setenv("QOR_EXAMPLES_RUN", dir.file("run").c_str(), 1);
+    setenv("QORHOST", dir.file("qorhost").c_str(), 1);
+    setenv("QOR_CAP_DIR", dir.file("cap").c_str(), 1);
+    setenv("QOR_IP_DIR", dir.file("ip").c_str(), 1);
+  }
+  ~QorhostDaemon() override { proctest::killProcess(pid()); }
+
+  qortest::RunResult run(const std::string& action) {
+    return qortest::runProgram({"/bin/sh", examplesDir() + "/scripts/qorhost-daemon.sh", action});
+  }
+  int pid() { return std::atoi(qortest::readFile(dir.file("run/qorhost.pid")).c_str()); }
+  std::string log() { return qortest::readFile(dir.file("run/qorhost.log")); }
+  bool command(const std::string& line) {
+    const int fd = open(dir.file("run/qorhost.in").c_str(), O_WRONLY | O_NONBLOCK);
+    if (fd < 0) return false;
+    const bool written = write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    close(fd);
+    return written;
+  }
+
+  qortest::TempDir dir;
+};
+
+TEST_F(QorhostDaemon, StartsQorhostInASessionOfItsOwnReadingItsFifoAndStopsItWithSigterm) {
+  qortest::RunResult status = run("status");
+  EXPECT_EQ(1, status.exitCode);
+  EXPECT_EQ("qorhost is not running\n", status.out);
+  qortest::RunResult started = run("start");
+  ASSERT_EQ(0, started.exitCode) << started.err;
+  const int host = pid();
+  ASSERT_GT(host, 1);
+  EXPECT_EQ("qorhost started, pid " + std::to_string(host) + "\n", started.out);
+  // Out of the caller's session: a Ctrl-C at the caller's terminal does not reach it.
+  EXPECT_EQ(host, getsid(host));
+  EXPECT_EQ("qorhost already runs, pid " + std::to_string(host) + "\n", run("start").out);
+  ASSERT_TRUE(
+      qortest::waitFor([&] { return log().find("qorhost: service started") != std::string::npos; }, 10000))
+      << log();
+  // Its standard input is the FIFO: a line written there is a command.
+  const int listings = qortest::countOccurrences(log(), "qorhost: 0 agents\n");
+  ASSERT_TRUE(command("list\n"));
+  EXPECT_TRUE(qortest::waitFor(
+      [&] { return qortest::countOccurrences(log(), "qorhost: 0 agents\n") > listings; }, 5000))
+      << log();
+  EXPECT_EQ(0, run("status").exitCode);
+  qortest::RunResult stopped = run("stop");
+  EXPECT_EQ(0, stopped.exitCode);
+  EXPECT_EQ("qorhost stopped\n", stopped.out);
+  EXPECT_NE(std::string::npos, log().find("qorhost: SIGTERM received, stopping\n")) << log();
+  EXPECT_NE(std::string::npos, log().find("qorhost: stopped\n")) << log();
+  EXPECT_TRUE(qortest::fileExists(dir.file("cap/teo.dat")));
+  EXPECT_FALSE(qortest::fileExists(dir.file("run/qorhost.pid")));
+  EXPECT_EQ("qorhost was not running\n", run("stop").out);
+  EXPECT_EQ(1, run("status").exitCode);
+}
+
+TEST_F(QorhostDaemon, WithoutAnExecutableQorhostTheStartFailsAndSaysWhatToSet) {
+  setenv("QORHOST", dir.file("missing").c_str(), 1);
+  qortest::RunResult started = run("start");
+  EXPECT_EQ(1, started.exitCode);
+  EXPECT_EQ("qorhost-daemon.sh: no qorhost to start; set QORHOST to its path\n", started.err);
+  EXPECT_EQ(64, run("restart").exitCode);
 }
 
 }  // namespace

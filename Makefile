@@ -1,6 +1,6 @@
 # Entry points for people: `make` builds, `make test` builds and runs every
-# test, `make demo` runs qorhost on the example CAP files. Run as root, the
-# targets first install the Debian packages the build needs.
+# test, `make demo` runs qorwd and qorhost on the example CAP files. Run as
+# root, the targets first install the Debian packages the build needs.
 
 BUILD_DIR     ?= build
 SANITIZE_DIR  ?= build-sanitize
@@ -27,7 +27,7 @@ help:
 	@echo "make test-tsan     the suite under ThreadSanitizer ($(TSAN_DIR)/)"
 	@echo "make fuzz          build the libFuzzer targets with clang ($(FUZZ_DIR)/fuzz/)"
 	@echo "make fuzz-run      run one fuzz target: FUZZ_TARGET=fuzz_cap_file FUZZ_TIME=600"
-	@echo "make demo          run qorhost on examples/cap (Ctrl-C stops it)"
+	@echo "make demo          run qorwd, which keeps qorhost alive on examples/cap (Ctrl-C stops both)"
 	@echo "make deps          install the Debian packages the build needs (as root)"
 	@echo "make clean         remove the build folders"
 
@@ -100,34 +100,13 @@ fuzz-run: fuzz
 	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/findings/$(FUZZ_TARGET)/ \
 	  $(FUZZ_DIR)/corpus/$(FUZZ_TARGET) fuzz/corpus/$(FUZZ_TARGET)
 
-# The demo works on a copy of examples/cap, so that the state file and any
-# CAP file you add or remove stay out of the source tree. The copy of
-# qorhost.xml, which describes qorhost itself as the OS agent, gets the real
-# path of the built qorhost as its agentPath: without it the service would
-# restart nothing. The example programs (copies of sleep under
-# /tmp/qor-examples) are not started here: the service starts each through
-# its start script at the agent's first check. Any left over from an earlier
-# run are stopped first, so that every demo begins with them stopped, and all
-# are stopped again when qorhost ends.
-DEMO_PROGRAMS := qor-sleeper qor-watched qor-pattern
-
+# The whole host: qorwd keeps qorhost alive as the OS agent, and qorhost
+# supervises the example agents. examples/scripts/demo.sh does the work (its
+# --help says how); it keeps a copy of examples/cap in $(DEMO_DIR), so that
+# the state file and any CAP file you add or remove stay out of the source
+# tree.
 demo: build
-	@mkdir -p $(DEMO_DIR)/cap $(DEMO_DIR)/ip
-	@cp examples/cap/*.xml $(DEMO_DIR)/cap/
-	@qorhost=$$(readlink -f $(BUILD_DIR)/tools/qorhost) && \
-	sed -i "s|<agentPath>[^<]*</agentPath>|<agentPath>$$qorhost</agentPath>|" $(DEMO_DIR)/cap/qorhost.xml
-	@for p in $(DEMO_PROGRAMS); do examples/scripts/example-daemon.sh stop $$p >/dev/null; done
-	@echo "qorhost on $(DEMO_DIR)/cap (a copy of examples/cap): add or remove CAP files there."
-	@echo "The example programs start stopped: the service starts each by its start script at its first check, about 5 s in."
-	@echo "kill -9 \$$(cat /tmp/qor-examples/qor-sleeper.pid): the next check reports it and restarts it."
-	@echo "kill -USR1 the qorhost process to list the agents again, with today's restarts."
-	@echo "Or type commands: list, stop NAME, start NAME, reset NAME ... (help lists them)."
-	@echo "Error traces go to standard error; set QOR_TRACE_LEVEL=146 for the whole story."
-	@echo "Press Ctrl-C to stop."
-	@trap : INT TERM; \
-	QOR_EXAMPLES=$(CURDIR)/examples $(BUILD_DIR)/tools/qorhost --cap-dir $(DEMO_DIR)/cap --ip-dir $(DEMO_DIR)/ip \
-	  --trace-level $${QOR_TRACE_LEVEL:-128}; \
-	for p in $(DEMO_PROGRAMS); do examples/scripts/example-daemon.sh stop $$p >/dev/null; done
+	@examples/scripts/demo.sh --build $(BUILD_DIR) --dir $(DEMO_DIR)
 
 clean:
 	rm -rf $(BUILD_DIR) $(CLANG_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR)

@@ -33,6 +33,20 @@ int manageCall(QOR_QueryService& service, const Target& target) {
 int unmanageCall(QOR_QueryService& service, const Target& target) {
   return service.stopManagingAgent(target.name);
 }
+// Disarm and rearm give no result of their own: once the service runs they
+// always take effect, and the event that follows (18 or 19) says so. Before
+// the start there are no queues for that event, so they are refused as the
+// other commands are.
+int disarmCall(QOR_QueryService& /*service*/, const Target& /*target*/) {
+  if (!QOR_QueryService::isStarted()) return -1;
+  DisarmWatchdog(0);
+  return 0;
+}
+int rearmCall(QOR_QueryService& /*service*/, const Target& /*target*/) {
+  if (!QOR_QueryService::isStarted()) return -1;
+  RearmWatchdog(0);
+  return 0;
+}
 
 // The wrappers answer -1 before the service has started as well, so each -1
 // names both of its causes.
@@ -99,6 +113,16 @@ const std::vector<Command>& table() {
         {500, "agent not managed, or the OS agent not managed"},
         {501, "no such agent"},
         {-1, kNotStarted}}},
+      {"disarm",
+       "",
+       "disarm the service: agents found down are no longer restarted",
+       disarmCall,
+       {{0, "accepted"}, {-1, kNotStarted}}},
+      {"rearm",
+       "",
+       "rearm the service: agents found down are restarted again",
+       rearmCall,
+       {{0, "accepted"}, {-1, kNotStarted}}},
       {"list", "", "list the agents, as SIGUSR1 does", nullptr, {}},
       {"help", "", "list these commands", nullptr, {}},
   };
@@ -178,8 +202,10 @@ Line parse(const std::string& text) {
 }
 
 std::string answer(const Command& command, const std::string& name, int code) {
-  return std::string(command.word) + " '" + name + "': " + std::to_string(code) + " (" +
-         meaning(command, code) + ")";
+  // A command that takes no name has none to repeat.
+  const std::string subject = *command.argument ? " '" + name + "'" : "";
+  return std::string(command.word) + subject + ": " + std::to_string(code) + " (" + meaning(command, code) +
+         ")";
 }
 
 std::string hint(const Line& line) {
@@ -220,6 +246,7 @@ Target lookup(QOR_QueryService& service, const std::string& name) {
 
 int run(QOR_QueryService& service, const Command& command, const std::string& name) {
   if (command.call == nullptr) return -1;
+  if (!*command.argument) return command.call(service, Target());
   return command.call(service, lookup(service, name));
 }
 

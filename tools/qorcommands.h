@@ -67,6 +67,7 @@ Line parse(const std::string& text);
 
 // The one-line answer to a command that ran, without the program's prefix:
 //   start 'Example sleeper': 0 (accepted)
+//   disarm: 0 (accepted)
 std::string answer(const Command& command, const std::string& name, int code);
 // The one-line hint for a line that is not a command, without the prefix.
 std::string hint(const Line& line);
@@ -80,7 +81,8 @@ std::string help();
 // it recognises by name.
 Target lookup(QOR_QueryService& service, const std::string& name);
 
-// Looks the agent up and calls the command; the service's result code.
+// Looks the agent up, for a command that takes a name, and calls the command;
+// the service's result code.
 int run(QOR_QueryService& service, const Command& command, const std::string& name);
 
 }  // namespace qorcmd

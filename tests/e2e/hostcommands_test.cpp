@@ -160,7 +160,7 @@ TEST_F(HostCommands, AnUnknownNameAGarbageLineAndAMissingNameAreAnsweredInOneLin
   ASSERT_TRUE(
       type("#*! garbage",
            "qorhost: unknown command '#*!'; one of: stop NAME | start NAME | recycle NAME | reset NAME | "
-           "manage NAME | unmanage NAME | list | help"))
+           "manage NAME | unmanage NAME | disarm | rearm | list | help"))
       << out();
   ASSERT_TRUE(type("stop   ", "qorhost: stop needs the agent's name as the listing shows it: stop NAME"))
       << out();
@@ -172,6 +172,33 @@ TEST_F(HostCommands, AnUnknownNameAGarbageLineAndAMissingNameAreAnsweredInOneLin
   EXPECT_EQ("qorhost: stop 'Nobody else': 202 (no such agent)\n", out().substr(before));
   EXPECT_EQ(1u, qortest::linesWith(out(), "qorhost: stop 'Nobody'").size());
   EXPECT_EQ(1u, qortest::linesWith(out(), "qorhost: unknown command").size());
+  EXPECT_EQ(0, host->stop());
+}
+
+TEST_F(HostCommands, DisarmAndRearmAreAnsweredInOneLineEachAndHeardAsTheirEvents) {
+  startHost();
+  const size_t before = out().size();
+  ASSERT_TRUE(type("disarm", "qorhost: disarm: 0 (accepted)")) << out();
+  ASSERT_TRUE(host->child().waitForOutput("]  Watchdog Event: Disarm completed successfully\n", 10000))
+      << out();
+  ASSERT_TRUE(type("  rearm \t", "qorhost: rearm: 0 (accepted)")) << out();
+  ASSERT_TRUE(host->child().waitForOutput("]  Watchdog Event: Rearm completed successfully\n", 10000))
+      << out();
+  std::vector<std::string> events;
+  for (const std::string& line : qortest::linesWith(out().substr(before), "  ["))
+    events.push_back(line.substr(line.find("  [") + 2));
+  // The disarm warns every listener, the alert listener too, that nothing
+  // guards qorhost now; the warning names no agent, since qorhost's service
+  // holds no record of the watchdog process.
+  EXPECT_EQ((std::vector<std::string>{
+                "[27] Teo Services watchdog not reliable",
+                "[27] ALERT agent '' state -1 managed -1 pid -1: Watchdog Disarm",
+                "[18]  Watchdog Event: Disarm completed successfully",
+                "[19]  Watchdog Event: Rearm completed successfully",
+            }),
+            events);
+  EXPECT_EQ(1u, qortest::linesWith(out(), "qorhost: disarm: ").size());
+  EXPECT_EQ(1u, qortest::linesWith(out(), "qorhost: rearm: ").size());
   EXPECT_EQ(0, host->stop());
 }
 
@@ -299,8 +326,8 @@ TEST_F(HostCommands, HelpListsTheCommands) {
   EXPECT_EQ(0, help.exitCode);
   for (const char* line :
        {"  stop NAME       ", "  start NAME      ", "  recycle NAME    ", "  reset NAME      ",
-        "  manage NAME     ", "  unmanage NAME   ", "  list            ", "  help            ",
-        "  qorhost: start 'Example sleeper': 0 (accepted)\n"}) {
+        "  manage NAME     ", "  unmanage NAME   ", "  disarm          ", "  rearm           ",
+        "  list            ", "  help            ", "  qorhost: start 'Example sleeper': 0 (accepted)\n"}) {
     EXPECT_NE(std::string::npos, help.out.find(line)) << line;
   }
 }

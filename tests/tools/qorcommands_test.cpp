@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "core/qorctrl.h"
 #include "include/qorapi.h"
 #include "support/qortest.h"
 
@@ -32,14 +33,18 @@ std::vector<int> codesOf(const std::string& word) {
 
 }  // namespace
 
-TEST(QorCommands, TheTableHoldsTheEightCommandsInTheOrderOfTheHelp) {
+TEST(QorCommands, TheTableHoldsTheTenCommandsInTheOrderOfTheHelp) {
   std::vector<std::string> words;
   for (const qorcmd::Command& entry : qorcmd::commands()) words.push_back(entry.word);
-  EXPECT_EQ(
-      (std::vector<std::string>{"stop", "start", "recycle", "reset", "manage", "unmanage", "list", "help"}),
-      words);
+  EXPECT_EQ((std::vector<std::string>{"stop", "start", "recycle", "reset", "manage", "unmanage", "disarm",
+                                      "rearm", "list", "help"}),
+            words);
   for (const char* word : {"stop", "start", "recycle", "reset", "manage", "unmanage"}) {
     EXPECT_STREQ("NAME", command(word).argument) << word;
+    EXPECT_NE(nullptr, command(word).call) << word;
+  }
+  for (const char* word : {"disarm", "rearm"}) {
+    EXPECT_STREQ("", command(word).argument) << word;
     EXPECT_NE(nullptr, command(word).call) << word;
   }
   for (const char* word : {"list", "help"}) {
@@ -58,6 +63,8 @@ TEST(QorCommands, EachCommandKnowsExactlyTheResultCodesTheServiceGivesIt) {
   EXPECT_EQ((std::vector<int>{0, 600, 601, 602, 603, -1}), codesOf("reset"));
   EXPECT_EQ((std::vector<int>{0, 401, 404, -1}), codesOf("manage"));
   EXPECT_EQ((std::vector<int>{0, 500, 501, -1}), codesOf("unmanage"));
+  EXPECT_EQ((std::vector<int>{0, -1}), codesOf("disarm"));
+  EXPECT_EQ((std::vector<int>{0, -1}), codesOf("rearm"));
 }
 
 TEST(QorCommands, EveryResultCodeHasAMeaningInWords) {
@@ -100,6 +107,11 @@ TEST(QorCommands, TheMeaningsSayWhatEachCodeMeans) {
   EXPECT_EQ("the OS agent is unmanaged, so no agent may be managed", qorcmd::meaning(command("manage"), 404));
   EXPECT_EQ("agent not managed, or the OS agent not managed", qorcmd::meaning(command("unmanage"), 500));
   EXPECT_EQ("no such agent", qorcmd::meaning(command("unmanage"), 501));
+
+  EXPECT_EQ("accepted", qorcmd::meaning(command("disarm"), 0));
+  EXPECT_EQ("the service is not started", qorcmd::meaning(command("disarm"), -1));
+  EXPECT_EQ("accepted", qorcmd::meaning(command("rearm"), 0));
+  EXPECT_EQ("the service is not started", qorcmd::meaning(command("rearm"), -1));
 }
 
 TEST(QorCommands, ACodeOfAnotherCommandOrNoneIsAnUnknownResult) {
@@ -126,13 +138,15 @@ TEST(QorCommands, TheNameIsTheRestOfTheLineTrimmedWithItsInnerBlanks) {
   EXPECT_EQ("Tabbed", line.name);
 }
 
-TEST(QorCommands, ListAndHelpRunWithoutAName) {
-  for (const char* text : {"list", "  help\r"}) {
+TEST(QorCommands, ListHelpDisarmAndRearmRunWithoutAName) {
+  for (const char* text : {"list", "  help\r", "disarm", "\trearm "}) {
     qorcmd::Line line = qorcmd::parse(text);
     EXPECT_EQ(qorcmd::Line::Kind::Run, line.kind) << text;
     EXPECT_EQ("", line.name) << text;
   }
   EXPECT_EQ(&command("help"), qorcmd::parse("help").command);
+  EXPECT_EQ(&command("disarm"), qorcmd::parse("disarm").command);
+  EXPECT_EQ(&command("rearm"), qorcmd::parse("rearm").command);
 }
 
 TEST(QorCommands, ACommandWithoutItsNameIsMissingIt) {
@@ -162,15 +176,14 @@ TEST(QorCommands, AnUnknownWordIsRefusedWithTheListOfCommands) {
   EXPECT_EQ("frobnicate", line.word);
   EXPECT_EQ(
       "unknown command 'frobnicate'; one of: stop NAME | start NAME | recycle NAME | reset NAME | manage "
-      "NAME | "
-      "unmanage NAME | list | help",
+      "NAME | unmanage NAME | disarm | rearm | list | help",
       qorcmd::hint(line));
   // Command words are exact: neither capitals nor a word run on into the name.
   EXPECT_EQ(qorcmd::Line::Kind::Unknown, qorcmd::parse("STOP Example sleeper").kind);
   EXPECT_EQ(qorcmd::Line::Kind::Unknown, qorcmd::parse("stopExample").kind);
   EXPECT_EQ(
       "unknown command 'stopExample'; one of: stop NAME | start NAME | recycle NAME | reset NAME | manage "
-      "NAME | unmanage NAME | list | help",
+      "NAME | unmanage NAME | disarm | rearm | list | help",
       qorcmd::hint(qorcmd::parse("stopExample")));
 }
 
@@ -180,17 +193,22 @@ TEST(QorCommands, TheAnswerNamesTheCommandTheAgentTheCodeAndItsMeaning) {
   EXPECT_EQ("reset 'Example sleeper': 603 (the restart count is already 0)",
             qorcmd::answer(command("reset"), "Example sleeper", 603));
   EXPECT_EQ("stop 'x': 7 (unknown result)", qorcmd::answer(command("stop"), "x", 7));
+  // A command without a name has none to repeat.
+  EXPECT_EQ("disarm: 0 (accepted)", qorcmd::answer(command("disarm"), "", 0));
+  EXPECT_EQ("rearm: -1 (the service is not started)", qorcmd::answer(command("rearm"), "", -1));
 }
 
 TEST(QorCommands, TheHelpHasOneLinePerCommandWithItsArgument) {
   const std::string help = qorcmd::help();
   std::vector<std::string> lines = qortest::linesWith(help, "");
-  ASSERT_EQ(8u, lines.size()) << help;
+  ASSERT_EQ(10u, lines.size()) << help;
   EXPECT_EQ("  stop NAME       stop the agent by its stop script; it stays down until started", lines[0]);
   EXPECT_EQ("  reset NAME      set the agent's restarts today back to 0, so that it is restarted again",
             lines[3]);
-  EXPECT_EQ("  list            list the agents, as SIGUSR1 does", lines[6]);
-  EXPECT_EQ("  help            list these commands", lines[7]);
+  EXPECT_EQ("  disarm          disarm the service: agents found down are no longer restarted", lines[6]);
+  EXPECT_EQ("  rearm           rearm the service: agents found down are restarted again", lines[7]);
+  EXPECT_EQ("  list            list the agents, as SIGUSR1 does", lines[8]);
+  EXPECT_EQ("  help            list these commands", lines[9]);
 }
 
 TEST(QorCommands, BeforeTheServiceStartsACommandAnswersMinusOneAndTheNameIsPassedAsItsProcess) {
@@ -205,6 +223,10 @@ TEST(QorCommands, BeforeTheServiceStartsACommandAnswersMinusOneAndTheNameIsPasse
   for (const char* word : {"stop", "start", "recycle", "reset", "manage", "unmanage"}) {
     EXPECT_EQ(-1, qorcmd::run(*service, command(word), "Some agent")) << word;
   }
+  // Nor is the service disarmed: with no queues yet, nothing would tell of it.
+  EXPECT_EQ(-1, qorcmd::run(*service, command("disarm"), ""));
+  EXPECT_EQ(-1, qorcmd::run(*service, command("rearm"), ""));
+  EXPECT_FALSE(Controller::getController()->isDisarmed());
   EXPECT_EQ(-1, qorcmd::run(*service, command("list"), "Some agent"));
   // Not released: the release of a service that never started would wait for
   // threads that were never there, and the process ends with the test.

@@ -1,16 +1,20 @@
 // The two programs as a host runs them, for the tests of tests/e2e: qorwd
 // keeps a private copy of qorhost alive as the OS agent through a start
-// script that launches it in the background; both share one CAP directory
-// and one socket directory.
+// script that launches it in the background, its input on a FIFO through
+// which the test types commands; both share one CAP directory and one socket
+// directory.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -34,17 +38,22 @@ class TwoProcesses : public ::testing::Test {
     // A copy of its own: the processes are told apart by their executable,
     // and other tests run qorhost too.
     mkdir(run.file("bin").c_str(), 0755);
+    // qorhost's standard input. Opened for reading and writing, it never
+    // blocks the start script nor ends for qorhost, and each qorhost that
+    // qorwd starts opens it anew.
+    ASSERT_EQ(0, mkfifo(run.file("host.in").c_str(), 0600));
     proctest::copyProgram(e2e::tool("qorhost"), hostExe());
     qortest::writeFile(run.file("start-host.sh"),
                        "#!/bin/sh\n"
-                       "echo start >>'" +
+                       "echo start $(date +%s) >>'" +
                            run.file("starts.log") +
                            "'\n"
                            "'" +
                            hostExe() + "' --cap-dir '" + caps.path() + "' --ip-dir '" + ips.path() +
                            "' --trace-level 146 --trace-file '" + run.file("host.trace") + "' >>'" +
-                           run.file("host.out") + "' 2>>'" + run.file("host.err") +
-                           "' </dev/null &\n"
+                           run.file("host.out") + "' 2>>'" + run.file("host.err") + "' <>'" +
+                           run.file("host.in") +
+                           "' &\n"
                            "echo $! >'" +
                            run.file("host.pid") + "'\n");
     captest::Subagent host;
@@ -79,6 +88,17 @@ class TwoProcesses : public ::testing::Test {
                                        "--trace-level", "147", "--trace-file", run.file("wd.trace")},
                                       {"MARLOWHOME=" + run.file("home"), "ZEL_BINARCH=linux"}));
   }
+  // Types one operator command into the running qorhost. False, at once,
+  // when nothing holds the FIFO open for reading (no qorhost, nor a program
+  // it started, which inherits its input), or when the line does not fit.
+  bool hostCommand(const std::string& line) {
+    const int fd = open(run.file("host.in").c_str(), O_WRONLY | O_NONBLOCK);
+    if (fd < 0) return false;
+    const std::string text = line + "\n";
+    const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(fd);
+    return written;
+  }
   // The qorhost that the start script launched last, once it answers on its socket.
   int hostPid() { return std::atoi(qortest::readFile(run.file("host.pid")).c_str()); }
   // Waits until a qorhost other than `notPid` is launched and its service
@@ -93,6 +113,19 @@ class TwoProcesses : public ::testing::Test {
           return hostsUp() >= up;
         },
         20000);
+  }
+  // Waits until qorhost's output holds `count` listings, each closed by its
+  // "qorhost: N agents" line. Each qorhost lists once when its service is up
+  // and has collected what qorwd cached; only then does it read commands.
+  bool hostListed(int count) {
+    return qortest::waitFor([&] { return hostListings() >= count; }, 20000);
+  }
+  int hostListings() {
+    static const std::regex closing("^qorhost: [0-9]+ agents?$");
+    int found = 0;
+    for (const std::string& line : qortest::linesWith(qortest::readFile(run.file("host.out")), "qorhost: "))
+      if (std::regex_match(line, closing)) ++found;
+    return found;
   }
   int hostsUp() {
     return qortest::countOccurrences(qortest::readFile(run.file("host.trace")),
@@ -115,6 +148,13 @@ class TwoProcesses : public ::testing::Test {
   }
   int starts() {
     return static_cast<int>(qortest::linesWith(qortest::readFile(run.file("starts.log")), "start").size());
+  }
+  // The second of each run of the start script, before it launched qorhost.
+  std::vector<time_t> startTimes() {
+    std::vector<time_t> times;
+    for (const std::string& line : qortest::linesWith(qortest::readFile(run.file("starts.log")), "start "))
+      times.push_back(static_cast<time_t>(std::atoll(line.c_str() + 6)));
+    return times;
   }
   // qorhost's listing line of its own record, asked for with SIGUSR1.
   std::string hostListing() {

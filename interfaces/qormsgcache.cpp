@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
@@ -234,6 +235,12 @@ bool deliverRecord(const std::string& answer) {
 
 void Message_Cache::receiveCachedEvents() {
   QOR_TRACE_FUNCTION();
+  // The service collects at its start and whenever the watchdog process
+  // asks it to, on two threads. Each record is taken from the cache and then
+  // queued here; two collections at once could queue them out of the
+  // cache's order, so one waits for the other.
+  static std::mutex collecting;
+  std::lock_guard<std::mutex> oneAtATime(collecting);
   const std::string request = std::string("622") + " " + "QUERY" + " " + "EVENT_DATA";
   for (;;) {
     std::string answer;

@@ -256,4 +256,34 @@ TEST_F(CollectedEvents, ARecordWithNoFieldAtAllEndsTheCollection) {
   EXPECT_EQ(0, qortest::countOccurrences(trace(), "no more events in cache to receive.")) << trace();
 }
 
+// The service collects at its start and again whenever the watchdog process
+// says that it cached a start: two collections may overlap, and what they
+// put on the message queue must still come in the cache's order.
+TEST_F(CollectedEvents, TwoCollectionsAtOnceQueueTheEventsInTheOrderTheCacheHandsThemOut) {
+  const time_t when = time(nullptr) - 600;
+  std::vector<std::string> records;
+  for (int index = 0; index < 300; ++index) {
+    EventData data = sample(when);
+    data.procID = index;
+    records.push_back(formatEventRecord(data, L"record " + std::to_wstring(index)));
+  }
+  CachedEventsServer server(socket(), records);
+  std::thread other([] { Message_Cache::receiveCachedEvents(); });
+  Message_Cache::receiveCachedEvents();
+  other.join();
+
+  std::vector<RawEvent*> events = queued();
+  ASSERT_EQ(300u, events.size());
+  std::vector<int> order;
+  for (RawEvent* event : events) {
+    EventData data;
+    event->getEventData(data);
+    order.push_back(data.procID);
+  }
+  std::vector<int> expected(300);
+  for (int index = 0; index < 300; ++index) expected[static_cast<size_t>(index)] = index;
+  EXPECT_EQ(expected, order);
+  release(events);
+}
+
 }  // namespace

@@ -53,6 +53,8 @@ TEOSocketServer::TEOSocketServer() : SocketServer("/.teo_sock") {}
 
 WatchdogSocketServer::WatchdogSocketServer() : SocketServer("/.teo_wd_sock") {}
 
+WatchdogSocketServer::~WatchdogSocketServer() { delete handedOver; }
+
 namespace {
 
 // The directory that holds the socket file.
@@ -211,8 +213,10 @@ void SocketServer::serveConnection(int connection, Controller* controller) {
   if (send(connection, buffer, length, MSG_NOSIGNAL) < 0) {
     QOR_TRACE_ERROR("Error executing send response - errno = %d, %s\n", errno,
                     socketErrorText(errno).c_str());
+    answerSent(false);
   } else {
     QOR_TRACE_ERROR("Answer sent.\n");
+    answerSent(true);
   }
   close(connection);
 }
@@ -610,8 +614,14 @@ std::string WatchdogSocketServer::executeQuery(char* request, Controller* contro
     // A missing cache answers as an empty one; the pop leaves the answer as
     // it was when nothing is cached.
     std::string answer = "$$NODATA";
+    // An event still held here was answered without a send (a call outside
+    // the server loop): it counts as delivered.
+    delete handedOver;
+    handedOver = nullptr;
     Message_Cache* cache = controller->getWDCache();
-    if (cache != nullptr) cache->popCachedEvent(answer);
+    // The event stays this server's until the send says whether the peer got
+    // it: a collector killed while it waited must not cost the event.
+    if (cache != nullptr) handedOver = cache->takeCachedEvent(answer);
     QOR_TRACE_STORY("Answer returned: %s\n", answer.c_str());
     return answer;
   }
@@ -620,6 +630,19 @@ std::string WatchdogSocketServer::executeQuery(char* request, Controller* contro
     return std::string();
   }
   return healthInfo(controller, whole.c_str(), QOR_TRACE_CONTEXT());
+}
+
+void WatchdogSocketServer::answerSent(bool written) {
+  QOR_TRACE_FUNCTION();
+  Event* event = handedOver;
+  handedOver = nullptr;
+  if (event == nullptr) return;
+  Message_Cache* cache = written ? nullptr : Controller::getController()->getWDCache();
+  if (cache == nullptr) {
+    delete event;  // delivered, or no cache any more to keep it
+    return;
+  }
+  cache->putBackCachedEvent(event);
 }
 
 // ---- The wire format ----------------------------------------------------------------

@@ -12,6 +12,7 @@
 #include <string>
 
 class Controller;
+class Event;
 struct EventData;
 
 // Results of SocketServer::run. The server is gone after any of them until
@@ -68,6 +69,9 @@ class SocketServer {
   // The socket file: $QOR_IP_DIR followed by `tail`; left empty, with the
   // error trace, when QOR_IP_DIR is unset or empty.
   explicit SocketServer(const char* tail);
+  // Told after each answer whether it was written to the peer; false when the
+  // peer was gone before it could be. Nothing to do by default.
+  virtual void answerSent(bool /*written*/) {}
   std::string socketPath;
 
  private:
@@ -93,8 +97,18 @@ class TEOSocketServer : public SocketServer {
 class WatchdogSocketServer : public SocketServer {
  public:
   WatchdogSocketServer();
+  ~WatchdogSocketServer() override;
   int executeCommand(char* request, Controller* controller) override;
   std::string executeQuery(char* request, Controller* controller) override;
+
+ protected:
+  // A cached event whose record could not be written goes back to the cache.
+  void answerSent(bool written) override;
+
+ private:
+  // The event whose record is the answer being sent, until the send tells
+  // whether it reached the peer. Only the server's thread touches it.
+  Event* handedOver = nullptr;
 };
 
 // Thread entries: each builds its server, runs it and drops its result. The

@@ -36,6 +36,11 @@ constexpr size_t kSocketAnswerLimit = 3000;
 // would hold the only server thread for good. Read when a client connects.
 extern int32_t SOCKET_RECEIVE_TIMEOUT_MS;
 
+// How often a server with no client looks whether its socket file is still
+// there, in milliseconds: 1000. A file removed behind its back is bound
+// again, so that clients find the server without a restart of the process.
+extern int32_t SOCKET_FILE_CHECK_MS;
+
 // The blank-separated tokens of a request, cut in place: runs of blanks are
 // one separator and leading blanks are skipped. Each reader keeps its own
 // position, so readers on several threads never disturb each other. The event
@@ -80,6 +85,16 @@ class SocketServer {
   int refusePath();
   int listenOn(int& result);
   void serveConnection(int connection, Controller* controller);
+  // The next connection, as accept gives it; looks after the socket file
+  // while no client comes. `listener` is replaced when the file is bound again.
+  int acceptNext(int& listener, Controller* controller);
+  void keepSocketFile(int& listener);
+  // A listening socket bound to the missing file, or -1.
+  int bindAgain();
+
+  // Set once a missing file has been reported, until it is there again, so
+  // that a directory that is gone for good is not reported every second.
+  bool missingReported = false;
 };
 
 // .teo_sock: state reports and recycles from programs outside the service,

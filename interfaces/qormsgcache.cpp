@@ -138,19 +138,27 @@ void Message_Cache::ClearCache() {
 
 bool Message_Cache::popCachedEvent(std::string& record) {
   QOR_TRACE_FUNCTION();
+  Event* event = takeCachedEvent(record);
+  if (event == nullptr) return false;
+  delete event;
+  return true;
+}
+
+Event* Message_Cache::takeCachedEvent(std::string& record) {
+  QOR_TRACE_FUNCTION();
   if (!lockCache()) {
     QOR_TRACE_STORY("Error encountered locking cache");
-    return false;
+    return nullptr;
   }
   if (events.empty()) {
     unlockCache();
-    return false;
+    return nullptr;
   }
   CleanupExpiredEvents();
   // The clean-up may have taken everything.
   if (events.empty()) {
     unlockCache();
-    return false;
+    return nullptr;
   }
   Event* event = events.front();
   EventData data;
@@ -161,10 +169,27 @@ bool Message_Cache::popCachedEvent(std::string& record) {
   data.osVersion = withoutBars(data.osVersion);
   data.userMessage = withoutBars(data.userMessage);
   record = formatEventRecord(data, withoutBars(event->getLogMessage()));
-  delete event;
   events.erase(events.begin());
   unlockCache();
-  return true;
+  return event;
+}
+
+void Message_Cache::putBackCachedEvent(Event* event) {
+  QOR_TRACE_FUNCTION();
+  EventData data;
+  event->getEventData(data);
+  const int id = data.eventID;
+  if (!lockCache()) {
+    QOR_TRACE_STORY("Error encountered locking cache");
+    delete event;
+    return;
+  }
+  // At the head: it is older than everything still cached, and the next
+  // collection must deliver it before them. Its age is judged by the next
+  // clean-up, as any other entry's.
+  events.insert(events.begin(), event);
+  unlockCache();
+  QOR_TRACE_STORY("Event %d not delivered: put back at the head of the cache.\n", id);
 }
 
 namespace {

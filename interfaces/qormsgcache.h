@@ -30,6 +30,17 @@ class Message_Cache {
   // `record` as it was, when nothing is cached. Socket server thread.
   bool popCachedEvent(std::string& record);
 
+  // The pop in two steps, for a server that learns only after the send
+  // whether the record reached its peer: the oldest event leaves the cache
+  // and becomes the caller's, with its record in `record`; null, with
+  // `record` as it was, when nothing is cached.
+  Event* takeCachedEvent(std::string& record);
+  // An event taken whose record never reached the peer (the peer was gone
+  // before the answer could be written) goes back to the head of the cache,
+  // so that the next collection delivers it first and in its place. Owns
+  // `event` from here on.
+  void putBackCachedEvent(Event* event);
+
   // Embedded mode: pulls every cached event from the watchdog process and
   // puts each on this process's message queue with the time it happened.
   static void receiveCachedEvents();

@@ -3,6 +3,7 @@
 #include "interfaces/qorsockserv.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -27,6 +28,7 @@
 QOR_TRACE_UNIT();
 
 int32_t SOCKET_RECEIVE_TIMEOUT_MS = 5000;
+int32_t SOCKET_FILE_CHECK_MS = 1000;
 
 char* RequestTokens::next() {
   while (*next_ == separator_) ++next_;
@@ -52,6 +54,8 @@ SocketServer::~SocketServer() {}
 TEOSocketServer::TEOSocketServer() : SocketServer("/.teo_sock") {}
 
 WatchdogSocketServer::WatchdogSocketServer() : SocketServer("/.teo_wd_sock") {}
+
+WatchdogSocketServer::~WatchdogSocketServer() { delete handedOver; }
 
 namespace {
 
@@ -143,18 +147,18 @@ int SocketServer::run(Controller* controller) {
   }
   int result = refusePath();
   if (result != 0) return QOR_TRACE_RETURN(result);
-  const int listener = listenOn(result);
+  int listener = listenOn(result);  // replaced when its file is bound again
   if (listener < 0) return QOR_TRACE_RETURN(result);
   for (;;) {
     QOR_TRACE_DETAIL("Waiting for a connection\n");
-    // The only place that sees a shutdown: a server blocked in accept stays
+    // The only place that sees a shutdown: a server waiting for a client stays
     // there until one more client comes or the process ends. The socket file
     // stays behind; the next start removes it.
     if (controller->isShuttingDown()) {
       close(listener);
       return QOR_TRACE_RETURN(SOCKET_SERVER_SHUT_DOWN);
     }
-    const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    const int connection = acceptNext(listener, controller);
     if (connection < 0) {
       if (errno == EINTR) continue;
       QOR_TRACE_ERROR("Error executing accept connection - errno = %d, %s\n", errno,
@@ -164,6 +168,84 @@ int SocketServer::run(Controller* controller) {
     QOR_TRACE_DETAIL("Client connected.\n");
     serveConnection(connection, controller);
   }
+}
+
+// Waits for a client in steps of SOCKET_FILE_CHECK_MS, and between them sees
+// to the socket file. The shutdown flag is still looked at only between
+// connections: a server that waits here does not end before one more client.
+int SocketServer::acceptNext(int& listener, Controller* controller) {
+  for (;;) {
+    struct pollfd wait = {listener, POLLIN, 0};
+    const int ready = poll(&wait, 1, SOCKET_FILE_CHECK_MS > 0 ? SOCKET_FILE_CHECK_MS : -1);
+    if (ready == 0) {
+      // After a shutdown the file is left as it is: the next start replaces it.
+      if (!controller->isShuttingDown()) keepSocketFile(listener);
+      continue;
+    }
+    if (ready < 0 && errno == EINTR) continue;
+    return accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  }
+}
+
+// A socket file removed while the server runs leaves it listening on a name
+// that nobody can reach. Only a missing file is bound again: a file that is
+// there, whoever made it, is left alone, since another live server may own it
+// now (see listenOn).
+void SocketServer::keepSocketFile(int& listener) {
+  struct stat status;
+  if (lstat(socketPath.c_str(), &status) == 0 || errno != ENOENT) {
+    missingReported = false;
+    return;
+  }
+  QOR_TRACE_FUNCTION();
+  if (!missingReported) {
+    QOR_TRACE_ERROR("Socket file %s is missing: binding it again.\n", socketPath.c_str());
+  }
+  const int fresh = bindAgain();
+  if (fresh < 0) {
+    missingReported = true;
+    return;
+  }
+  // Connections still queued on the old socket were made before the file
+  // went and were waited for up to now; no new one can reach it.
+  close(listener);
+  listener = fresh;
+  missingReported = false;
+  QOR_TRACE_ERROR("Socket file %s bound again.\n", socketPath.c_str());
+}
+
+int SocketServer::bindAgain() {
+  QOR_TRACE_FUNCTION();
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    if (!missingReported) {
+      QOR_TRACE_ERROR("Error executing socket - errno = %d, %s\n", errno, socketErrorText(errno).c_str());
+    }
+    return -1;
+  }
+  struct sockaddr_un address;
+  memset(&address, 0, sizeof address);
+  address.sun_family = AF_UNIX;
+  memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);  // refusePath checked the length
+  // No unlink here: bind fails on a file that somebody made meanwhile, and
+  // that file is left to its owner.
+  const mode_t oldMask = umask(7);
+  const int bound =
+      bind(fd, reinterpret_cast<struct sockaddr*>(&address), static_cast<socklen_t>(socketPath.size() + 3));
+  const int error = errno;
+  umask(oldMask);
+  if (bound != 0 || listen(fd, 10) != 0) {
+    const int reason = bound != 0 ? error : errno;
+    // A file bound here but not listening would stand in the way for good.
+    if (bound == 0) unlink(socketPath.c_str());
+    if (!missingReported) {
+      QOR_TRACE_ERROR("Cannot bind the socket file %s again - errno = %d, %s\n", socketPath.c_str(), reason,
+                      socketErrorText(reason).c_str());
+    }
+    close(fd);
+    return -1;
+  }
+  return fd;
 }
 
 // One connection: one read, one answer, then the close. A client that sends
@@ -211,8 +293,10 @@ void SocketServer::serveConnection(int connection, Controller* controller) {
   if (send(connection, buffer, length, MSG_NOSIGNAL) < 0) {
     QOR_TRACE_ERROR("Error executing send response - errno = %d, %s\n", errno,
                     socketErrorText(errno).c_str());
+    answerSent(false);
   } else {
     QOR_TRACE_ERROR("Answer sent.\n");
+    answerSent(true);
   }
   close(connection);
 }
@@ -610,8 +694,14 @@ std::string WatchdogSocketServer::executeQuery(char* request, Controller* contro
     // A missing cache answers as an empty one; the pop leaves the answer as
     // it was when nothing is cached.
     std::string answer = "$$NODATA";
+    // An event still held here was answered without a send (a call outside
+    // the server loop): it counts as delivered.
+    delete handedOver;
+    handedOver = nullptr;
     Message_Cache* cache = controller->getWDCache();
-    if (cache != nullptr) cache->popCachedEvent(answer);
+    // The event stays this server's until the send says whether the peer got
+    // it: a collector killed while it waited must not cost the event.
+    if (cache != nullptr) handedOver = cache->takeCachedEvent(answer);
     QOR_TRACE_STORY("Answer returned: %s\n", answer.c_str());
     return answer;
   }
@@ -620,6 +710,19 @@ std::string WatchdogSocketServer::executeQuery(char* request, Controller* contro
     return std::string();
   }
   return healthInfo(controller, whole.c_str(), QOR_TRACE_CONTEXT());
+}
+
+void WatchdogSocketServer::answerSent(bool written) {
+  QOR_TRACE_FUNCTION();
+  Event* event = handedOver;
+  handedOver = nullptr;
+  if (event == nullptr) return;
+  Message_Cache* cache = written ? nullptr : Controller::getController()->getWDCache();
+  if (cache == nullptr) {
+    delete event;  // delivered, or no cache any more to keep it
+    return;
+  }
+  cache->putBackCachedEvent(event);
 }
 
 // ---- The wire format ----------------------------------------------------------------

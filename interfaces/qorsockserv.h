@@ -12,6 +12,7 @@
 #include <string>
 
 class Controller;
+class Event;
 struct EventData;
 
 // Results of SocketServer::run. The server is gone after any of them until
@@ -34,6 +35,11 @@ constexpr size_t kSocketAnswerLimit = 3000;
 // closes the connection, in milliseconds: 5000. Without it one silent client
 // would hold the only server thread for good. Read when a client connects.
 extern int32_t SOCKET_RECEIVE_TIMEOUT_MS;
+
+// How often a server with no client looks whether its socket file is still
+// there, in milliseconds: 1000. A file removed behind its back is bound
+// again, so that clients find the server without a restart of the process.
+extern int32_t SOCKET_FILE_CHECK_MS;
 
 // The blank-separated tokens of a request, cut in place: runs of blanks are
 // one separator and leading blanks are skipped. Each reader keeps its own
@@ -68,6 +74,9 @@ class SocketServer {
   // The socket file: $QOR_IP_DIR followed by `tail`; left empty, with the
   // error trace, when QOR_IP_DIR is unset or empty.
   explicit SocketServer(const char* tail);
+  // Told after each answer whether it was written to the peer; false when the
+  // peer was gone before it could be. Nothing to do by default.
+  virtual void answerSent(bool /*written*/) {}
   std::string socketPath;
 
  private:
@@ -76,6 +85,16 @@ class SocketServer {
   int refusePath();
   int listenOn(int& result);
   void serveConnection(int connection, Controller* controller);
+  // The next connection, as accept gives it; looks after the socket file
+  // while no client comes. `listener` is replaced when the file is bound again.
+  int acceptNext(int& listener, Controller* controller);
+  void keepSocketFile(int& listener);
+  // A listening socket bound to the missing file, or -1.
+  int bindAgain();
+
+  // Set once a missing file has been reported, until it is there again, so
+  // that a directory that is gone for good is not reported every second.
+  bool missingReported = false;
 };
 
 // .teo_sock: state reports and recycles from programs outside the service,
@@ -93,8 +112,18 @@ class TEOSocketServer : public SocketServer {
 class WatchdogSocketServer : public SocketServer {
  public:
   WatchdogSocketServer();
+  ~WatchdogSocketServer() override;
   int executeCommand(char* request, Controller* controller) override;
   std::string executeQuery(char* request, Controller* controller) override;
+
+ protected:
+  // A cached event whose record could not be written goes back to the cache.
+  void answerSent(bool written) override;
+
+ private:
+  // The event whose record is the answer being sent, until the send tells
+  // whether it reached the peer. Only the server's thread touches it.
+  Event* handedOver = nullptr;
 };
 
 // Thread entries: each builds its server, runs it and drops its result. The

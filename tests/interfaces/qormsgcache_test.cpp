@@ -14,6 +14,7 @@
 #include "core/qorevt.h"
 #include "interfaces/qorsockclient.h"
 #include "interfaces/qorsockserv.h"
+#include "interfaces/socktest.h"
 #include "support/controlleraccess.h"
 #include "support/qortest.h"
 
@@ -246,6 +247,70 @@ TEST_F(MessageCache, ClearingTheCacheDeletesEveryEvent) {
   for (int i = 0; i < 10; ++i) Message_Cache::Listener(eventAt(time(nullptr), 8));
   cache.ClearCache();
   EXPECT_EQ(0u, cache.cachedCount());
+}
+
+TEST_F(MessageCache, AnEventTakenAndPutBackComesOutFirstAgainInItsPlace) {
+  const time_t now = time(nullptr);
+  Message_Cache::Listener(eventAt(now - 30, 8));
+  Message_Cache::Listener(eventAt(now - 20, 24));
+  Message_Cache::Listener(eventAt(now - 10, 12));
+  std::string record;
+  Event* taken = cache.takeCachedEvent(record);
+  ASSERT_NE(nullptr, taken);
+  EXPECT_EQ("8", fieldsOf(record).at(10));
+  EXPECT_EQ(2u, cache.cachedCount());
+  cache.putBackCachedEvent(taken);
+  EXPECT_EQ(std::vector<int>({8, 24, 12}), poppedIds());
+  std::string untouched = "untouched";
+  EXPECT_EQ(nullptr, cache.takeCachedEvent(untouched));
+  EXPECT_EQ("untouched", untouched);
+}
+
+// The collector is gone before the answer can be written: the record never
+// left this process, so its event must wait for the next collection.
+TEST_F(MessageCache, AnEventWhoseAnswerFoundTheCollectorGoneIsPutBackAndDeliveredNext) {
+  qortest::traceTo(work.file("trace"), 1 | 2 | 16 | 128);
+  const time_t now = time(nullptr);
+  Message_Cache::Listener(eventAt(now - 30, 8));
+  Message_Cache::Listener(eventAt(now - 20, 24));
+  WatchdogSocketServer server;
+  socktest::ServerThread thread(server);
+  ASSERT_TRUE(thread.start());
+  auto trace = [&] { return qortest::readFile(work.file("trace")); };
+  // With the cache locked the server holds the request it has read, so the
+  // collector can go before the answer exists.
+  ASSERT_TRUE(cache.lockCache());
+  const int collector = socktest::connectTo(server.getSocketPath());
+  ASSERT_GE(collector, 0);
+  ASSERT_EQ(20, send(collector, "622 QUERY EVENT_DATA", 20, MSG_NOSIGNAL));
+  const bool read = qortest::waitFor(
+      [&] {
+        return qortest::countOccurrences(trace(), "Socket received command: 622 QUERY EVENT_DATA") == 1;
+      },
+      5000);
+  close(collector);
+  cache.unlockCache();
+  ASSERT_TRUE(read) << trace();
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        return qortest::countOccurrences(trace(),
+                                         "Event 8 not delivered: put back at the head of the cache.\n") == 1;
+      },
+      5000))
+      << trace();
+  EXPECT_EQ(1,
+            qortest::countOccurrences(trace(), "Error executing send response - errno = 32, Broken pipe\n"));
+  EXPECT_EQ(2u, cache.cachedCount());
+  // The next collector gets it first, and each event once.
+  std::vector<int> ids;
+  for (int i = 0; i < 3; ++i) {
+    const std::string answer = socktest::answerTo(server.getSocketPath(), "622 QUERY EVENT_DATA");
+    if (answer == "$$NODATA") break;
+    ids.push_back(atoi(fieldsOf(answer).at(10).c_str()));
+  }
+  EXPECT_EQ(std::vector<int>({8, 24}), ids);
+  EXPECT_EQ(1, qortest::countOccurrences(trace(), "not delivered"));
+  EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, thread.stop());
 }
 
 TEST(RecordTokens, RunsOfBarsAreOneSeparatorAndEachReaderKeepsItsPlace) {

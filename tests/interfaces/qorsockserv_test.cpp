@@ -627,6 +627,81 @@ TEST_F(SocketTest, TheSocketFileOfARunningPeerIsTakenOverSinceUnlinkDoesNotAsk) 
   EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, firstThread.stop(dir.file("first")));
 }
 
+TEST_F(SocketTest, ARemovedSocketFileIsBoundAgainWithinACheckPeriodAndServes) {
+  SOCKET_FILE_CHECK_MS = 100;
+  TEOSocketServer server;
+  ServerThread thread(server);
+  ASSERT_TRUE(thread.start());
+  const std::string path = server.getSocketPath();
+  EXPECT_EQ("110", answerTo(path, "622"));
+  const int descriptors = socktest::openDescriptors();
+  ASSERT_EQ(0, unlink(path.c_str()));
+  EXPECT_EQ(-1, socktest::connectTo(path));
+  const long long removed = qortest::nowMs();
+  ASSERT_TRUE(qortest::waitFor([&] { return qortest::fileExists(path); }, 5000)) << trace();
+  EXPECT_LT(qortest::nowMs() - removed, 1000);
+  EXPECT_EQ("110", answerTo(path, "622"));
+  EXPECT_EQ(1, traced("Socket file " + path + " is missing: binding it again.\n"));
+  EXPECT_EQ(1, traced("Socket file " + path + " bound again.\n"));
+  // The new file has the rights of the first, and the old socket is closed.
+  struct stat status;
+  ASSERT_EQ(0, stat(path.c_str(), &status));
+  EXPECT_EQ(0u, status.st_mode & 07);
+  EXPECT_EQ(descriptors, socktest::openDescriptors());
+  // Once more: each removal is noticed.
+  ASSERT_EQ(0, unlink(path.c_str()));
+  ASSERT_TRUE(qortest::waitFor([&] { return answerTo(path, "622") == "110"; }, 5000)) << trace();
+  EXPECT_EQ(2, traced("bound again.\n"));
+  EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, thread.stop());
+}
+
+TEST_F(SocketTest, AFileInThePlaceOfTheSocketIsLeftToWhoeverPutItThere) {
+  SOCKET_FILE_CHECK_MS = 50;
+  ScriptedServer first("/.teo_sock", 1);
+  ServerThread firstThread(first);
+  ASSERT_TRUE(firstThread.start());
+  ASSERT_EQ(0, link(first.getSocketPath().c_str(), dir.file("first").c_str()));
+  // A live server that took the name over.
+  ScriptedServer second("/.teo_sock", 2);
+  ServerThread secondThread(second);
+  ASSERT_TRUE(secondThread.start());
+  // Many check periods later the name still leads to the second.
+  EXPECT_FALSE(qortest::waitFor([&] { return traced("is missing") > 0; }, 500));
+  EXPECT_EQ("2", answerTo(dir.file(".teo_sock"), "622 x"));
+  EXPECT_EQ("1", answerTo(dir.file("first"), "622 x"));
+  EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, secondThread.stop());
+  // A plain file in the place of the socket is not taken either.
+  ASSERT_EQ(0, unlink(dir.file(".teo_sock").c_str()));
+  qortest::writeFile(dir.file(".teo_sock"), "somebody's");
+  EXPECT_FALSE(qortest::waitFor([&] { return traced("is missing") > 0; }, 500));
+  EXPECT_EQ("somebody's", qortest::readFile(dir.file(".teo_sock")));
+  EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, firstThread.stop(dir.file("first")));
+}
+
+TEST_F(SocketTest, ASocketDirectoryThatIsGoneIsReportedOnceAndUsedAgainWhenItIsBack) {
+  SOCKET_FILE_CHECK_MS = 50;
+  const std::string ipDir = dir.file("ip");
+  ASSERT_EQ(0, mkdir(ipDir.c_str(), 0700));
+  setenv("QOR_IP_DIR", ipDir.c_str(), 1);
+  TEOSocketServer server;
+  ServerThread thread(server);
+  ASSERT_TRUE(thread.start());
+  const std::string path = server.getSocketPath();
+  ASSERT_EQ(0, unlink(path.c_str()));
+  ASSERT_EQ(0, rmdir(ipDir.c_str()));
+  ASSERT_TRUE(qortest::waitFor([&] { return traced("Cannot bind the socket file") == 1; }, 5000)) << trace();
+  // Ten periods more, and no more reports.
+  EXPECT_FALSE(qortest::waitFor([&] { return traced("Cannot bind the socket file") > 1; }, 500));
+  EXPECT_EQ(1, traced("Socket file " + path + " is missing: binding it again.\n"));
+  EXPECT_EQ(
+      1, traced("Cannot bind the socket file " + path + " again - errno = 2, No such file or directory\n"));
+  ASSERT_EQ(0, mkdir(ipDir.c_str(), 0700));
+  ASSERT_TRUE(qortest::waitFor([&] { return answerTo(path, "622") == "110"; }, 5000)) << trace();
+  EXPECT_EQ(1, traced("Socket file " + path + " bound again.\n"));
+  EXPECT_EQ(1, traced("is missing"));
+  EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, thread.stop());
+}
+
 TEST_F(SocketTest, AWorldWritableSocketDirectoryIsRefusedWithOrWithoutTheStickyBit) {
   for (mode_t mode : {0777, 01777, 0773}) {
     ASSERT_EQ(0, chmod(dir.path().c_str(), mode));
@@ -715,6 +790,24 @@ TEST_F(SocketTest, AShutdownIsSeenOnlyBetweenConnectionsSoOneMoreClientIsServedF
   EXPECT_EQ(2, traced("Answer sent.\n"));
   // The socket file stays behind.
   EXPECT_TRUE(qortest::fileExists(server.getSocketPath()));
+}
+
+TEST_F(SocketTest, TheLooksAtTheSocketFileDoNotLetAWaitingServerSeeAShutdownBeforeAClient) {
+  SOCKET_FILE_CHECK_MS = 20;
+  TEOSocketServer server;
+  ServerThread thread(server);
+  ASSERT_TRUE(thread.start());
+  ASSERT_TRUE(thread.waitInAccept());
+  ControllerTestAccess::setShuttingDown(true);
+  // A removed file is not bound again once the service is shutting down.
+  ASSERT_EQ(0, link(server.getSocketPath().c_str(), dir.file("other").c_str()));
+  ASSERT_EQ(0, unlink(server.getSocketPath().c_str()));
+  EXPECT_FALSE(qortest::waitFor([&] { return thread.done(); }, 300));
+  EXPECT_FALSE(qortest::fileExists(server.getSocketPath()));
+  EXPECT_EQ(0, traced("is missing"));
+  EXPECT_EQ("110", answerTo(dir.file("other"), "622"));
+  EXPECT_TRUE(qortest::waitFor([&] { return thread.done(); }, 5000));
+  EXPECT_EQ(SOCKET_SERVER_SHUT_DOWN, thread.stop());
 }
 
 // ---- The wire format's writers ----------------------------------------------------------

@@ -176,10 +176,15 @@ class ServerThread {
     return result_.load();
   }
   bool done() const { return done_.load(); }
-  // Whether the server's thread is blocked in accept now, as the kernel says.
+  // Whether the server's thread waits for a client now, as the kernel says:
+  // in poll, between its looks at the socket file, or in accept.
   bool inAccept() const {
     const std::string call = qortest::readFile("/proc/self/task/" + std::to_string(tid_.load()) + "/syscall");
-    return std::atoi(call.c_str()) == SYS_accept4;
+    const int number = std::atoi(call.c_str());
+#ifdef SYS_poll
+    if (number == SYS_poll) return true;
+#endif
+    return number == SYS_accept4 || number == SYS_ppoll;
   }
   // Waits until the server is back in accept or has ended.
   bool waitInAccept() const {

@@ -4,6 +4,7 @@
 #include "platform/log1.h"
 #include "watchdog/qorcmd.h"
 #include "watchdog/qorunx.h"
+#include "watchdog/qorusr.h"
 #include "watchdog/qorwd.h"
 
 QOR_TRACE_UNIT();
@@ -167,9 +168,9 @@ void Agent::setAgentInformation() {
 }
 
 void Agent::setZELUserName() {
-  // Stand-in: the run-as files are read by ZELUserProcessor, which comes with
-  // the run-as user resolution in watchdog/qorusr.cpp; until then the user
-  // name stays as it is.
+  // Only the suite's agents have run-as files; any other agent learns its
+  // user from its process.
+  if (policy != nullptr && policy->isZELAgent()) ZELUserProcessor::collectZELUser(*this);
 }
 
 bool Agent::match(QorProcess* process) const {

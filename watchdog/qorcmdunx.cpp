@@ -321,4 +321,24 @@ int QorCmdUNIX::getSystemOperatingState(const std::wstring& name) {
   return runForCode(this, script, nullptr) == 0 ? OpRunning : OpStopped;
 }
 
-std::wstring QorCmdUNIX::idToUserName(int id) { return ResolveUserName(id); }
+namespace {
+
+// Serialises the lookups that miss the cache, so that threads asking at once
+// for the same unknown id cause one passwd lookup between them.
+QorMutex userLookupMutex(QorMutex::kNeverDestroyed);
+
+}  // namespace
+
+std::wstring QorCmdUNIX::idToUserName(int id) {
+  std::wstring name = GetIDUserName(id);
+  if (!name.empty()) return name;
+  QorMutexLock lock(&userLookupMutex);
+  // Another thread may have looked the id up while this one waited.
+  name = GetIDUserName(id);
+  if (!name.empty()) return name;
+  name = GetUserNameFromID(id);
+  // Cached like a name, so that an id without a passwd entry is asked for once.
+  if (name.empty()) name = L"NOT_AVAILABLE";
+  SetIDUserName(id, name);
+  return name;
+}

@@ -80,7 +80,7 @@ test-tsan: deps
 
 # The fuzz targets of fuzz/, built by clang with libFuzzer, AddressSanitizer
 # and UBSan. `make test` replays their corpora in every build.
-FUZZ_TARGETS := fuzz_cap_file fuzz_value_parsers fuzz_env_subst fuzz_state_file fuzz_socket_request
+FUZZ_TARGETS := fuzz_cap_file fuzz_value_parsers fuzz_env_subst fuzz_state_file fuzz_socket_request fuzz_runas
 FUZZ_TARGET  ?= fuzz_cap_file
 FUZZ_TIME    ?= 600
 FUZZ_RUNS    ?= -1

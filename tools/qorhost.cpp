@@ -68,7 +68,11 @@ const char kUsage[] =
     "  QOR_ZEL_DISCOVERY_INTERVAL  seconds between suite instance listings (600)\n"
     "  QOR_CMD_TIMEOUT             time-out of a CAP script in seconds (floor 30)\n"
     "  QOR_CACHE_LIMIT             hours the watchdog process keeps events (24)\n"
-    "  MARLOWHOME, ZEL_BINARCH, USER, PROCESSOR_ARCHITECTURE\n";
+    "  MARLOWHOME, ZEL_BINARCH, USER, PROCESSOR_ARCHITECTURE\n"
+    "\n"
+    "The user ##USER## stands for in the scripts of an agent of the suite comes\n"
+    "from $MARLOWHOME/config/<host>_hlxrunas.cfg, else from hmvrunas.cfg there;\n"
+    "without one, from USER, else the name of the real user id.\n";
 
 std::string narrow(const std::wstring& text) {
   char* converted = QOR_wcstombs(text);

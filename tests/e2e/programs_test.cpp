@@ -22,6 +22,9 @@ TEST(Qorhost, HelpExplainsEveryOptionAndVariable) {
         "PROCESSOR_ARCHITECTURE", "managerType WatchDog", "examples/cap/qorhost.xml"}) {
     EXPECT_NE(std::string::npos, result.out.find(word)) << word;
   }
+  for (const char* runAs : {"$MARLOWHOME/config/<host>_hlxrunas.cfg", "hmvrunas.cfg", "##USER##"}) {
+    EXPECT_NE(std::string::npos, result.out.find(runAs)) << runAs;
+  }
 }
 
 TEST(Qorhost, UnknownArgumentIsRefused) {

@@ -24,8 +24,10 @@ QorMutex envVarsMutex(QorMutex::kNeverDestroyed);
 // Kept: never cleared, and an entry once in is never replaced: a later change goes unseen.
 // Requires: envVarsMutex held by the caller.
 std::map<std::wstring, std::wstring>& qorEnvVars() QOR_REQUIRES(envVarsMutex) {
-  static std::map<std::wstring, std::wstring> vars;
-  return vars;
+  // Never destroyed, like its mutex: a script worker may still expand a
+  // command while the process runs its exit handlers.
+  static auto* vars = new std::map<std::wstring, std::wstring>();
+  return *vars;
 }
 
 // Each conversion sets LC_CTYPE from the environment again, on any thread.

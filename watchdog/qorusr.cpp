@@ -153,14 +153,17 @@ namespace {
 
 // Filled as processes are inspected.
 // Kept: never invalidated: a user renamed while the service runs keeps the old name.
+// Never destroyed, like its mutex (and the current user below): a script
+// worker may still ask while the process runs its exit handlers.
 QorMutex idUserNamesMutex(QorMutex::kNeverDestroyed);
-std::map<int, std::wstring> idUserNames QOR_GUARDED_BY(idUserNamesMutex);
+std::map<int, std::wstring>& idUserNames QOR_GUARDED_BY(idUserNamesMutex) =
+    *new std::map<int, std::wstring>();
 
 // getpwuid returns a static record that the next call overwrites.
 QorMutex passwdMutex(QorMutex::kNeverDestroyed);
 
 QorMutex currUserMutex(QorMutex::kNeverDestroyed);
-std::wstring currUser QOR_GUARDED_BY(currUserMutex);
+std::wstring& currUser QOR_GUARDED_BY(currUserMutex) = *new std::wstring();
 
 // Requires: idUserNamesMutex held.
 void cacheUserName(int id, const std::wstring& name) QOR_REQUIRES(idUserNamesMutex) {

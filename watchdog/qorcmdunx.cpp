@@ -1,6 +1,7 @@
 #include "watchdog/qorcmdunx.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,6 +28,11 @@ FILE* qor_popen(const char* command, int& pid) {
   pid = fork();
   if (pid < 0) return nullptr;
   if (pid == 0) {
+    // The child is a copy of this thread, with any cancellation request that
+    // the shutdown made of it. Acted on at the next cancellation point, it
+    // would unwind the parent's frames in the copy instead of running the
+    // command; the child only ever execs or leaves.
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     close(fds[0]);
     if (fds[1] != 1) {
       dup2(fds[1], 1);  // the copy does not inherit close-on-exec

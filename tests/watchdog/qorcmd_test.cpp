@@ -1,6 +1,7 @@
 #include "watchdog/qorcmd.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -228,6 +229,33 @@ TEST(CommandExecution, ChildrenStartWithTheStopSignalsUnblocked) {
   EXPECT_EQ(0u, mask & (1ull << (SIGTERM - 1)));
   EXPECT_EQ(0u, mask & (1ull << (SIGINT - 1)));
   EXPECT_NE(0u, mask & (1ull << (SIGUSR1 - 1)));  // other signals keep the thread's mask
+}
+
+// A worker cancelled at shutdown may be in the middle of starting a script.
+// The forked child is a copy of that thread, cancellation request included:
+// it must run the command, not unwind the parent's frames in the copy.
+void* popenWithACancelPending(void* command) {
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  pthread_cancel(pthread_self());
+  // Enabling is no cancellation point: the request waits for the next one,
+  // which comes inside qor_popen, in the parent and in the child alike.
+  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+  int pid = 0;
+  FILE* stream = qor_popen(static_cast<const char*>(command), pid);
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  if (stream != nullptr) qor_pclose(stream, pid);
+  return nullptr;
+}
+
+TEST(CommandExecution, AChildForkedByAThreadWithACancelPendingStillRunsItsCommand) {
+  qortest::TempDir dir;
+  const std::string command = "echo ran > " + dir.file("ran");
+  pthread_t thread;
+  ASSERT_EQ(0, pthread_create(&thread, nullptr, popenWithACancelPending, const_cast<char*>(command.c_str())));
+  void* result = nullptr;
+  ASSERT_EQ(0, pthread_join(thread, &result));
+  EXPECT_EQ(PTHREAD_CANCELED, result);  // the parent's thread did end there
+  EXPECT_TRUE(qortest::waitFor([&] { return qortest::readFile(dir.file("ran")) == "ran\n"; }, 5000));
 }
 
 TEST(CommandExecution, ACommandThatDoesNotEndInTimeIsLeftRunningAndReapedLater) {

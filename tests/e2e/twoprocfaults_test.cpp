@@ -362,7 +362,12 @@ std::string readLine(int fd) {
         return cache != nullptr && cache->cachedCount() >= static_cast<size_t>(kChainEvents);
       },
       20000);
-  if (!cached || write(out, "ready\n", 6) != 6) _exit(2);
+  // Ready only once its socket answers: a collector that finds nobody
+  // listening gives up at once, and a slow build may start the server late.
+  std::string answer;
+  const bool listening = qortest::waitFor(
+      [&] { return sendWDQuery("622 QUERY HEALTH_INFO", answer) == SOCKET_CLIENT_CLOSED; }, 20000);
+  if (!cached || !listening || write(out, "ready\n", 6) != 6) _exit(2);
   if (readLine(in) != "done") _exit(3);
   service->releaseQueryService(false);
   _exit(0);
@@ -419,7 +424,7 @@ TEST(CollectionKilled, TheNextCollectorGetsEveryEventStillCachedOnceAndInOrder) 
   std::unique_ptr<e2e::Host> first(
       new e2e::Host(hostCaps.path(), ips.path(), work.file("first.trace"), 128, env));
   ASSERT_TRUE(qortest::waitFor([&] { return chainNumbers(first->child().out()).size() >= 500; }, 20000))
-      << first->child().out();
+      << first->child().out() << first->child().err();
   ASSERT_EQ(0, kill(child, SIGSTOP));
   const bool waiting = requestOutstanding(work.file("first.trace"));
   first->child().signal(SIGKILL);

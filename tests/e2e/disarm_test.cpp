@@ -64,6 +64,11 @@ TEST_F(Disarmed, WithoutTheOSAgentsFileTheServiceIsDisarmedAndAKilledAgentIsNotR
   const int pid = programs.start("qore2eloosed");
   writeAgent("loose.xml", agentFor("e2e.loose", "Loose program", programs, "qore2eloosed", start, 3));
   startHost();
+  // The events come through the message queue and may be printed after the
+  // first listing.
+  ASSERT_TRUE(qortest::waitFor(
+      [&] { return !watchdogEvents().empty() && !events("Loose program", "Management").empty(); }, 10000))
+      << out();
 
   EXPECT_EQ((std::vector<std::string>{"[18]  Watchdog Event: Disarm completed successfully"}),
             watchdogEvents());

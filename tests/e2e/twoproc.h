@@ -102,17 +102,18 @@ class TwoProcesses : public ::testing::Test {
   // The qorhost that the start script launched last, once it answers on its socket.
   int hostPid() { return std::atoi(qortest::readFile(run.file("host.pid")).c_str()); }
   // Waits until a qorhost other than `notPid` is launched and its service
-  // is up; each start adds one "Enter loop" to the shared trace file.
+  // is up; each start adds one "Enter loop" to the shared trace file, so the
+  // n-th qorhost seen is up once there are n. (Counted from the hosts seen,
+  // not from the lines at the call: the new one may be up before the call.)
   bool hostUp(int notPid = 0) {
-    const int up = hostsUp() + 1;
     return qortest::waitFor(
         [&] {
           const int pid = hostPid();
           if (pid <= 0 || pid == notPid) return false;
           remember(pid);
-          return hostsUp() >= up;
+          return hostsUp() >= static_cast<int>(hostPids.size());
         },
-        20000);
+        30000);
   }
   // Waits until qorhost's output holds `count` listings, each closed by its
   // "qorhost: N agents" line. Each qorhost lists once when its service is up

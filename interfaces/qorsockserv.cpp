@@ -59,6 +59,15 @@ WatchdogSocketServer::~WatchdogSocketServer() { delete handedOver; }
 
 namespace {
 
+// The address of the socket file at `path`, whose length refusePath checked.
+struct sockaddr_un addressOf(const std::string& path) {
+  struct sockaddr_un address;
+  memset(&address, 0, sizeof address);
+  address.sun_family = AF_UNIX;
+  memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  return address;
+}
+
 // The directory that holds the socket file.
 std::string directoryOf(const std::string& path) {
   size_t slash = path.rfind('/');
@@ -105,10 +114,7 @@ int SocketServer::listenOn(int& result) {
     return -1;
   }
   QOR_TRACE_DETAIL("Establishing local socket server.\n");
-  struct sockaddr_un address;
-  memset(&address, 0, sizeof address);
-  address.sun_family = AF_UNIX;
-  memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);  // refusePath checked the length
+  struct sockaddr_un address = addressOf(socketPath);
   QOR_TRACE_ERROR("Socket path = %s\n", socketPath.c_str());
   // The file of an earlier run, or of a peer that still runs: unlink does
   // not ask whether anybody listens.
@@ -223,10 +229,7 @@ int SocketServer::bindAgain() {
     }
     return -1;
   }
-  struct sockaddr_un address;
-  memset(&address, 0, sizeof address);
-  address.sun_family = AF_UNIX;
-  memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);  // refusePath checked the length
+  struct sockaddr_un address = addressOf(socketPath);
   // No unlink here: bind fails on a file that somebody made meanwhile, and
   // that file is left to its owner.
   const mode_t oldMask = umask(7);

@@ -125,9 +125,8 @@ bool ZELUserProcessor::parseProdCodeEntry(const std::string& entry, Agent& agent
   return processUserInfo(root, agent);
 }
 
-bool ZELUserProcessor::processUserInfo(void* element, Agent& agent) {
+bool ZELUserProcessor::processUserInfo(const HLX::DOMElement* root, Agent& agent) {
   QOR_TRACE_FUNCTION();
-  const auto* root = static_cast<const HLX::DOMElement*>(element);
   bool found = false;
   HLX::DOMNodeList instances = root->getElementsByTagName("instance");
   for (unsigned int i = 0; i < instances.getLength(); ++i) {

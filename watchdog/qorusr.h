@@ -12,6 +12,9 @@
 #include <string>
 
 class Agent;
+namespace HLX {
+class DOMElement;
+}
 
 // Reads the run-as files for one agent of the suite. The host's own file,
 // "<host>_hlxrunas.cfg", comes first; the general "hmvrunas.cfg" is read only
@@ -26,9 +29,9 @@ class ZELUserProcessor {
   // One entry, the text from its "<productCode>" on: true when it is the
   // agent's product code and one of its instances names a user for the agent.
   bool parseProdCodeEntry(const std::string& entry, Agent& agent);
-  // `element` is the HLX::DOMElement of the entry. Walks every instance; the
-  // last one that applies to the agent sets its user. True if any did.
-  bool processUserInfo(void* element, Agent& agent);
+  // Walks every instance of the entry's `element`; the last one that applies
+  // to the agent sets its user. True if any did.
+  bool processUserInfo(const HLX::DOMElement* element, Agent& agent);
 
   // Where the files are, before $MARLOWHOME is expanded.
   static std::wstring hostRunAsFile(const std::wstring& hostName);

@@ -4,7 +4,6 @@
 // watchdog side saw reaches the embedded side's log listener in order, with
 // the times at which it happened, once each.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -16,6 +15,7 @@
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "core/qorutil.h"
+#include "e2e/forkedwatchdog.h"
 #include "include/qorapi.h"
 #include "interfaces/qormsgcache.h"
 #include "interfaces/qorsockclient.h"
@@ -64,16 +64,9 @@ void raiseEvent(time_t when, int id, const std::wstring& message, const std::str
   event.logMessage();
 }
 
-std::string readLine(int fd) {
-  std::string line;
-  char c;
-  while (read(fd, &c, 1) == 1 && c != '\n') line += c;
-  return line;
-}
-
 // The watchdog side: caches three events (and an id 0 that it must drop),
 // says "ready", raises an id 7 on "go7", and ends on "done".
-[[noreturn]] void watchdogChild(const std::string& caps, time_t now, int in, int out) {
+[[noreturn]] void watchdogChild(const std::string& caps, time_t now, e2e::ForkedWatchdog& test) {
   setenv("QOR_CAP_DIR", caps.c_str(), 1);
   QOR_QueryService* service = QOR_QueryService::initWatchdogService();
   service->startQueryService();
@@ -81,16 +74,10 @@ std::string readLine(int fd) {
   raiseEvent(now - 250, 0, L"added", "added");
   raiseEvent(now - 200, 24, L"a|b", "second|with bar");
   raiseEvent(now - 100, 12, L"", "third");
-  const bool cached = qortest::waitFor(
-      [] {
-        Message_Cache* cache = Controller::getController()->getWDCache();
-        return cache != nullptr && cache->cachedCount() >= 3;
-      },
-      10000);
-  if (!cached || write(out, "ready\n", 6) != 6) _exit(2);
-  if (readLine(in) != "go7") _exit(3);
+  if (!e2e::ForkedWatchdog::cached(3, 10000) || !test.say("ready")) _exit(2);
+  if (test.readLine() != "go7") _exit(3);
   raiseEvent(now - 50, 7, L"started", "started");
-  if (readLine(in) != "done") _exit(4);
+  if (test.readLine() != "done") _exit(4);
   service->releaseQueryService(false);
   _exit(0);
 }
@@ -103,14 +90,9 @@ TEST(CachedEventsChain, EventsCachedByTheWatchdogReachTheEmbeddedListenersInOrde
   setenv("QOR_SOCKET_ANSWER_WAIT", "100", 1);
   unsetenv("QOR_CACHE_LIMIT");
   const time_t now = time(nullptr);
-  int toChild[2];
-  int fromChild[2];
-  ASSERT_EQ(0, pipe(toChild));
-  ASSERT_EQ(0, pipe(fromChild));
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) watchdogChild(wdCaps.path(), now, toChild[0], fromChild[1]);
-  ASSERT_EQ("ready", readLine(fromChild[0]));
+  e2e::ForkedWatchdog child([&](e2e::ForkedWatchdog& test) { watchdogChild(wdCaps.path(), now, test); });
+  ASSERT_GT(child.pid(), 0);
+  ASSERT_EQ("ready", child.readLine());
 
   setenv("QOR_CAP_DIR", caps.path().c_str(), 1);
   qortest::traceTo(work.file("trace"), 146);
@@ -122,17 +104,14 @@ TEST(CachedEventsChain, EventsCachedByTheWatchdogReachTheEmbeddedListenersInOrde
   ASSERT_TRUE(qortest::waitFor([&] { return socktest::listening(work.file(".teo_sock")) == 1; }, 10000));
 
   // The id 7 makes the watchdog side tell this one to collect again.
-  ASSERT_EQ(2, write(toChild[1], "go", 2));
-  ASSERT_EQ(2, write(toChild[1], "7\n", 2));
+  ASSERT_TRUE(child.say("go7"));
   ASSERT_TRUE(qortest::waitFor([&] { return marked.heard().size() >= 4; }, 10000));
   std::string answer;
   EXPECT_EQ(0, sendWDQuery("622 QUERY EVENT_DATA", answer));
   EXPECT_EQ("$$NODATA", answer);
 
-  ASSERT_EQ(5, write(toChild[1], "done\n", 5));
-  int status = -1;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  ASSERT_TRUE(child.say("done"));
+  EXPECT_EQ(0, child.wait());
 
   const std::vector<Heard> heard = marked.heard();
   ASSERT_EQ(4u, heard.size());
@@ -150,10 +129,6 @@ TEST(CachedEventsChain, EventsCachedByTheWatchdogReachTheEmbeddedListenersInOrde
 
   service->deregisterLogListener(&marked);
   service->releaseQueryService(false);
-  close(toChild[0]);
-  close(toChild[1]);
-  close(fromChild[0]);
-  close(fromChild[1]);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "core/qorutil.h"
+#include "e2e/forkedwatchdog.h"
 #include "e2e/twoproc.h"
 #include "include/qorapi.h"
 #include "interfaces/qormsgcache.h"
@@ -334,16 +335,10 @@ Handover handoverIn(const std::string& trace) {
   return handover;
 }
 
-std::string readLine(int fd) {
-  std::string line;
-  char c;
-  while (read(fd, &c, 1) == 1 && c != '\n') line += c;
-  return line;
-}
-
 // The watchdog side in a forked child: caches the chain, says "ready", and
 // ends on "done".
-[[noreturn]] void cachingWatchdog(const std::string& caps, const std::string& trace, int in, int out) {
+[[noreturn]] void cachingWatchdog(const std::string& caps, const std::string& trace,
+                                  e2e::ForkedWatchdog& test) {
   setenv("QOR_CAP_DIR", caps.c_str(), 1);
   qortest::traceTo(trace, 1 | 2 | 16 | 128);
   QOR_QueryService* service = QOR_QueryService::initWatchdogService();
@@ -359,47 +354,17 @@ std::string readLine(int fd) {
     event.setLogMessage(qor_mbstowcs(chainText(n).c_str()));
     event.logMessage();
   }
-  const bool cached = qortest::waitFor(
-      [] {
-        Message_Cache* cache = Controller::getController()->getWDCache();
-        return cache != nullptr && cache->cachedCount() >= static_cast<size_t>(kChainEvents);
-      },
-      20000);
+  const bool cached = e2e::ForkedWatchdog::cached(kChainEvents, 20000);
   // Ready only once its socket answers: a collector that finds nobody
   // listening gives up at once, and a slow build may start the server late.
   std::string answer;
   const bool listening = qortest::waitFor(
       [&] { return sendWDQuery("622 QUERY HEALTH_INFO", answer) == SOCKET_CLIENT_CLOSED; }, 20000);
-  if (!cached || !listening || write(out, "ready\n", 6) != 6) _exit(2);
-  if (readLine(in) != "done") _exit(3);
+  if (!cached || !listening || !test.say("ready")) _exit(2);
+  if (test.readLine() != "done") _exit(3);
   service->releaseQueryService(false);
   _exit(0);
 }
-
-// The forked watchdog side, killed and reaped if the test ends early, stopped
-// or not.
-class ChildGuard {
- public:
-  explicit ChildGuard(pid_t pid) : pid_(pid) {}
-  ~ChildGuard() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    kill(pid_, SIGCONT);
-    waitpid(pid_, nullptr, 0);
-  }
-  ChildGuard(const ChildGuard&) = delete;
-  ChildGuard& operator=(const ChildGuard&) = delete;
-  // Its exit code once it ends by itself; -1 for any other end.
-  int wait() {
-    int status = 0;
-    const pid_t ended = waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return ended > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t pid_;
-};
 
 // qorwd is held with SIGSTOP while the collector waits for its next record,
 // and the collector is killed: the record being answered finds it gone.
@@ -412,15 +377,11 @@ TEST(CollectionKilled, TheNextCollectorGetsEveryEventStillCachedOnceAndInOrder) 
   unsetenv("QOR_CACHE_LIMIT");
   SOCKET_ANSWER_CYCLES = 50;
   SOCKET_ANSWER_CYCLE_MS = 100;
-  int toChild[2];
-  int fromChild[2];
-  ASSERT_EQ(0, pipe(toChild));
-  ASSERT_EQ(0, pipe(fromChild));
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) cachingWatchdog(wdCaps.path(), work.file("wd.trace"), toChild[0], fromChild[1]);
-  ChildGuard guard(child);
-  ASSERT_EQ("ready", readLine(fromChild[0]));
+  e2e::ForkedWatchdog watchdogSide(
+      [&](e2e::ForkedWatchdog& test) { cachingWatchdog(wdCaps.path(), work.file("wd.trace"), test); });
+  const pid_t child = watchdogSide.pid();
+  ASSERT_GT(child, 0);
+  ASSERT_EQ("ready", watchdogSide.readLine());
 
   // A record per millisecond or so.
   const std::vector<std::string> env = {"QOR_SOCKET_ANSWER_WAIT=1"};
@@ -466,9 +427,8 @@ TEST(CollectionKilled, TheNextCollectorGetsEveryEventStillCachedOnceAndInOrder) 
   EXPECT_EQ(range(0, kChainEvents), handoverIn(trace).sent);
   EXPECT_EQ(0, second.stop());
 
-  ASSERT_EQ(5, write(toChild[1], "done\n", 5));
-  EXPECT_EQ(0, guard.wait());
-  for (int fd : {toChild[0], toChild[1], fromChild[0], fromChild[1]}) close(fd);
+  ASSERT_TRUE(watchdogSide.say("done"));
+  EXPECT_EQ(0, watchdogSide.wait());
 }
 
 // ---- teo.dat written by a qorhost that is killed ----------------------------------------

@@ -312,6 +312,38 @@ class Controller {
 
   // The discovery thread's loop; embedded mode, and only when an interval is set.
   void runDiscovery();
+  // One cycle after the lock: the process table pass for every managed
+  // policy, the suite's instance lists when `lastZELDiscovery` is older than
+  // their interval (it is then set to now), and the defunct clean-up.
+  // Requires: the discovery mutex held by the caller, and no list lock.
+  void discoveryCycle(time_t& lastZELDiscovery) QOR_REQUIRES(discoveryMutex);
+  // The agents of `agents` whose policy has the subagent id of `policy`, in order.
+  std::vector<Agent*> getPolicyManagedAgents(Policy* policy, std::vector<Agent*> agents);
+  // Takes out of `running` the processes that one of `agents` already has;
+  // returns the process ids of the agents whose process is not there (0 for
+  // an agent without a process). No lock.
+  std::vector<int> mergeManagedInstances(std::vector<Agent*> agents, std::vector<QorProcess*>& running);
+  // The record that takes `process`: a record of a freed pid taken over, a
+  // new record in the list, or null when this policy must wait for a later
+  // cycle. Uses up `freed`. Requires: the discovery mutex held by the caller,
+  // and no list lock.
+  Agent* getManagedInstance(Policy* policy, QorProcess* process, std::vector<int>& freed)
+      QOR_REQUIRES(discoveryMutex);
+  // The suite's instance lists, for every policy (queues an id 2 event for
+  // each record made an instance holder) or for one (returns that record, or
+  // null). Requires (both): the discovery mutex held by the caller, and no
+  // list lock.
+  void discoveryZELInstances() QOR_REQUIRES(discoveryMutex);
+  Agent* discoveryZELInstances(Policy* policy) QOR_REQUIRES(discoveryMutex);
+  // Takes out the records of instances that the policy no longer lists; the
+  // last record of the policy stays, as its instance holder, and is returned.
+  // Requires: the discovery mutex and managedEndpointProcesses locked by the caller.
+  Agent* verifyInstances(Policy* policy) QOR_REQUIRES(discoveryMutex);
+  // Hands the records and policies that discovery took out to the command
+  // handler, which frees them between two of its events: until then a command
+  // of that thread, which runs with the list given up, may still use them.
+  // Requires: no list lock held by the caller.
+  void releaseDiscarded();
 
   // ---- Accessors, defined here -------------------------------------------
 
@@ -421,6 +453,28 @@ class Controller {
   int manageFound(const std::wstring* criteria);
   int manageOSAgentByName(const std::wstring& name);
 
+  // ---- interfaces/qordisc.cpp ---------------------------------------------
+  // The steps of a cycle and of getManagedInstance.
+  // Requires (all): the discovery mutex held by the caller.
+  void discoverProcesses(const std::vector<Policy*>& managedPolicies, const std::vector<Agent*>& managedAgents)
+      QOR_REQUIRES(discoveryMutex);
+  void discoverPolicyInstances(Policy* policy, const std::vector<QorProcess*>& all,
+                               const std::vector<Agent*>& managedAgents) QOR_REQUIRES(discoveryMutex);
+  // Gives a discovered record a policy of its own and queues its id 2 event.
+  // Requires: no list lock held by the caller.
+  void announceDiscovered(Agent* agent, Policy* policy, const LOG1_Context& trace) QOR_REQUIRES(discoveryMutex);
+  // Requires (these three): managedEndpointProcesses locked by the caller too.
+  // The two that trace do so under getManagedInstance's name.
+  bool startOrStopInProgress(Policy* policy) QOR_REQUIRES(discoveryMutex);
+  Agent* reuseFreedRecord(Policy* policy, QorProcess* process, const std::wstring& procName,
+                          std::vector<int>& freed, const LOG1_Context& trace) QOR_REQUIRES(discoveryMutex);
+  Agent* newInstanceRecord(Policy* policy, QorProcess* process, const std::wstring& procName,
+                           const LOG1_Context& trace) QOR_REQUIRES(discoveryMutex);
+  // Requires: managedEndpointProcesses locked by the caller.
+  // Keeps `policy` for releaseDiscarded when neither the list of policies nor
+  // any listed or retired record points at it any more.
+  void discardPolicyIfUnused(Policy* policy);
+
   // ---- agents/qortrans.cpp ------------------------------------------------
   // The row groups of the two transition tables.
   // Requires (all): managedEndpointProcesses locked by the caller (the
@@ -519,6 +573,10 @@ class Controller {
   // the managedEndpointProcesses lock.
   // Kept: never destroyed, since an event on its way may still point at one.
   std::vector<Agent*> retiredAgents;
+  // What discovery took out and releaseDiscarded hands on. Guarded by the
+  // managedEndpointProcesses lock.
+  std::vector<Agent*> discardedAgents;
+  std::vector<Policy*> discardedPolicies;
 };
 
 #endif  // QOR_CORE_QORCTRL_H

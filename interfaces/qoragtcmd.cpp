@@ -357,6 +357,21 @@ AgentMgmtEvent* managementFor(Agent* agent, TEOEvents id) {
   return event;
 }
 
+// Whether an agent has the name, with the policy of the first one, both read
+// with the list locked.
+bool firstPolicyOf(Controller* controller, const std::wstring* criteria, Policy*& policy) {
+  QOR_TRACE_FUNCTION();
+  ManagedProcessList* list = controller->getManagedEndpointProcesses();
+  if (!list->lockList()) {
+    QOR_TRACE_ERROR("Error obtaining lock on managedEndpointProcesses.");
+    return false;
+  }
+  std::vector<Agent*> agents = controller->getManagedEndpointProcess(Controller::MATCH_NAME, criteria);
+  policy = agents.empty() ? nullptr : agents.front()->getPolicy();
+  list->unlockList();
+  return !agents.empty();
+}
+
 }  // namespace
 
 int Controller::startManage(const std::wstring& name) {
@@ -368,18 +383,18 @@ int Controller::startManage(const std::wstring& name) {
   // Held to the end, so that neither discovery nor a CAP file changes the
   // instances between the lookup and the events.
   if (!lockDiscovery()) return -1;
-  std::vector<Agent*> agents = getManagedEndpointProcessLOCK(MATCH_NAME, criteria);
+  Policy* policy = nullptr;
   int result = 401;
-  if (!agents.empty()) {
-    // Stand-in: discoveryZELInstances(agents.front()->getPolicy()) brings the
-    // agent's instances up to date here; it comes with instance discovery
-    // (interfaces/qordisc.cpp). Until then the lookup below finds what the
-    // first one found.
+  if (firstPolicyOf(this, criteria, policy)) {
+    // Brings the agent's instances up to date before the second lookup; the
+    // record it may return gets its event there like every other.
+    if (policy != nullptr) discoveryZELInstances(policy);
     result = manageFound(criteria);
   }
   if (result == 401) result = manageOSAgentByName(name);
   QOR_TRACE_DETAIL("Unlock discovery\n");
   unlockDiscovery();
+  releaseDiscarded();
   return result;
 }
 

@@ -456,13 +456,14 @@ class Controller {
   // ---- interfaces/qordisc.cpp ---------------------------------------------
   // The steps of a cycle and of getManagedInstance.
   // Requires (all): the discovery mutex held by the caller.
-  void discoverProcesses(const std::vector<Policy*>& managedPolicies, const std::vector<Agent*>& managedAgents)
-      QOR_REQUIRES(discoveryMutex);
+  void discoverProcesses(const std::vector<Policy*>& managedPolicies,
+                         const std::vector<Agent*>& managedAgents) QOR_REQUIRES(discoveryMutex);
   void discoverPolicyInstances(Policy* policy, const std::vector<QorProcess*>& all,
                                const std::vector<Agent*>& managedAgents) QOR_REQUIRES(discoveryMutex);
   // Gives a discovered record a policy of its own and queues its id 2 event.
   // Requires: no list lock held by the caller.
-  void announceDiscovered(Agent* agent, Policy* policy, const LOG1_Context& trace) QOR_REQUIRES(discoveryMutex);
+  void announceDiscovered(Agent* agent, Policy* policy, const LOG1_Context& trace)
+      QOR_REQUIRES(discoveryMutex);
   // Requires (these three): managedEndpointProcesses locked by the caller too.
   // The two that trace do so under getManagedInstance's name.
   bool startOrStopInProgress(Policy* policy) QOR_REQUIRES(discoveryMutex);

@@ -168,7 +168,8 @@ int Controller::stopOne(Agent* agent) {
     return 200;
   }
   if (isBusy(agent) || agent->getOperatingState() == OpManuallyStopped) {
-    QOR_TRACE_ERROR("Stop agent failed. Agent %s already being started or stopped.\n", QOR_N(agent->getName()));
+    QOR_TRACE_ERROR("Stop agent failed. Agent %s already being started or stopped.\n",
+                    QOR_N(agent->getName()));
     return 201;
   }
   AgentOpEvent* event = commandFor(agent, agent_stop_cmd);
@@ -197,7 +198,8 @@ int Controller::startAgent(const std::wstring& name, bool resetCount, const std:
     QOR_TRACE_ERROR("Start agent failed. Agent %s is OS Agent %s\n", QOR_N(name), QOR_N(name));
     return 103;
   }
-  QOR_TRACE_ERROR("Start agent failed. Agent %s not found -- Process not found %s\n", QOR_N(name), QOR_N(process));
+  QOR_TRACE_ERROR("Start agent failed. Agent %s not found -- Process not found %s\n", QOR_N(name),
+                  QOR_N(process));
   return 102;
 }
 
@@ -219,7 +221,8 @@ int Controller::startOne(Agent* agent, bool resetCount) {
   }
   // An agent stopped by an operator may be started again.
   if (isBusy(agent)) {
-    QOR_TRACE_ERROR("Start agent failed. Agent %s already being started or stopped.\n", QOR_N(agent->getName()));
+    QOR_TRACE_ERROR("Start agent failed. Agent %s already being started or stopped.\n",
+                    QOR_N(agent->getName()));
     return 101;
   }
   AgentOpEvent* event = commandFor(agent, agent_start_cmd);
@@ -228,8 +231,8 @@ int Controller::startOne(Agent* agent, bool resetCount) {
   return 0;
 }
 
-int Controller::recycleAgent(const std::wstring& name, const std::wstring& process, const std::wstring& instance,
-                             int pid) {
+int Controller::recycleAgent(const std::wstring& name, const std::wstring& process,
+                             const std::wstring& instance, int pid) {
   QOR_TRACE_FUNCTION();
   QOR_TRACE_STATUS("Recycle agent %s\n", QOR_N(name));
   std::wstring criteria[MATCH_CRITERIA_COUNT];
@@ -269,7 +272,8 @@ int Controller::recycleOne(Agent* agent) {
     return 300;
   }
   if (isBusy(agent)) {
-    QOR_TRACE_ERROR("Recycle agent failed. Agent %s already being started or stopped.\n", QOR_N(agent->getName()));
+    QOR_TRACE_ERROR("Recycle agent failed. Agent %s already being started or stopped.\n",
+                    QOR_N(agent->getName()));
     return 301;
   }
   commandFor(agent, agent_recycle_cmd)->processEvent();
@@ -301,7 +305,8 @@ int Controller::resetOne(Agent* agent) {
   }
   // The state comes first: a starting agent with a count of 0 is busy, not done.
   if (isBusy(agent)) {
-    QOR_TRACE_ERROR("Reset agent count failed. Agent %s is being started or stopped.\n", QOR_N(agent->getName()));
+    QOR_TRACE_ERROR("Reset agent count failed. Agent %s is being started or stopped.\n",
+                    QOR_N(agent->getName()));
     return 602;
   }
   if (agent->getDailyRestartCount() == 0) {

@@ -152,8 +152,9 @@ void Controller::discoverPolicyInstances(Policy* policy, const std::vector<QorPr
     // The suite's tool runs only when unknown processes are left.
     const bool named = GetInstanceNames(policy, running);
     if (policy->isZELAgent() && !named) {
-      QOR_TRACE_DETAIL("Unable to retrieve ZEL status for all running processes. Skipping discovery for policy : %s\n",
-                       policy->getShortSID().c_str());
+      QOR_TRACE_DETAIL(
+          "Unable to retrieve ZEL status for all running processes. Skipping discovery for policy : %s\n",
+          policy->getShortSID().c_str());
       return;
     }
   }
@@ -165,7 +166,8 @@ void Controller::discoverPolicyInstances(Policy* policy, const std::vector<QorPr
       QOR_TRACE_DETAIL("Skipping discovery for policy %s\n", policy->getShortSID().c_str());
       break;
     }
-    QOR_TRACE_DETAIL("New instance discovered %s, pid %d\n", agent->getshortID().c_str(), process->getProcID());
+    QOR_TRACE_DETAIL("New instance discovered %s, pid %d\n", agent->getshortID().c_str(),
+                     process->getProcID());
     announceDiscovered(agent, policy, QOR_TRACE_CONTEXT());
   }
 }
@@ -201,7 +203,8 @@ std::vector<Agent*> Controller::getPolicyManagedAgents(Policy* policy, std::vect
   return result;
 }
 
-std::vector<int> Controller::mergeManagedInstances(std::vector<Agent*> agents, std::vector<QorProcess*>& running) {
+std::vector<int> Controller::mergeManagedInstances(std::vector<Agent*> agents,
+                                                   std::vector<QorProcess*>& running) {
   QOR_TRACE_FUNCTION();
   QOR_TRACE_DETAIL("Available instances %d - running instances %d\n", static_cast<int>(agents.size()),
                    static_cast<int>(running.size()));
@@ -296,7 +299,8 @@ Agent* Controller::reuseFreedRecord(Policy* policy, QorProcess* process, const s
       const OperatingStates state = candidate->getOperatingState();
       if (policy->isConsole() && candidate->getInstanceName().empty() &&
           (state == OpManuallyStopped || state == OpStopping)) {
-        QOR_TRACE_DETAIL("Cannot reuse - manually stopped / stopping process %s\n", candidate->getshortID().c_str());
+        QOR_TRACE_DETAIL("Cannot reuse - manually stopped / stopping process %s\n",
+                         candidate->getshortID().c_str());
         continue;
       }
       QOR_TRACE_DETAIL("Replace process %s, pid %d to pid %d\n", candidate->getshortID().c_str(),

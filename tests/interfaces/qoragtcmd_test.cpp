@@ -438,11 +438,11 @@ bool discoveryIsFree() {
 }
 
 // Lookups of startManage, seen in a trace of mask 64 as entries into the
-// locked lookup (the first) and into manageFound (the second, which keeps the
-// list locked through the events).
+// first lookup (which also reads the agent's policy) and into manageFound (the
+// second, which keeps the list locked through the events).
 int lookups(const std::string& trace) {
   int entries = 0;
-  for (const char* function : {"getManagedEndpointProcessLOCK", "manageFound"}) {
+  for (const char* function : {"firstPolicyOf", "manageFound"}) {
     for (const std::string& line : qortest::linesWith(trace, function)) {
       if (line.find("Entry") != std::string::npos || line.find("entry") != std::string::npos) ++entries;
     }

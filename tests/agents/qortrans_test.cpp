@@ -15,6 +15,7 @@
 #include "core/qormsghand.h"
 #include "include/qorapi.h"
 #include "support/qortest.h"
+#include "support/queues.h"
 #include "watchdog/proctest.h"
 #include "watchdog/qorwd.h"
 
@@ -84,15 +85,8 @@ class Transitions : public ::testing::Test {
     managed()->unlockList();
   }
 
-  static std::vector<Event*> take(EventHandler* queue) {
-    std::vector<Event*> events;
-    queue->lockEventQueue();
-    while (Event* event = queue->popEvent()) events.push_back(event);
-    queue->unlockEventQueue();
-    return events;
-  }
   static void drain(EventHandler* queue) {
-    for (Event* event : take(queue)) delete event;
+    for (Event* event : qortest::takeEvents(queue)) delete event;
   }
 
   qortest::TempDir dir;
@@ -150,8 +144,8 @@ TEST_F(Transitions, ManagingAnAgentTakesItsRemoteDeployMarkerAway) {
   manage(event, agent, agent_managed, Unmanaged);
 
   EXPECT_FALSE(qortest::fileExists(dir.file("zz.dy")));
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Deleting remote deploy control file <" + dir.path() +
-                                                      "//zz.dy>"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Deleting remote deploy control file <" + dir.path() + "//zz.dy>"));
 }
 
 TEST_F(Transitions, AnAgentWhosePathIsMissingIsForwardedAsNotFoundAndLeavesTheRunning) {
@@ -166,7 +160,7 @@ TEST_F(Transitions, AnAgentWhosePathIsMissingIsForwardedAsNotFoundAndLeavesTheRu
   EXPECT_EQ(nullptr, agent->getWatchdog());
   EXPECT_EQ(1, qortest::countOccurrences(trace(), "Error: Agent does not exist on system.\n"));
 
-  std::vector<Event*> raised = take(controller()->getCommandHandler());
+  std::vector<Event*> raised = qortest::takeEvents(controller()->getCommandHandler());
   ASSERT_EQ(1u, raised.size());
   AgentMgmtEvent* unmanaged = dynamic_cast<AgentMgmtEvent*>(raised[0]);
   ASSERT_NE(nullptr, unmanaged);
@@ -195,7 +189,7 @@ TEST_F(Transitions, NotFoundTakesEverySiblingInstanceDownToUnknownAndRaisesUnman
   EXPECT_EQ(OpNotFound, first->getOperatingState());
   EXPECT_EQ(OpUnknown, second->getOperatingState());
   EXPECT_EQ(OpUnknown, third->getOperatingState());
-  std::vector<Event*> raised = take(controller()->getCommandHandler());
+  std::vector<Event*> raised = qortest::takeEvents(controller()->getCommandHandler());
   ASSERT_EQ(3u, raised.size());
   const Agent* expected[] = {first, second, third};
   for (size_t i = 0; i < raised.size(); ++i) {
@@ -234,7 +228,7 @@ TEST_F(Transitions, ASuiteAgentWithoutInstancesIsNotConfigured) {
   EXPECT_EQ(L"", agent->getInstanceName());
   EXPECT_EQ(L"qorsuited", agent->getInstanceProcName());
   EXPECT_EQ(1, qortest::countOccurrences(trace(), "ZEL Agent installed but no instances available.\n"));
-  std::vector<Event*> raised = take(controller()->getCommandHandler());
+  std::vector<Event*> raised = qortest::takeEvents(controller()->getCommandHandler());
   ASSERT_EQ(1u, raised.size());
   EXPECT_EQ(agent_unmanaged, raised[0]->getEventTypeID());
   for (Event* e : raised) delete e;
@@ -289,7 +283,7 @@ TEST_F(Transitions, AnUnmanagedAgentInStateUnknownWhoseFileIsGoneRaisesNotFound)
   manage(event, agent, agent_unmanaged, Unmanaged);
 
   EXPECT_EQ(agent_unmanaged, event.getEventTypeID());
-  std::vector<Event*> raised = take(controller()->getCommandHandler());
+  std::vector<Event*> raised = qortest::takeEvents(controller()->getCommandHandler());
   ASSERT_EQ(1u, raised.size());
   AgentOpEvent* notFound = dynamic_cast<AgentOpEvent*>(raised[0]);
   ASSERT_NE(nullptr, notFound);
@@ -354,7 +348,7 @@ TEST_F(Transitions, TheWatchdogRecordIsReportedUnreliableOnEveryUnmanagedEvent) 
     agent->setID(L"qorwd");
     AgentMgmtEvent event;
     manage(event, agent, agent_unmanaged, mgmtState);
-    std::vector<Event*> messages = take(controller()->getMessageHandler());
+    std::vector<Event*> messages = qortest::takeEvents(controller()->getMessageHandler());
     ASSERT_EQ(1u, messages.size()) << "mgmtState " << mgmtState;
     EXPECT_EQ(watchdog_unreliable, messages[0]->getEventTypeID());
     for (Event* e : messages) delete e;
@@ -376,7 +370,8 @@ TEST_F(Transitions, AnOperatingEventForAnAgentWithoutWatchdogChangesNothing) {
 
   EXPECT_EQ(OpRunning, agent->getOperatingState());
   EXPECT_EQ(process->pid(), agent->getProcID());
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "ignoring state change -- watchdog is null -- agent op state = 2.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(
+                   trace(), "ignoring state change -- watchdog is null -- agent op state = 2.\n"));
 }
 
 }  // namespace

@@ -30,6 +30,7 @@
 #include "include/qorapi.h"
 #include "platform/log1.h"
 #include "support/qortest.h"
+#include "support/queues.h"
 #include "watchdog/proctest.h"
 #include "watchdog/qorwd.h"
 
@@ -365,7 +366,7 @@ exit $(cat '@STOPCODE@' 2>/dev/null || echo 0)
   // caller deletes them.
   static std::vector<AgentOpEvent*> takeRaised() {
     std::vector<AgentOpEvent*> raised;
-    for (Event* event : take(controller()->getCommandHandler())) {
+    for (Event* event : qortest::takeEvents(controller()->getCommandHandler())) {
       AgentOpEvent* opEvent = dynamic_cast<AgentOpEvent*>(event);
       EXPECT_NE(nullptr, opEvent);
       if (opEvent != nullptr) raised.push_back(opEvent);
@@ -376,22 +377,15 @@ exit $(cat '@STOPCODE@' 2>/dev/null || echo 0)
   // What the listeners have been told since the last call.
   static std::vector<Heard> heard() {
     std::vector<Heard> messages;
-    for (Event* event : take(controller()->getMessageHandler())) {
+    for (Event* event : qortest::takeEvents(controller()->getMessageHandler())) {
       messages.push_back({event->getEventTypeID(), event->getLogMessage()});
       delete event;
     }
     return messages;
   }
 
-  static std::vector<Event*> take(EventHandler* queue) {
-    std::vector<Event*> events;
-    queue->lockEventQueue();
-    while (Event* event = queue->popEvent()) events.push_back(event);
-    queue->unlockEventQueue();
-    return events;
-  }
   static void drain(EventHandler* queue) {
-    for (Event* event : take(queue)) delete event;
+    for (Event* event : qortest::takeEvents(queue)) delete event;
   }
 
   static std::wstring operational(const Agent* agent, const std::wstring& text) {

@@ -17,6 +17,7 @@
 #include "core/qormsghand.h"
 #include "support/controlleraccess.h"
 #include "support/qortest.h"
+#include "support/queues.h"
 
 namespace {
 
@@ -136,14 +137,6 @@ TEST(AgentLookup, TheLockedFormLeavesTheListFreeAndThePlainFormNeedsTheCallersLo
 
 namespace {
 
-std::vector<Event*> take(EventHandler* queue) {
-  std::vector<Event*> events;
-  queue->lockEventQueue();
-  while (Event* event = queue->popEvent()) events.push_back(event);
-  queue->unlockEventQueue();
-  return events;
-}
-
 // The events the commands queued for the state machine, as (id, opState,
 // agent) and freed.
 struct Queued {
@@ -160,7 +153,7 @@ std::ostream& operator<<(std::ostream& out, const Queued& queued) {
 
 std::vector<Queued> commandsQueued() {
   std::vector<Queued> queued;
-  for (Event* event : take(Controller::getController()->getCommandHandler())) {
+  for (Event* event : qortest::takeEvents(Controller::getController()->getCommandHandler())) {
     AgentOpEvent* op = dynamic_cast<AgentOpEvent*>(event);
     if (op != nullptr) queued.push_back({op->getEventTypeID(), op->getOpState(), op->getAgent()});
     delete event;
@@ -171,7 +164,7 @@ std::vector<Queued> commandsQueued() {
 // The ids of what went straight to the listeners, freed.
 std::vector<int> messagesQueued() {
   std::vector<int> ids;
-  for (Event* event : take(Controller::getController()->getMessageHandler())) {
+  for (Event* event : qortest::takeEvents(Controller::getController()->getMessageHandler())) {
     ids.push_back(event->getEventTypeID());
     delete event;
   }
@@ -256,8 +249,8 @@ TEST_F(Commands, AStopWithAProcessIdTakesOnlyThatProcess) {
 TEST_F(Commands, AManuallyStoppedAgentCannotBeStoppedButCanBeStartedAndRecycled) {
   Agent* agent = managed(L"rested", L"restd", 0, OpManuallyStopped);
   EXPECT_EQ(201, controller()->stopAgent(L"rested", L"restd", -1));
-  EXPECT_EQ(1, qortest::countOccurrences(trace(),
-                                         "Stop agent failed. Agent rested already being started or stopped.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(
+                   trace(), "Stop agent failed. Agent rested already being started or stopped.\n"));
   EXPECT_EQ(0, controller()->startAgent(L"rested", false, L"restd", L""));
   EXPECT_EQ(0, controller()->recycleAgent(L"rested", L"restd", L"", -1));
   EXPECT_EQ((std::vector<Queued>{{agent_start_cmd, OpManuallyStopped, agent},
@@ -275,12 +268,15 @@ TEST_F(Commands, BusyAgentsAreRefusedWithTheCodeOfEachCommand) {
   EXPECT_EQ(602, controller()->resetAgentRestartCount(L"stopping", L"stopd", L""));
   EXPECT_EQ(2, stopping->getDailyRestartCount());
   EXPECT_TRUE(commandsQueued().empty());
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Start agent failed. Agent stopping already being started or "
-                                                  "stopped.\n"));
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Recycle agent failed. Agent starting already being started or "
-                                                  "stopped.\n"));
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Reset agent count failed. Agent stopping is being started or "
-                                                  "stopped.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Start agent failed. Agent stopping already being started or "
+                                         "stopped.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Recycle agent failed. Agent starting already being started or "
+                                         "stopped.\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Reset agent count failed. Agent stopping is being started or "
+                                         "stopped.\n"));
 }
 
 TEST_F(Commands, AConsoleStartTakesTheInstanceWithoutAProcessOrElseTheLast) {
@@ -304,9 +300,10 @@ TEST_F(Commands, AStartNamesItsInstanceOrItsProcess) {
   EXPECT_EQ(0, controller()->startAgent(L"multi", false, L"other process", L"two"));
   EXPECT_EQ((std::vector<Queued>{{agent_start_cmd, OpStopped, two}}), commandsQueued());
   EXPECT_EQ(102, controller()->startAgent(L"multi", false, L"other process", L""));
-  EXPECT_EQ(1, qortest::countOccurrences(trace(),
-                                         "Start agent failed. Agent multi not found -- Process not found other "
-                                         "process\n"));
+  EXPECT_EQ(1,
+            qortest::countOccurrences(trace(),
+                                      "Start agent failed. Agent multi not found -- Process not found other "
+                                      "process\n"));
 }
 
 TEST_F(Commands, AStartWithResetCountTellsTheListenersAndResetsUnlessRefused) {
@@ -376,9 +373,11 @@ TEST_F(Commands, TheOSAgentIsRefusedOrHandedToTheWatchdogProcess) {
   EXPECT_EQ(302, controller()->recycleAgent(L"Someone", L"someoned", L"", -1));
   EXPECT_EQ(601, controller()->resetAgentRestartCount(L"Someone", L"someoned", L""));
   EXPECT_EQ(1, qortest::countOccurrences(trace(), "Stop agent failed. Agent Host agent, is OS Agent\n"));
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Start agent failed. Agent Host agent is OS Agent Host agent\n"));
-  EXPECT_EQ(1, qortest::countOccurrences(
-                   trace(), "Reset restart count failed. Agent Someone not found -- Process not found someoned\n"));
+  EXPECT_EQ(
+      1, qortest::countOccurrences(trace(), "Start agent failed. Agent Host agent is OS Agent Host agent\n"));
+  EXPECT_EQ(
+      1, qortest::countOccurrences(
+             trace(), "Reset restart count failed. Agent Someone not found -- Process not found someoned\n"));
 }
 
 TEST_F(Commands, RecyclingTheOSAgentWithTheWatchdogProcessDownFailsAndLeavesNoRecycleMark) {
@@ -386,9 +385,11 @@ TEST_F(Commands, RecyclingTheOSAgentWithTheWatchdogProcessDownFailsAndLeavesNoRe
   EXPECT_EQ(-1, controller()->recycleAgent(L"Host agent", L"hostd", L"", -1));
   EXPECT_FALSE(Controller::isRecycleOS());
   EXPECT_EQ(-1, controller()->resetAgentRestartCount(L"Host agent", L"hostd", L""));
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Recycle OS Agent. Agent Host agent is OS Agent Host agent\n"));
-  EXPECT_EQ(1, qortest::countOccurrences(trace(), "Reset OS Agent Restart Count. Agent Host agent is OS Agent "
-                                                  "Host agent\n"));
+  EXPECT_EQ(
+      1, qortest::countOccurrences(trace(), "Recycle OS Agent. Agent Host agent is OS Agent Host agent\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(trace(),
+                                         "Reset OS Agent Restart Count. Agent Host agent is OS Agent "
+                                         "Host agent\n"));
 }
 
 TEST_F(Commands, AnUnmanagedOSAgentIsRefused) {
@@ -408,7 +409,7 @@ namespace {
 // for, the operating state of an operating event, -1 for the others.
 std::vector<Queued> allQueued() {
   std::vector<Queued> queued;
-  for (Event* event : take(Controller::getController()->getCommandHandler())) {
+  for (Event* event : qortest::takeEvents(Controller::getController()->getCommandHandler())) {
     if (auto* mgmt = dynamic_cast<AgentMgmtEvent*>(event)) {
       queued.push_back({mgmt->getEventTypeID(), mgmt->getMgmtState(), mgmt->getAgent()});
     } else if (auto* op = dynamic_cast<AgentOpEvent*>(event)) {

@@ -24,6 +24,7 @@
 #include "platform/log1.h"
 #include "support/controlleraccess.h"
 #include "support/qortest.h"
+#include "support/queues.h"
 #include "watchdog/proctest.h"
 #include "watchdog/qorcmd.h"
 
@@ -51,14 +52,6 @@ std::ostream& operator<<(std::ostream& out, const Queued& queued) {
   return out << "{" << queued.id << ", " << queued.mgmtState << ", " << queued.agent << "}";
 }
 
-std::vector<Event*> take(EventHandler* queue) {
-  std::vector<Event*> events;
-  queue->lockEventQueue();
-  while (Event* event = queue->popEvent()) events.push_back(event);
-  queue->unlockEventQueue();
-  return events;
-}
-
 // Policies, records and processes of one test; the live list and the list of
 // policies get them, and lose them again at the end.
 class Discovery : public ::testing::Test {
@@ -69,8 +62,8 @@ class Discovery : public ::testing::Test {
     qortest::traceTo(dir.file("trace"), QOR_TL_DETAIL | QOR_TL_STORY | 64);
   }
   ~Discovery() override {
-    drop(take(controller()->getCommandHandler()));
-    drop(take(controller()->getMessageHandler()));
+    drop(qortest::takeEvents(controller()->getCommandHandler()));
+    drop(qortest::takeEvents(controller()->getMessageHandler()));
     ManagedProcessList* list = controller()->getManagedEndpointProcesses();
     list->lockList();
     for (Agent* agent : *list) {
@@ -147,7 +140,7 @@ class Discovery : public ::testing::Test {
   // The queued events, thrown away (which frees what discovery took out).
   std::vector<Queued> queued() {
     std::vector<Queued> result;
-    std::vector<Event*> events = take(controller()->getCommandHandler());
+    std::vector<Event*> events = qortest::takeEvents(controller()->getCommandHandler());
     for (Event* event : events) {
       if (auto* mgmt = dynamic_cast<AgentMgmtEvent*>(event)) {
         result.push_back({mgmt->getEventTypeID(), mgmt->getMgmtState(), mgmt->getAgent()});
@@ -160,12 +153,12 @@ class Discovery : public ::testing::Test {
   }
   // The queued events applied as the command handler applies them.
   void applyQueued() {
-    for (Event* event : take(controller()->getCommandHandler())) {
+    for (Event* event : qortest::takeEvents(controller()->getCommandHandler())) {
       if (dynamic_cast<AgentMgmtEvent*>(event) == nullptr) ++releases;
       event->doCommandProcessing();
       delete event;
     }
-    drop(take(controller()->getMessageHandler()));
+    drop(qortest::takeEvents(controller()->getMessageHandler()));
   }
   std::vector<Agent*> listed() {
     ManagedProcessList* list = controller()->getManagedEndpointProcesses();

@@ -14,6 +14,7 @@
 #include "core/qorevt.h"
 #include "core/qormsghand.h"
 #include "support/qortest.h"
+#include "support/queues.h"
 
 namespace {
 
@@ -93,14 +94,6 @@ TEST_F(OSAgent, NoCapDirectoryMeansNoRemoteDeploy) {
 
 // ---- The OS agent's record, disarm and rearm ---------------------------------
 
-std::vector<Event*> take(EventHandler* queue) {
-  std::vector<Event*> events;
-  queue->lockEventQueue();
-  while (Event* event = queue->popEvent()) events.push_back(event);
-  queue->unlockEventQueue();
-  return events;
-}
-
 // The records of both lists of one test, freed at its end.
 class Supervision : public OSAgent {
  protected:
@@ -112,8 +105,8 @@ class Supervision : public OSAgent {
       list->clear();
       list->unlockList();
     }
-    for (Event* event : take(controller()->getCommandHandler())) delete event;
-    for (Event* event : take(controller()->getMessageHandler())) delete event;
+    for (Event* event : qortest::takeEvents(controller()->getCommandHandler())) delete event;
+    for (Event* event : qortest::takeEvents(controller()->getMessageHandler())) delete event;
   }
   Agent* record(ManagedProcessList* list, const std::wstring& id, const std::wstring& code,
                 ManagerType type) {
@@ -234,13 +227,13 @@ TEST_F(Supervision, TheWatchdogAgentIsTheFirstRecordOfTheWatchdogProcess) {
 TEST_F(Supervision, ADisarmWithoutAWatchdogRecordHasNoAgentAndStillWarnsTheListeners) {
   controller()->disarm(false);
   EXPECT_TRUE(controller()->isDisarmed());
-  std::vector<Event*> commands = take(controller()->getCommandHandler());
+  std::vector<Event*> commands = qortest::takeEvents(controller()->getCommandHandler());
   ASSERT_EQ(1u, commands.size());
   EXPECT_EQ(disarm_complete, commands[0]->getEventTypeID());
   ASSERT_NE(nullptr, dynamic_cast<WatchdogEvent*>(commands[0]));
   EXPECT_EQ(nullptr, dynamic_cast<WatchdogEvent*>(commands[0])->getAgent());
   EXPECT_EQ(L" Watchdog Event: Disarm completed successfully", commands[0]->getLogMessage());
-  std::vector<Event*> messages = take(controller()->getMessageHandler());
+  std::vector<Event*> messages = qortest::takeEvents(controller()->getMessageHandler());
   ASSERT_EQ(1u, messages.size());
   EXPECT_EQ(watchdog_unreliable, messages[0]->getEventTypeID());
   EXPECT_EQ(L"Teo Services watchdog not reliable", messages[0]->getLogMessage());
@@ -254,27 +247,27 @@ TEST_F(Supervision, ADisarmWithoutAWatchdogRecordHasNoAgentAndStillWarnsTheListe
 TEST_F(Supervision, ADisarmNamesTheWatchdogRecordAndASilentOneWarnsNobody) {
   Agent* guard = record(controller()->getManagedEndpointProcesses(), L"qorwd", L"qd", External);
   controller()->disarm(true);
-  std::vector<Event*> commands = take(controller()->getCommandHandler());
+  std::vector<Event*> commands = qortest::takeEvents(controller()->getCommandHandler());
   ASSERT_EQ(1u, commands.size());
   ASSERT_NE(nullptr, dynamic_cast<WatchdogEvent*>(commands[0]));
   EXPECT_EQ(guard, dynamic_cast<WatchdogEvent*>(commands[0])->getAgent());
-  EXPECT_TRUE(take(controller()->getMessageHandler()).empty());
+  EXPECT_TRUE(qortest::takeEvents(controller()->getMessageHandler()).empty());
   for (Event* event : commands) delete event;
 }
 
 TEST_F(Supervision, ARearmClearsTheFlagAndNamesNoAgent) {
   record(controller()->getManagedEndpointProcesses(), L"qorwd", L"qd", External);
   controller()->disarm(true);
-  for (Event* event : take(controller()->getCommandHandler())) delete event;
+  for (Event* event : qortest::takeEvents(controller()->getCommandHandler())) delete event;
   controller()->rearm();
   EXPECT_FALSE(controller()->isDisarmed());
-  std::vector<Event*> commands = take(controller()->getCommandHandler());
+  std::vector<Event*> commands = qortest::takeEvents(controller()->getCommandHandler());
   ASSERT_EQ(1u, commands.size());
   EXPECT_EQ(rearm_complete, commands[0]->getEventTypeID());
   ASSERT_NE(nullptr, dynamic_cast<WatchdogEvent*>(commands[0]));
   EXPECT_EQ(nullptr, dynamic_cast<WatchdogEvent*>(commands[0])->getAgent());
   EXPECT_EQ(L" Watchdog Event: Rearm completed successfully", commands[0]->getLogMessage());
-  EXPECT_TRUE(take(controller()->getMessageHandler()).empty());
+  EXPECT_TRUE(qortest::takeEvents(controller()->getMessageHandler()).empty());
   for (Event* event : commands) delete event;
 }
 

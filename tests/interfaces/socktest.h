@@ -33,6 +33,7 @@
 #include "interfaces/qorsockserv.h"
 #include "support/controlleraccess.h"
 #include "support/qortest.h"
+#include "support/queues.h"
 
 namespace socktest {
 
@@ -252,7 +253,7 @@ class ListedAgents {
   };
   static std::vector<Queued> commandsQueued() {
     std::vector<Queued> queued;
-    for (Event* event : take(Controller::getController()->getCommandHandler())) {
+    for (Event* event : qortest::takeEvents(Controller::getController()->getCommandHandler())) {
       AgentOpEvent* op = dynamic_cast<AgentOpEvent*>(event);
       if (op != nullptr)
         queued.push_back({op->getEventTypeID(), op->getOpState(), op->getActionFlag(), op->getAgent()});
@@ -262,18 +263,10 @@ class ListedAgents {
   }
   static void drainQueues() {
     commandsQueued();
-    for (Event* event : take(Controller::getController()->getMessageHandler())) delete event;
+    for (Event* event : qortest::takeEvents(Controller::getController()->getMessageHandler())) delete event;
   }
 
  private:
-  static std::vector<Event*> take(EventHandler* queue) {
-    std::vector<Event*> events;
-    queue->lockEventQueue();
-    while (Event* event = queue->popEvent()) events.push_back(event);
-    queue->unlockEventQueue();
-    return events;
-  }
-
   ManagedProcessList* list_;
   std::vector<std::unique_ptr<Agent>> agents_;
 };

@@ -30,6 +30,7 @@
 #include "platform/log1.h"
 #include "support/controlleraccess.h"
 #include "support/qortest.h"
+#include "support/queues.h"
 #include "watchdog/proctest.h"
 #include "watchdog/qorcmdunx.h"
 #include "watchdog/qorwd.h"
@@ -59,24 +60,15 @@ using RaisedList = std::vector<Raised>;
 // What an event given an empty text says: its default.
 const std::wstring kNoText = L"N/A";
 
-// Takes every event off a queue; the caller owns them.
-std::vector<Event*> take(EventHandler* queue) {
-  std::vector<Event*> events;
-  queue->lockEventQueue();
-  while (Event* event = queue->popEvent()) events.push_back(event);
-  queue->unlockEventQueue();
-  return events;
-}
-
 void drain(EventHandler* queue) {
-  for (Event* event : take(queue)) delete event;
+  for (Event* event : qortest::takeEvents(queue)) delete event;
 }
 
 // The events on the command queue, taken off it. Only the pointer of the
 // event's agent is kept, to be compared: no agent is read here.
 RaisedList takeRaised() {
   RaisedList raised;
-  for (Event* event : take(Controller::getController()->getCommandHandler())) {
+  for (Event* event : qortest::takeEvents(Controller::getController()->getCommandHandler())) {
     auto* opEvent = dynamic_cast<AgentOpEvent*>(event);
     raised.push_back({event->getEventTypeID(), opEvent != nullptr ? opEvent->getOpState() : -1,
                       opEvent != nullptr ? opEvent->getAgent() : nullptr, event->getUserMessage()});
@@ -272,7 +264,8 @@ TEST_F(WatchdogActions, AStateEventIsQueuedWithTheAgentItsStateItsIdAndItsTextAn
   Agent* agent = makeAgent("act.agent", OpRunning);
   agent->getWatchdog()->processOpStateEvent(OpStopped, agent_stopped_abnormally, L"went away");
   std::vector<std::unique_ptr<Event>> raised;
-  for (Event* event : take(Controller::getController()->getCommandHandler())) raised.emplace_back(event);
+  for (Event* event : qortest::takeEvents(Controller::getController()->getCommandHandler()))
+    raised.emplace_back(event);
   ASSERT_EQ(1u, raised.size());
   auto* event = dynamic_cast<AgentOpEvent*>(raised[0].get());
   ASSERT_NE(nullptr, event);

@@ -99,6 +99,13 @@ class Discovery : public ::testing::Test {
     made->setServiceName(L"svc");
     return made;
   }
+  // The suite's agent of product code "ab", whose instances `suite` lists first.
+  Policy* suitePolicy(proctest::FakeSuite& suite, const std::string& configured) {
+    suite.answer("o", configured);
+    Policy* made = policy("qor.ab", ZEL_UNIX, "qorabd");
+    made->setProductCode(L"ab");
+    return made;
+  }
   // A managed record of `of` with its process and state, listed.
   Agent* record(Policy* of, int pid, OperatingStates state, const std::wstring& instance = L"") {
     Agent* agent = new Agent();
@@ -136,6 +143,33 @@ class Discovery : public ::testing::Test {
     ASSERT_TRUE(controller()->tryLockDiscovery());
     controller()->discoveryCycle(lastSlowStep);
     controller()->unlockDiscovery();
+  }
+  // A process of the lab's program as the table gives it to the decision.
+  QorProcess processOf(const std::string& program, const std::wstring& instance = L"") {
+    QorProcess process;
+    process.setProcID(run(program));
+    process.setInstanceProcName(wide(program));
+    process.setInstanceName(instance);
+    return process;
+  }
+  // The decision for one process, with the mutex held as the thread holds it.
+  Agent* decide(Policy* of, QorProcess* process, std::vector<int>& freed) {
+    if (!controller()->tryLockDiscovery()) return nullptr;
+    Agent* result = controller()->getManagedInstance(of, process, freed);
+    controller()->unlockDiscovery();
+    return result;
+  }
+  // The suite's instance lists, as the slow step takes them.
+  void slowStep() {
+    ASSERT_TRUE(controller()->tryLockDiscovery());
+    controller()->discoveryZELInstances();
+    controller()->unlockDiscovery();
+  }
+  Agent* slowStep(Policy* of) {
+    if (!controller()->tryLockDiscovery()) return nullptr;
+    Agent* result = controller()->discoveryZELInstances(of);
+    controller()->unlockDiscovery();
+    return result;
   }
   // The queued events, thrown away (which frees what discovery took out).
   std::vector<Queued> queued() {
@@ -307,15 +341,10 @@ TEST_F(Discovery, TwoDeadRecordsAndTwoNewProcessesGiveOneTakeOverAndOneNewRecord
 TEST_F(Discovery, AStoppedRecordWithoutProcessTakesOverANewProcessOfItsInstanceAndRunsAgain) {
   Policy* console = policy("qor.dc", Console, "qordcd");
   Agent* stopped = record(console, 0, OpStopped, L"db1");
-  QorProcess process;
-  process.setProcID(run("qordcd"));
-  process.setInstanceProcName(L"qordcd");
-  process.setInstanceName(L"db1");
+  QorProcess process = processOf("qordcd", L"db1");
   std::vector<int> freed{0};
 
-  ASSERT_TRUE(controller()->tryLockDiscovery());
-  Agent* result = controller()->getManagedInstance(console, &process, freed);
-  controller()->unlockDiscovery();
+  Agent* result = decide(console, &process, freed);
   EXPECT_EQ(stopped, result);
   EXPECT_TRUE(freed.empty());
   EXPECT_EQ(process.getProcID(), stopped->getProcID());
@@ -329,15 +358,10 @@ TEST_F(Discovery, TheFirstSearchIsNotTiedToThePolicySoARecordOfAnotherPolicyCanB
   Policy* mine = policy("qor.mine", Console, "qorsamed");
   Policy* other = policy("qor.other", Console, "qorsamed");
   Agent* foreign = record(other, kGone, OpRunning, L"db1");
-  QorProcess process;
-  process.setProcID(run("qorsamed"));
-  process.setInstanceProcName(L"qorsamed");
-  process.setInstanceName(L"db1");
+  QorProcess process = processOf("qorsamed", L"db1");
   std::vector<int> freed{kGone};
 
-  ASSERT_TRUE(controller()->tryLockDiscovery());
-  EXPECT_EQ(foreign, controller()->getManagedInstance(mine, &process, freed));
-  controller()->unlockDiscovery();
+  EXPECT_EQ(foreign, decide(mine, &process, freed));
   EXPECT_EQ(process.getProcID(), foreign->getProcID());
   EXPECT_EQ(L"qor.other", foreign->getID());
   EXPECT_EQ(0, count("No instances to reuse.\n"));
@@ -351,15 +375,10 @@ TEST_F(Discovery, TheSecondSearchDropsTheProcessNameAndNeedsThePolicysId) {
   foreign->setInstanceProcName(L"elsewhere");
   Agent* own = record(mine, kGone, OpRunning, L"db1");
   own->setInstanceProcName(L"elsewhere");
-  QorProcess process;
-  process.setProcID(run("qorsecond"));
-  process.setInstanceProcName(L"qorsecond");
-  process.setInstanceName(L"db1");
+  QorProcess process = processOf("qorsecond", L"db1");
   std::vector<int> freed{kGone};
 
-  ASSERT_TRUE(controller()->tryLockDiscovery());
-  EXPECT_EQ(own, controller()->getManagedInstance(mine, &process, freed));
-  controller()->unlockDiscovery();
+  EXPECT_EQ(own, decide(mine, &process, freed));
   EXPECT_EQ(1, count("No instances to reuse.\n"));
   EXPECT_EQ(process.getProcID(), own->getProcID());
   EXPECT_EQ(kGone, foreign->getProcID());
@@ -370,14 +389,10 @@ TEST_F(Discovery, TheSecondSearchDropsTheProcessNameAndNeedsThePolicysId) {
 TEST_F(Discovery, AManuallyStoppedConsoleRecordWithoutInstanceIsNotReusedAndANewRecordIsMade) {
   Policy* console = policy("qor.cs", Console, "qorcsd");
   Agent* stopped = record(console, 0, OpManuallyStopped);
-  QorProcess process;
-  process.setProcID(run("qorcsd"));
-  process.setInstanceProcName(L"qorcsd");
+  QorProcess process = processOf("qorcsd");
   std::vector<int> freed{0};
 
-  ASSERT_TRUE(controller()->tryLockDiscovery());
-  Agent* result = controller()->getManagedInstance(console, &process, freed);
-  controller()->unlockDiscovery();
+  Agent* result = decide(console, &process, freed);
   ASSERT_NE(nullptr, result);
   EXPECT_NE(stopped, result);
   EXPECT_EQ(1, count("Cannot reuse - manually stopped / stopping process qor.cs\n"));
@@ -391,17 +406,13 @@ TEST_F(Discovery, AManuallyStoppedConsoleRecordWithoutInstanceIsNotReusedAndANew
 
 TEST_F(Discovery, ASuiteInstanceNoLongerListedLosesItsRecordAndTheLastRecordStaysAsHolder) {
   proctest::FakeSuite suite;
-  suite.answer("o", "ab db1 x\nab db2 x\nab db3 x\n");
-  Policy* zel = policy("qor.ab", ZEL_UNIX, "qorabd");
-  zel->setProductCode(L"ab");
+  Policy* zel = suitePolicy(suite, "ab db1 x\nab db2 x\nab db3 x\n");
   Agent* db1 = record(zel, 0, OpStopped, L"db1");
   record(zel, 0, OpStopped, L"db2");
   Agent* db3 = record(zel, 0, OpStopped, L"db3");
   suite.answer("o", "ab db1 x\nab db3 x\n");
 
-  ASSERT_TRUE(controller()->tryLockDiscovery());
-  controller()->discoveryZELInstances();
-  controller()->unlockDiscovery();
+  slowStep();
   EXPECT_EQ((std::vector<Agent*>{db1, db3}), listed());
   EXPECT_EQ(1, count("Deleting ZEL instance db2 from agent qor.ab\n"));
   EXPECT_TRUE(queued().empty());  // the deleted record is freed with the release
@@ -411,9 +422,7 @@ TEST_F(Discovery, ASuiteInstanceNoLongerListedLosesItsRecordAndTheLastRecordStay
 
   // Nothing configured any more: db1 goes, and db3, the last, stays as holder.
   suite.answer("o", "ab <none>\n");
-  ASSERT_TRUE(controller()->tryLockDiscovery());
-  controller()->discoveryZELInstances();
-  controller()->unlockDiscovery();
+  slowStep();
   EXPECT_EQ(std::vector<Agent*>{db3}, listed());
   EXPECT_TRUE(db3->isZELInstanceHolder());
   EXPECT_EQ(OpUnknown, db3->getOperatingState());
@@ -422,22 +431,16 @@ TEST_F(Discovery, ASuiteInstanceNoLongerListedLosesItsRecordAndTheLastRecordStay
 
 TEST_F(Discovery, AnInstanceHolderIsNeverDeleted) {
   proctest::FakeSuite suite;
-  suite.answer("o", "ab db1 x\n");
-  Policy* zel = policy("qor.ab", ZEL_UNIX, "qorabd");
-  zel->setProductCode(L"ab");
+  Policy* zel = suitePolicy(suite, "ab db1 x\n");
   Agent* holder = record(zel, 0, OpNotConfigured);
   Agent* db1 = record(zel, 0, OpStopped, L"db1");
   record(zel, 0, OpStopped, L"db2");
 
-  ASSERT_TRUE(controller()->tryLockDiscovery());
-  EXPECT_EQ(nullptr, controller()->discoveryZELInstances(zel));
-  controller()->unlockDiscovery();
+  EXPECT_EQ(nullptr, slowStep(zel));
   EXPECT_EQ((std::vector<Agent*>{holder, db1}), listed());
 
   suite.answer("o", "");
-  ASSERT_TRUE(controller()->tryLockDiscovery());
-  EXPECT_EQ(nullptr, controller()->discoveryZELInstances(zel));
-  controller()->unlockDiscovery();
+  EXPECT_EQ(nullptr, slowStep(zel));
   // db1 is deleted as the second of two records; the holder stays.
   EXPECT_EQ(std::vector<Agent*>{holder}, listed());
   EXPECT_TRUE(holder->isZELInstanceHolder());
@@ -445,9 +448,7 @@ TEST_F(Discovery, AnInstanceHolderIsNeverDeleted) {
 
 TEST_F(Discovery, StartManageBringsTheSuiteInstancesUpToDateBeforeItsSecondLookup) {
   proctest::FakeSuite suite;
-  suite.answer("o", "ab db1 x\nab db2 x\n");
-  Policy* zel = policy("qor.ab", ZEL_UNIX, "qorabd");
-  zel->setProductCode(L"ab");
+  Policy* zel = suitePolicy(suite, "ab db1 x\nab db2 x\n");
   Agent* db1 = record(zel, 0, OpStopped, L"db1");
   Agent* db2 = record(zel, 0, OpStopped, L"db2");
   db1->setManagedState(Unmanaged);
@@ -483,9 +484,7 @@ TEST_F(Discovery, AProcessGoneBetweenTheTableReadAndTheMatchLeavesARecordThatThe
   EXPECT_EQ(goneAfterMatch, running[0]->getProcID());
   // ...the other after, and it gets a record all the same.
   kill(goneAfterMatch);
-  ASSERT_TRUE(controller()->tryLockDiscovery());
-  Agent* made = controller()->getManagedInstance(daemon, running[0], freed);
-  controller()->unlockDiscovery();
+  Agent* made = decide(daemon, running[0], freed);
   for (QorProcess* process : all) delete process;
   ASSERT_NE(nullptr, made);
   EXPECT_EQ(goneAfterMatch, made->getProcID());

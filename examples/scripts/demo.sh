@@ -14,6 +14,9 @@
 # Starts qorwd on the copy; qorwd finds qorhost not running and starts it by
 # the start script of qorhost.xml (scripts/qorhost-daemon.sh) within its first
 # check period, and qorhost starts each example program at its first check.
+# qorhost finds instances of the multi-instance agent (cap/multi.xml) that
+# start meanwhile every QOR_DISCOVERY_INTERVAL seconds (default 5 here),
+# asking the example suite's status tool, suite/bin/vexinf ($MARLOWHOME).
 # qorhost's output is shown as it comes (it is $QOR_EXAMPLES_RUN/qorhost.log,
 # default /tmp/qor-examples), and every line typed here is a command for
 # qorhost (help lists them). Ctrl-C (or SIGTERM) stops qorwd first, so that
@@ -72,6 +75,10 @@ programs=(qor-sleeper qor-watched qor-pattern)
 daemon=$examples/scripts/example-daemon.sh
 hostd=$examples/scripts/qorhost-daemon.sh
 export QOR_EXAMPLES=$examples QOR_EXAMPLES_RUN=$run QORHOST=$qorhost
+# qorwd hands its environment down to qorhost through qorhost-daemon.sh. The
+# suite's tool lives under $MARLOWHOME/bin; the discovery interval is off
+# unless set, and qorwd itself never discovers.
+export MARLOWHOME=$examples/suite QOR_DISCOVERY_INTERVAL=${QOR_DISCOVERY_INTERVAL:-5}
 
 # A copy of the CAP files, so that the state file and any file added or
 # removed stay out of the source tree. qorhost.xml's agentPath becomes the
@@ -86,7 +93,10 @@ prepare() {
   # management, and the example script makes the file only at its first
   # start; so the copies of sleep are made here.
   mkdir -p "$run/bin" || exit 1
-  for p in "${programs[@]}"; do
+  # The multi-instance agent's agentPath, qor-multi, never runs itself; its
+  # instance alpha is configured from the start (the example suite counts an
+  # instance configured once its program exists).
+  for p in "${programs[@]}" qor-multi qor-multi.alpha; do
     [ -x "$run/bin/$p" ] || cp "$(command -v sleep)" "$run/bin/$p" || exit 1
   done
   sed -i "s|<agentPath>[^<]*</agentPath>|<agentPath>$qorhost</agentPath>|" "$dir/cap/qorhost.xml" || exit 1
@@ -100,6 +110,12 @@ prepare() {
 stop_all() {
   "$hostd" stop >/dev/null
   for p in "${programs[@]}"; do "$daemon" stop "$p" >/dev/null; done
+  # Every instance of the multi-instance agent with a pid file, started by
+  # qorhost or by hand. A glob, not a word list: Ctrl-C may come while the
+  # loop below reads a line with IFS empty.
+  for f in "$run"/qor-multi.*.pid; do
+    [ -f "$f" ] && "$daemon" stop "$(basename "$f" .pid)" >/dev/null
+  done
 }
 
 wd_pid=
@@ -125,6 +141,7 @@ qorwd and qorhost on $dir/cap (a copy of examples/cap): add or remove CAP files 
 qorwd starts qorhost within about 5 s; qorhost starts each example program at its first check, about 5 s later.
 kill -9 \$(cat $run/qor-sleeper.pid): qorhost's next check reports it and restarts it.
 kill -9 \$(cat $run/qorhost.pid): qorwd's next check starts qorhost again, which then shows the events it missed.
+QOR_EXAMPLES_RUN=$run $daemon start qor-multi.beta: a second instance, found within $QOR_DISCOVERY_INTERVAL s (list shows it).
 Type commands for qorhost: list, stop NAME, start NAME, reset NAME ... (help lists them).
 qorhost's output: $run/qorhost.log, its traces $run/qorhost.trace; qorwd's traces: $dir/qorwd.trace.
 Press Ctrl-C to stop both.

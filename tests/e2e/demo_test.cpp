@@ -18,7 +18,7 @@
 
 namespace {
 
-const std::vector<std::string> kPrograms = {"qor-sleeper", "qor-watched", "qor-pattern"};
+const std::vector<std::string> kPrograms = {"qor-sleeper", "qor-watched", "qor-pattern", "qor-multi.alpha"};
 
 std::string exeOf(int pid) {
   char path[4096] = {0};
@@ -46,6 +46,7 @@ class Demo : public ::testing::Test {
     }
     proctest::killProcess(pidIn("qorhost.pid"));
     for (const std::string& name : kPrograms) proctest::killProcess(pidIn(name + ".pid"));
+    proctest::killProcess(pidIn("qor-multi.beta.pid"));
   }
 
   std::string qorhost() { return tmp.file("bin/qorhost"); }
@@ -69,7 +70,7 @@ class Demo : public ::testing::Test {
   std::unique_ptr<qortest::Child> demo;
 };
 
-TEST_F(Demo, QorwdStartsQorhostWhichStartsTheExampleProgramsWithinTwentySecondsAndCtrlCStopsThemAll) {
+TEST_F(Demo, QorwdStartsQorhostWhichStartsTheProgramsFindsAnInstanceStartedByHandAndCtrlCStopsThemAll) {
   const long long begun = qortest::nowMs();
   ASSERT_TRUE(qortest::waitFor([&] { return hostPid() > 0 && allProgramsRun(); }, 20000))
       << demo->out() << demo->err() << log();
@@ -90,16 +91,32 @@ TEST_F(Demo, QorwdStartsQorhostWhichStartsTheExampleProgramsWithinTwentySecondsA
         << agent;
 
   // A line typed at the demo is a command for qorhost.
-  const int listings = qortest::countOccurrences(log(), "qorhost: 4 agents\n");
+  const int listings = qortest::countOccurrences(log(), "qorhost: 5 agents\n");
   ASSERT_TRUE(demo->write("list\n"));
   EXPECT_TRUE(qortest::waitFor(
-      [&] { return qortest::countOccurrences(log(), "qorhost: 4 agents\n") > listings; }, 5000))
+      [&] { return qortest::countOccurrences(log(), "qorhost: 5 agents\n") > listings; }, 5000))
       << log();
   EXPECT_NE(
       std::string::npos,
       log().find(
           "qorhost: agent 'qorhost OS agent' id example.qorhost managed 1 (managed) state 4 (running) pid " +
           std::to_string(host) + " restarts 0/3\n"))
+      << log();
+
+  // The README's second instance: found within one discovery interval.
+  qortest::RunResult beta = qortest::runProgram(
+      {"/bin/sh", qortest::sourceDir() + "/examples/scripts/example-daemon.sh", "start", "qor-multi.beta"},
+      {"QOR_EXAMPLES_RUN=" + run()});
+  ASSERT_EQ(0, beta.exitCode) << beta.err;
+  programs.push_back(pidIn("qor-multi.beta.pid"));
+  const std::string betaLine = "' id example.multi managed 1 (managed) state 4 (running) pid " +
+                               std::to_string(programs.back()) + " restarts 0/3\n";
+  EXPECT_TRUE(qortest::waitFor(
+      [&] {
+        demo->write("list\n");
+        return qortest::waitFor([&] { return log().find(betaLine) != std::string::npos; }, 1000);
+      },
+      10000))
       << log();
 
   ctrlC();

@@ -58,7 +58,9 @@ std::wstring wide(const std::string& text) { return std::wstring(text.begin(), t
 TEST(ExampleCapFiles, ThereIsOneOfEachKind) {
   std::vector<std::string> names;
   for (const std::string& file : exampleFiles()) names.push_back(baseName(file));
-  EXPECT_EQ(std::vector<std::string>({"pattern.xml", "qorhost.xml", "sleeper.xml", "watched.xml"}), names);
+  EXPECT_EQ(
+      std::vector<std::string>({"multi.xml", "pattern.xml", "qorhost.xml", "sleeper.xml", "watched.xml"}),
+      names);
 }
 
 TEST(ExampleCapFiles, PassTheSchemaForEditors) {
@@ -130,11 +132,28 @@ TEST_F(ExamplePolicies, PatternHasACompiledCommandLineAndNeedsNoOtherAgent) {
 
 // The demo shows a death and its restart within seconds, not minutes.
 TEST_F(ExamplePolicies, EveryProgramIsCheckedEveryFiveSeconds) {
-  for (const char* name : {"sleeper.xml", "watched.xml", "pattern.xml"}) {
+  for (const char* name : {"sleeper.xml", "watched.xml", "pattern.xml", "multi.xml"}) {
     Policy each;
     ASSERT_EQ(XML_OK, processor.parse(wide(examplesDir() + "/cap/" + name), each)) << name;
     EXPECT_EQ(5, each.getCheckFrequencyElement()) << name;
   }
+}
+
+// A suite agent without instances of its own: the suite's tool names them,
+// and each instance's scripts get its name.
+TEST_F(ExamplePolicies, MultiIsASuiteAgentWhoseScriptsTakeTheInstance) {
+  ASSERT_EQ(XML_OK, parse("multi.xml"));
+  EXPECT_EQ(L"example.multi", policy.getSubagentID());
+  EXPECT_EQ(ZEL_UNIX, policy.getAgentTypeElement());
+  EXPECT_TRUE(policy.isZELAgent());
+  EXPECT_TRUE(policy.isGeneric());
+  EXPECT_EQ(L"qm", policy.getProductCode());
+  EXPECT_EQ(L"qor-multi", policy.getProcName());
+  EXPECT_EQ(L"/tmp/qor-examples/bin/qor-multi", policy.getAgentPath());
+  EXPECT_EQ(L"$QOR_EXAMPLES/scripts/example-daemon.sh start qor-multi.##INSTANCE##",
+            policy.getStartCommand());
+  EXPECT_EQ(L"$QOR_EXAMPLES/scripts/example-daemon.sh stop qor-multi.##INSTANCE##", policy.getStopCommand());
+  EXPECT_EQ(3, policy.getMaxRestartElement());
 }
 
 // The demo's copy gets the built qorhost as agentPath; the file in the tree
@@ -395,6 +414,67 @@ TEST_F(ExampleDaemon, NameWithASlashIsRefused) {
   qortest::RunResult refused = run("start", "../x");
   EXPECT_EQ(64, refused.exitCode);
   EXPECT_FALSE(qortest::fileExists(dir.file("bin")));
+}
+
+// The example suite's status tool, read through the very commands the
+// service builds for product code qm, on instances started by the example
+// script in a run folder of its own.
+class ExampleVexinf : public ::testing::Test {
+ protected:
+  ExampleVexinf() {
+    setenv("QOR_EXAMPLES_RUN", dir.path().c_str(), 1);
+    setenv("MARLOWHOME", (examplesDir() + "/suite").c_str(), 1);
+  }
+  ~ExampleVexinf() override {
+    for (const char* name : {"qor-multi.alpha", "qor-multi.beta"}) daemon("stop", name);
+  }
+  int daemon(const std::string& action, const std::string& name) {
+    return qortest::runProgram({"/bin/sh", examplesDir() + "/scripts/example-daemon.sh", action, name})
+        .exitCode;
+  }
+  int pid(const std::string& name) { return std::atoi(qortest::readFile(dir.file(name + ".pid")).c_str()); }
+  std::string shell(const std::string& command) {
+    qortest::RunResult result = qortest::runProgram({"/bin/sh", "-c", command});
+    EXPECT_EQ(0, result.exitCode) << command << ": " << result.err;
+    return result.out;
+  }
+  std::string running() {
+    return shell(
+        "$MARLOWHOME/bin/vexinf -r | awk 'NR > 6' | grep -iw qm | grep \"\\.running\" 2>/dev/null | "
+        "awk {'print $3\" \"$6'}");
+  }
+  std::string configured() {
+    return shell("$MARLOWHOME/bin/vexinf -o qm 2>/dev/null | awk 'NR > 6' | grep -iw qm | awk {'print $2'}");
+  }
+
+  qortest::TempDir dir;
+};
+
+TEST_F(ExampleVexinf, ListsTheInstancesThatRunWithTheirPidsAndAllThatEverStartedAsConfigured) {
+  ASSERT_EQ(0, daemon("start", "qor-multi.alpha"));
+  ASSERT_EQ(0, daemon("start", "qor-multi.beta"));
+  const int alpha = pid("qor-multi.alpha");
+  const int beta = pid("qor-multi.beta");
+  ASSERT_GT(alpha, 0);
+  ASSERT_GT(beta, 0);
+  EXPECT_EQ(std::to_string(alpha) + " alpha\n" + std::to_string(beta) + " beta\n", running());
+  EXPECT_EQ("alpha\nbeta\n", configured());
+  // Stopped, an instance no longer runs, but stays configured.
+  ASSERT_EQ(0, daemon("stop", "qor-multi.beta"));
+  ASSERT_TRUE(qortest::waitFor([&] { return kill(beta, 0) != 0; }, 5000));
+  EXPECT_EQ(std::to_string(alpha) + " alpha\n", running());
+  EXPECT_EQ("alpha\nbeta\n", configured());
+}
+
+TEST_F(ExampleVexinf, PrintsSixHeaderLinesAndNothingConfiguredAsALineBeginningWithALessThanSign) {
+  qortest::RunResult raw = qortest::runProgram({examplesDir() + "/suite/bin/vexinf", "-r"});
+  EXPECT_EQ(0, raw.exitCode) << raw.err;
+  EXPECT_EQ(6, qortest::countOccurrences(raw.out, "\n")) << raw.out;
+  EXPECT_EQ("", running());
+  EXPECT_EQ("<not\n", configured());
+  // Another product has nothing at all.
+  EXPECT_EQ(
+      "", shell("$MARLOWHOME/bin/vexinf -o qx 2>/dev/null | awk 'NR > 6' | grep -iw qx | awk {'print $2'}"));
 }
 
 // The script by which the watchdog process starts and stops qorhost, run by

@@ -173,6 +173,15 @@ void Agent::setZELUserName() {
   if (policy != nullptr && policy->isZELAgent()) ZELUserProcessor::collectZELUser(*this);
 }
 
+void Agent::nameInstanceAs(QorProcess* process, Policy* policy) {
+  if (!policy->isZELAgent() && process->getInstanceName().empty()) {
+    if (!policy->isConsole()) setServiceInstanceName(policy->getServiceName());
+    return;
+  }
+  setInstanceName(process->getInstanceName());
+  if (!policy->isZELAgent()) policy->addInstance(process->getInstanceName());
+}
+
 bool Agent::match(QorProcess* process) const {
   if (identity.type == ZEL_UNIX || identity.type == ZEL_Windows) {
     return instance.instanceName == process->getInstanceName();

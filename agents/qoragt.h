@@ -197,6 +197,11 @@ class Agent {
   // The process is this agent's: by instance name for suite agents, by
   // instance process name for every other type.
   bool match(QorProcess* process) const;
+  // Names the instance this record of `process` stands for: an unnamed
+  // instance of a service by the policy's service name; a named one, or any
+  // suite instance, by its instance name, which a policy outside the suite
+  // learns as one of its own.
+  void nameInstanceAs(QorProcess* process, Policy* policy);
   // A suite agent with no instance yet: it holds the place until discovery.
   bool isZELInstanceHolder() const;
   bool isWatchDogAgent() const;

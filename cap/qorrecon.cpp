@@ -145,18 +145,6 @@ std::wstring instanceProcNameOf(QorProcess* process, Policy* policy) {
   return name;
 }
 
-// Step 3.3 of the instance step: an unnamed instance of a service is known by
-// the policy's service name; a named one, or any suite instance, by its
-// instance name, which a policy outside the suite learns as well.
-void nameInstance(Agent* agent, QorProcess* process, Policy* policy) {
-  if (!policy->isZELAgent() && process->getInstanceName().empty()) {
-    if (!policy->isConsole()) agent->setServiceInstanceName(policy->getServiceName());
-    return;
-  }
-  agent->setInstanceName(process->getInstanceName());
-  if (!policy->isZELAgent()) policy->addInstance(process->getInstanceName());
-}
-
 // Applies a management event, with the agent's own managed state, to the agent.
 // Requires: managedEndpointProcesses locked by the caller.
 void applyManagement(Controller* controller, Agent* agent, AgentMgmtEvent& event) {
@@ -290,7 +278,7 @@ void Controller::addInstanceRecord(Reconciliation& work, QorProcess* process, Ag
   // 3.2
   agent->setInstanceProcName(instanceProcNameOf(process, policy));
   // 3.3
-  nameInstance(agent, process, policy);
+  agent->nameInstanceAs(process, policy);
   // 3.4
   agent->setProcID(process->getProcID());
   // 3.5

@@ -58,18 +58,6 @@ bool onlyWatchdogPolicies(const std::vector<Policy*>& policies) {
                      [](Policy* policy) { return policy->getProductCode() == L"qd"; });
 }
 
-// The instance a record of `process` stands for: its service for a service
-// of the system, else its instance name, which a policy outside the suite
-// learns as one of its own.
-void nameInstance(Agent* agent, Policy* policy, QorProcess* process) {
-  if (!policy->isZELAgent() && process->getInstanceName().empty()) {
-    if (!policy->isConsole()) agent->setServiceInstanceName(policy->getServiceName());
-    return;
-  }
-  agent->setInstanceName(process->getInstanceName());
-  if (!policy->isZELAgent()) policy->addInstance(process->getInstanceName());
-}
-
 }  // namespace
 
 void* DIThreadEntry(void* /*unused*/) {
@@ -308,7 +296,7 @@ Agent* Controller::reuseFreedRecord(Policy* policy, QorProcess* process, const s
       candidate->setProcID(process->getProcID());
       candidate->setOperatingState(OpRunning);
       candidate->setPath(policy->getAgentPath());
-      nameInstance(candidate, policy, process);
+      candidate->nameInstanceAs(process, policy);
       result = candidate;
       break;
     }
@@ -323,7 +311,7 @@ Agent* Controller::newInstanceRecord(Policy* policy, QorProcess* process, const 
   Agent* agent = new Agent();
   agent->setIdentityFrom(policy);
   agent->setInstanceProcName(procName);
-  nameInstance(agent, policy, process);
+  agent->nameInstanceAs(process, policy);
   agent->setProcID(process->getProcID());
   agent->setManagedState(Managed);
   QOR_TRACE_DETAIL("adding agent to process list from discovery.\n");

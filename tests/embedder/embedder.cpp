@@ -709,11 +709,17 @@ bool runsAnew(QOR_QueryService* service, const Layout& layout, long before) {
 }
 
 // Killed, the program is restarted at the next check and counted; the host
-// then resets the count.
-void killAndReset(QOR_QueryService* service, const Layout& layout) {
+// then resets the count, once it has heard of the restart: the record changes
+// first, and the listeners hear of it a moment later.
+void killAndReset(QOR_QueryService* service, const Layout& layout, Heard& heard) {
   const long killed = pidInFile(layout);
   kill(static_cast<pid_t>(killed), SIGKILL);
   if (!runsAnew(service, layout, killed)) return fail("the killed program was not restarted within 30 s");
+  const auto restartHeard = [&] {
+    const std::vector<int> ids = heard.idsAbout("Embedded sleeper");
+    return std::count(ids.begin(), ids.end(), 7) == 2 && ids.back() == 7;
+  };
+  if (!waitFor(restartHeard, 10)) return fail("the restart was not heard within 10 s");
   expectEqual(1, sleeper(service).restarts, "getDailyRestartCount after a restart");
   const std::wstring name = L"Embedded sleeper";
   expectEqual(0, service->resetRestartCount(name, L"qorembd", L""), "resetRestartCount");
@@ -829,7 +835,7 @@ void runHost(const Layout& layout) {
   QOR_QueryService* service = startService(heard, alerts);
   checkRunning(service, layout);
   checkOsAgent(service);
-  killAndReset(service, layout);
+  killAndReset(service, layout, heard);
   stopStartRecycle(service, layout);
   unmanageAndManage(service, heard);
   unknownNames(service);

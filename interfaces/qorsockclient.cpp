@@ -1,18 +1,18 @@
 // The socket client: one connection for each request, one send, and an answer
-// polled in cycles rather than awaited, so that a peer that is down or busy
-// costs the caller a bounded wait.
+// awaited in cycles against a deadline, so that a peer that is down or busy
+// costs the caller a bounded wait and a quick one costs no more than it takes.
 #include "interfaces/qorsockclient.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 
+#include "core/qordeadline.h"
 #include "core/qorutil.h"
 #include "platform/log1.h"
 #include "platform/osv1.h"
@@ -41,26 +41,21 @@ int answerCycleMs() {
   return SOCKET_ANSWER_CYCLE_MS;
 }
 
-// One cycle's sleep. Whole seconds go through OSV1_Sleep, a cancellation
-// point like the rest, so a caller cancelled while it waits unwinds at once.
-void sleepCycle(int milliseconds) {
-  OSV1_Sleep(milliseconds / 1000);
-  struct timespec rest = {0, static_cast<long>(milliseconds % 1000) * 1000000L};
-  if (rest.tv_nsec > 0) nanosleep(&rest, nullptr);
-}
-
 // Steps 7 to 10 of an exchange: polls for the answer, turns it into the
 // result and closes the socket.
 int awaitAnswer(int fd, int requestType, std::string& answer, const LOG1_Context& context) {
   QOR_TRACE_AS(context);
   char buffer[kAnswerBufferSize + 1];
-  const int limit = SOCKET_ANSWER_CYCLES;
   const int cycleMs = answerCycleMs();
+  // The cycles' whole length is the deadline; each cycle waits on the socket
+  // and ends as soon as the answer, or the server's end, arrives.
+  const QorDeadline deadline{
+      std::chrono::milliseconds(static_cast<long long>(SOCKET_ANSWER_CYCLES) * cycleMs)};
   int cycles = 0;
   ssize_t last = 0;
   ssize_t received = 0;
   int lastError = 0;
-  while (cycles < limit) {
+  for (;;) {
     last = recv(fd, buffer, kAnswerBufferSize, 0);
     if (last > 0) {
       QOR_TRACE_ERROR("Received answer bytes(%d):\n", static_cast<int>(last));
@@ -70,7 +65,8 @@ int awaitAnswer(int fd, int requestType, std::string& answer, const LOG1_Context
     if (last == 0) break;
     lastError = errno;
     if (lastError != EAGAIN && lastError != EWOULDBLOCK) break;
-    sleepCycle(cycleMs);
+    if (deadline.passed()) break;
+    QOR_WaitReadable(fd, deadline.nextWaitMs(cycleMs));
     ++cycles;
   }
   QOR_TRACE_DETAIL("Waiting for answer loop count(%d).\n", cycles);

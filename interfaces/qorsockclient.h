@@ -26,10 +26,11 @@ enum SocketClientResult : int {
   SOCKET_CLIENT_CLOSED = 6,       // the server closed the connection without a byte
 };
 
-// The wait for an answer: SOCKET_ANSWER_CYCLES polls (60), each followed by a
-// sleep of SOCKET_ANSWER_CYCLE_MS (1000) while nothing has come. The
-// environment variable QOR_SOCKET_ANSWER_WAIT, a number of milliseconds, sets
-// the length of a cycle for a whole process (tests, tools); read at each call.
+// The wait for an answer: at most SOCKET_ANSWER_CYCLES (60) cycles of
+// SOCKET_ANSWER_CYCLE_MS (1000), their sum a deadline; each cycle waits on the
+// socket and ends as soon as something arrives. The environment variable
+// QOR_SOCKET_ANSWER_WAIT, a number of milliseconds, sets the length of a cycle
+// for a whole process (tests, tools); read at each call.
 extern int32_t SOCKET_ANSWER_CYCLES;
 extern int32_t SOCKET_ANSWER_CYCLE_MS;
 

@@ -11,6 +11,7 @@
 
 #include "agents/qoragt.h"
 #include "core/qorctrl.h"
+#include "core/qordeadline.h"
 #include "core/qorutil.h"
 #include "platform/log1.h"
 #include "watchdog/qorusr.h"
@@ -65,13 +66,14 @@ QorCmdUNIX::QorCmdUNIX() = default;
 QorCmdUNIX::~QorCmdUNIX() = default;
 
 struct QorCmdUNIX::PollOutcome {
-  int remaining = 0;
+  int remaining = 0;  // the whole seconds of the budget left at the last pass
+  bool timedOut = false;
   bool appStarted = false;
   bool shutdown = false;
   int readError = 0;
   int childStatus = -1;  // -1: the child was not reaped in the loop
 
-  bool normalEnd() const { return remaining != 0 && readError == 0 && !appStarted && !shutdown; }
+  bool normalEnd() const { return !timedOut && readError == 0 && !appStarted && !shutdown; }
 };
 
 int QorCmdUNIX::executeCmd(const std::wstring& command, std::string& output, QorScript* script,
@@ -109,17 +111,26 @@ void QorCmdUNIX::pollCommand(FILE* stream, int pid, QorScript* script, Agent* ag
   };
   int descriptor = fileno(stream);
   fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+  // Unbuffered, so that all output read is in `output` and none hides in the
+  // stream's buffer while the next pass waits on the pipe for more.
+  setvbuf(stream, nullptr, _IONBF, 0);
 
-  // Kept: one read a second, and the first pass, which does not sleep, costs a second all the same.
-  int pauseSeconds = 0;
+  // Each pass waits up to a second on the pipe and goes on as soon as output
+  // or its end arrives; the budget is a deadline, not a count of passes.
+  const QorDeadline deadline{std::chrono::seconds(end.remaining)};
+  bool firstPass = true;
   char buffer[1024];
-  while (!feof(stream) && end.remaining > 0) {
+  while (!feof(stream)) {
+    end.remaining = deadline.wholeSecondsLeft();
+    if (end.remaining == 0) {
+      end.timedOut = true;
+      return;
+    }
     QOR_TRACE_DETAIL("Waiting for command to complete for %d seconds.\n", end.remaining);
     if (shuttingDown()) return;
-    sleep(pauseSeconds);
+    if (!firstPass) QOR_WaitReadable(descriptor, deadline.nextWaitMs(1000));
     if (shuttingDown()) return;
-    pauseSeconds = 1;
-    --end.remaining;
+    firstPass = false;
 
     // The error and end-of-file flags are sticky: clear them so that they
     // tell of this read only.
@@ -189,7 +200,7 @@ int QorCmdUNIX::abandonCommand(FILE* stream, int pid, QorScript* script, Agent* 
   } else if (script->isStopCommand() && agent != nullptr && !isAppRunning(agent)) {
     result = 0;
   }
-  if (end.remaining != 0) {
+  if (!end.timedOut) {
     qor_pclose(stream, pid);
   } else {
     addDefunctProcess(pid, stream);

@@ -90,7 +90,8 @@ class QorCmdUNIX : public QorCmd {
 
  private:
   struct PollOutcome;
-  // Reads the command's output a second at a time until one of its ends.
+  // Reads the command's output as it comes, waiting at most a second at a
+  // time, until one of its ends.
   void pollCommand(FILE* stream, int pid, QorScript* script, Agent* agent, std::string& output,
                    PollOutcome& end);
   // The exit status of a command that ended by itself.

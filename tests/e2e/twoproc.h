@@ -45,6 +45,8 @@ class TwoProcesses : public ::testing::Test {
     proctest::copyProgram(e2e::tool("qorhost"), hostExe());
     qortest::writeFile(run.file("start-host.sh"),
                        "#!/bin/sh\n"
+                       // A test may hold the launch back, to tell times apart.
+                       "sleep ${QOR_E2E_LAUNCH_DELAY:-0}\n"
                        "echo start $(date +%s) >>'" +
                            run.file("starts.log") +
                            "'\n"

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -146,7 +147,9 @@ TEST_F(SocketClient, AServerThatNeverAnswersCostsSixtyCyclesAndGivesFive) {
   const int descriptors = socktest::openDescriptors();
   const long long started = qortest::nowMs();
   EXPECT_EQ(SOCKET_CLIENT_NO_ANSWER, sendWDCommand("622 RECYCLE"));
-  EXPECT_GE(qortest::nowMs() - started, 60 * 10);
+  const long long waited = qortest::nowMs() - started;
+  EXPECT_GE(waited, 60 * 10);
+  EXPECT_LT(waited, 60 * 10 + 1000);
   EXPECT_EQ("622 RECYCLE", server.request());
   EXPECT_EQ(1, traced("Waiting for answer loop count(60).\n"));
   EXPECT_EQ(1, traced("Error receiving result- errno = 11, Resource temporarily unavailable\n"));
@@ -166,6 +169,20 @@ TEST_F(SocketClient, TheEnvironmentSetsTheLengthOfACycle) {
   EXPECT_GE(waited, 5 * 40);
   EXPECT_LT(waited, 5000);
   EXPECT_EQ(1, traced("Waiting for answer loop count(5).\n"));
+}
+
+TEST_F(SocketClient, AnAnswerIsTakenWhenItArrivesNotAtTheEndOfACycle) {
+  SOCKET_ANSWER_CYCLE_MS = 1000;
+  FakeServer server(teoSock(), [](int connection) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    answer(connection, "7");
+  });
+  const long long started = qortest::nowMs();
+  EXPECT_EQ(7, sendTEOCommand("622 started qg"));
+  const long long waited = qortest::nowMs() - started;
+  EXPECT_GE(waited, 150);
+  EXPECT_LT(waited, 900);
+  EXPECT_EQ(1, traced("Waiting for answer loop count(1).\n"));
 }
 
 TEST_F(SocketClient, AServerThatClosesAtOnceGivesSix) {

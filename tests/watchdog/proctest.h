@@ -120,6 +120,17 @@ inline bool runsExecutable(int pid, const std::string& exe) {
   return exe == buffer && !qortest::readFile(proc + "/cmdline").empty();
 }
 
+// The seconds left that each pass of a command's wait traced, in order:
+// "Waiting for command to complete for N seconds."
+inline std::vector<int> waitedSeconds(const std::string& trace) {
+  const std::string text = "Waiting for command to complete for ";
+  std::vector<int> seconds;
+  for (const std::string& line : qortest::linesWith(trace, text)) {
+    seconds.push_back(atoi(line.c_str() + line.find(text) + text.size()));
+  }
+  return seconds;
+}
+
 // The processes whose parent is `parent`, read from /proc independently of
 // the code under test.
 inline std::vector<int> childrenOf(int parent) {

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -176,6 +177,32 @@ TEST(CommandExecution, ACommandThatEndsAtOnceGivesItsExitStatusAndLeavesTheOutpu
   EXPECT_EQ(L"before", output);
 }
 
+TEST(CommandExecution, ACommandThatEndsAtOnceCostsMillisecondsNotASecond) {
+  QorScript quick = script("echo up; exit 0");
+  std::wstring output, msgID;
+  QorCmdUNIX* manager = fastManager();
+  const long long began = qortest::nowMs();
+  for (int run = 0; run < 5; ++run) EXPECT_EQ(0, manager->executeCmd(&quick, output, msgID, nullptr));
+  // Five runs, where waiting a whole second for each would take five.
+  EXPECT_LT(qortest::nowMs() - began, 1000);
+  EXPECT_EQ(L"up\n", output);
+}
+
+TEST(CommandExecution, OutputIsTakenAsItComesAndTheEndAsSoonAsItCloses) {
+  qortest::TempDir dir;
+  qortest::traceTo(dir.file("trace"), QOR_TL_DETAIL);
+  QorScript paced = script("echo one; sleep 0.3; echo two; sleep 0.3; echo three");
+  std::wstring output, msgID;
+  const long long began = qortest::nowMs();
+  EXPECT_EQ(0, fastManager()->executeCmd(&paced, output, msgID, nullptr));
+  EXPECT_LT(qortest::nowMs() - began, 1500);
+  EXPECT_EQ(L"one\ntwo\nthree\n", output);
+  std::string trace = qortest::readFile(dir.file("trace"));
+  EXPECT_EQ(3, qortest::countOccurrences(trace, "Command bytes read without error. "));
+  // Every pass counted from the budget of 3 seconds, none of them a whole second long.
+  for (int seconds : proctest::waitedSeconds(trace)) EXPECT_EQ(3, seconds);
+}
+
 TEST(CommandExecution, WhatACommandPrintsBecomesItsOutput) {
   QorScript hello = script("echo hello; echo world");
   std::wstring output = L"before", msgID;
@@ -289,21 +316,34 @@ TEST(CommandExecution, TheRetryFlagDoublesTheTimeoutForThisRunOnly) {
   QorCmdUNIX* manager = fastManager();
   Agent agent;
   agent.setAvailCheckRetry();
-  // Reads come at 0, 1, 2, ... seconds. The output comes half a second after
-  // the last read of the plain budget, and in time for the read at 3 of the
-  // doubled one, which leaves a pass to see the end: neither run then
-  // depends on which of two things a few milliseconds apart comes first.
-  QorScript slow = script("sleep 2.5; echo done");
+  // Done at 4 seconds: a second after the plain budget of 3, two before the
+  // doubled one of 6.
+  QorScript slow = script("sleep 4; echo done");
   std::wstring output, msgID;
+  long long began = qortest::nowMs();
   EXPECT_EQ(0, manager->executeCmd(&slow, output, msgID, &agent));
+  long long took = qortest::nowMs() - began;
   EXPECT_EQ(L"done\n", output);
-  std::string trace = qortest::readFile(dir.file("trace"));
-  EXPECT_EQ(1, qortest::countOccurrences(trace, "Waiting for command to complete for 6 seconds.\n"));
+  EXPECT_GE(took, 4000);
+  EXPECT_LT(took, 5500);  // it ends when the script does, not at a whole second
+  std::vector<int> waits = proctest::waitedSeconds(qortest::readFile(dir.file("trace")));
+  ASSERT_FALSE(waits.empty());
+  EXPECT_EQ(6, waits.front());
+  // It ended with 2 of its 6 seconds left, or just under 3: it counted down
+  // and never waited into its last 2, after a pass or two for each second.
+  EXPECT_TRUE(std::is_sorted(waits.rbegin(), waits.rend()));
+  const int least = *std::min_element(waits.begin(), waits.end());
+  EXPECT_TRUE(least == 2 || least == 3) << least;
+  EXPECT_LE(waits.size(), 12u);
 
   agent.resetAvailCheckRetry();
   output.clear();
+  began = qortest::nowMs();
   EXPECT_EQ(QOR_CMD_TIMED_OUT, manager->executeCmd(&slow, output, msgID, &agent));
+  took = qortest::nowMs() - began;
   EXPECT_EQ(L"", output);
+  EXPECT_GE(took, 3000);
+  EXPECT_LT(took, 4000);
   EXPECT_EQ(3, manager->getTimeout());
 }
 

@@ -1,0 +1,78 @@
+#include "core/qordeadline.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "support/qortest.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+TEST(Deadline, AStartedSecondCountsWholeAndNoneAreLeftOnceItHasPassed) {
+  const QorDeadline deadline{milliseconds(2500)};
+  EXPECT_EQ(3, deadline.wholeSecondsLeft());
+  EXPECT_FALSE(deadline.passed());
+  EXPECT_EQ(1000, deadline.nextWaitMs(1000));
+  EXPECT_LE(deadline.nextWaitMs(5000), 2500);
+  EXPECT_GT(deadline.nextWaitMs(5000), 2000);
+
+  const QorDeadline soon{milliseconds(30)};
+  EXPECT_EQ(1, soon.wholeSecondsLeft());
+  std::this_thread::sleep_for(milliseconds(40));
+  EXPECT_TRUE(soon.passed());
+  EXPECT_EQ(0, soon.millisecondsLeft());
+  EXPECT_EQ(0, soon.wholeSecondsLeft());
+  EXPECT_EQ(0, soon.nextWaitMs(1000));
+}
+
+TEST(Deadline, ANoughtBudgetHasPassedAtOnce) {
+  const QorDeadline none{milliseconds(0)};
+  EXPECT_TRUE(none.passed());
+  EXPECT_EQ(0, none.wholeSecondsLeft());
+}
+
+class WaitReadable : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(0, pipe(fds)); }
+  void TearDown() override {
+    close(fds[0]);
+    if (fds[1] >= 0) close(fds[1]);
+  }
+  long long timedWait(int most) {
+    const long long began = qortest::nowMs();
+    QOR_WaitReadable(fds[0], most);
+    return qortest::nowMs() - began;
+  }
+  int fds[2] = {-1, -1};
+};
+
+TEST_F(WaitReadable, WithNothingToReadItWaitsTheWholeTime) {
+  const long long waited = timedWait(200);
+  EXPECT_GE(waited, 195);
+  EXPECT_LT(waited, 1000);
+}
+
+TEST_F(WaitReadable, InputEndsTheWaitAsSoonAsItArrives) {
+  std::thread writer([this] {
+    std::this_thread::sleep_for(milliseconds(50));
+    ASSERT_EQ(1, write(fds[1], "x", 1));
+  });
+  const long long waited = timedWait(5000);
+  writer.join();
+  EXPECT_GE(waited, 45);
+  EXPECT_LT(waited, 1000);
+}
+
+TEST_F(WaitReadable, TheEndOfInputEndsTheWaitToo) {
+  close(fds[1]);
+  fds[1] = -1;
+  EXPECT_LT(timedWait(5000), 500);
+}
+
+TEST_F(WaitReadable, ANoughtWaitDoesNotWait) { EXPECT_LT(timedWait(0), 50); }
+
+}  // namespace

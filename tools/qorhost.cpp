@@ -2,6 +2,7 @@
 // would, prints every event its listeners hear, and stops cleanly on SIGINT or
 // SIGTERM, writing the state file. SIGUSR1 lists the agents it knows, and
 // operator commands typed on standard input, one a line, go to the service.
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -212,21 +213,45 @@ void execute(QOR_QueryService* service, const std::string& text) {
 }
 
 // Reads commands from standard input on a thread of its own, so that the main
-// thread stays in sigwait. It waits in poll, never in read, so that it sees
-// the stop flag within a fifth of a second and can be joined at shutdown
-// whatever the input does. The end of input ends the reading and nothing else:
-// qorhost started from a script with its input closed, or on /dev/null, runs on.
+// thread stays in sigwait. It waits in poll, never in read, on the input and
+// on a pipe that the destructor writes to: it sleeps until a line or the stop
+// comes, and can be joined at shutdown whatever the input does. The end of
+// input ends the reading and nothing else: qorhost started from a script with
+// its input closed, or on /dev/null, runs on.
 class CommandReader {
  public:
-  explicit CommandReader(QOR_QueryService* service) : service_(service), thread_([this] { loop(); }) {}
+  explicit CommandReader(QOR_QueryService* service) : service_(service) {
+    if (pipe2(wake_, O_CLOEXEC) != 0) wake_[0] = wake_[1] = -1;
+    thread_ = std::thread([this] { loop(); });
+  }
   ~CommandReader() {
     stopping_ = true;
+    if (wake_[1] >= 0 && write(wake_[1], "x", 1) < 0) {
+      // The reader then sees the flag at its next look, within a second.
+    }
     thread_.join();
+    for (int fd : wake_) {
+      if (fd >= 0) close(fd);
+    }
   }
   CommandReader(const CommandReader&) = delete;
   CommandReader& operator=(const CommandReader&) = delete;
 
  private:
+  // Waits until the input has something (with `inputToo`; else a second has
+  // passed), or the stop has come; false on the stop. Without the wake pipe
+  // the flag is looked at once a second.
+  bool awaitInput(bool inputToo) {
+    struct pollfd fds[2] = {{wake_[0], POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+    const int timeout = (inputToo && wake_[0] >= 0) ? -1 : 1000;
+    while (!stopping_) {
+      int ready = ::poll(fds, inputToo ? 2 : 1, timeout);
+      if (stopping_) break;
+      if (!inputToo || ready > 0 || (ready < 0 && errno != EINTR)) return true;
+    }
+    return false;
+  }
+
   void loop() {
     // The signals are meant for the main thread's sigwait alone. SIGTTIN too
     // is held back: qorhost started with & from a shell still has the terminal
@@ -243,17 +268,13 @@ class CommandReader {
 
     std::string pending;
     bool readAnything = false;
-    while (!stopping_) {
-      struct pollfd input = {STDIN_FILENO, POLLIN, 0};
-      int ready = ::poll(&input, 1, 200);
-      if (ready < 0 && errno == EINTR) continue;
-      if (ready < 0 || (input.revents & POLLNVAL) != 0) return;
-      if (ready == 0) continue;
+    while (awaitInput(true)) {
       char buffer[1024];
       ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
       if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
       if (count < 0 && errno == EIO && isatty(STDIN_FILENO)) {
-        ::poll(nullptr, 0, 200);
+        // In the background: look again in a second.
+        if (!awaitInput(false)) return;
         continue;
       }
       if (count <= 0) break;
@@ -272,6 +293,7 @@ class CommandReader {
 
   QOR_QueryService* service_;
   std::atomic<bool> stopping_{false};
+  int wake_[2] = {-1, -1};
   std::thread thread_;
 };
 

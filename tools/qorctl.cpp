@@ -320,12 +320,8 @@ int notify(int argc, char** argv) {
   // The client traces its every step on the error level; here the printed
   // line says it all, so traces stay off unless asked for.
   if (std::getenv("QOR_TRACE_LEVEL") == nullptr) LOG1_SetMask(0);
-  // The same minute in all as the service's own exchanges, but polled ten
-  // times a second, so that a person is answered at once.
-  if (std::getenv("QOR_SOCKET_ANSWER_WAIT") == nullptr) {
-    SOCKET_ANSWER_CYCLES = 600;
-    SOCKET_ANSWER_CYCLE_MS = 100;
-  }
+  // The client's wait ends as soon as the answer comes, within the minute
+  // that the service's own exchanges have.
   const int code = sendTEOCommand(text);
   const std::string path = std::string(std::getenv("QOR_IP_DIR")) + "/.teo_sock";
   std::string meaning = notifyMeaning(code);

@@ -178,3 +178,31 @@ bool ReadProcessIDs(std::vector<int>& ids) {
   closedir(directory);
   return true;
 }
+
+namespace {
+
+// The thread group a /proc entry belongs to, from its status file; 0 when it
+// cannot be read, as for a process that has gone: no trace, since the walk
+// would only have found it missing.
+int threadGroupOf(int pid) {
+  FILE* file = fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+  if (file == nullptr) return 0;
+  int group = 0;
+  char line[256];
+  while (fgets(line, sizeof line, file) != nullptr) {
+    if (sscanf(line, "Tgid: %d", &group) == 1) break;
+  }
+  fclose(file);
+  return group;
+}
+
+}  // namespace
+
+bool ReadProcessID(int pid, std::vector<int>& ids) {
+  // Opened and closed only so that a missing /proc fails as the walk would.
+  DIR* directory = opendir("/proc");
+  if (directory == nullptr) return false;
+  closedir(directory);
+  if (pid > 0 && threadGroupOf(pid) == pid) ids.push_back(pid);
+  return true;
+}

@@ -97,4 +97,9 @@ bool IsThreadChildProcess(int pid, const std::wstring& commandLine);
 // cannot be opened, with errno set.
 bool ReadProcessIDs(std::vector<int>& ids);
 
+// What ReadProcessIDs would give of `pid` alone, without the walk: `pid` when
+// /proc lists it, which it does for a process and not for another thread of
+// one (those are found by name all the same). False as ReadProcessIDs.
+bool ReadProcessID(int pid, std::vector<int>& ids);
+
 #endif  // QOR_WATCHDOG_QORLNX_H

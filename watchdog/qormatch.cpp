@@ -211,14 +211,13 @@ QorAppHandle QorCmdLinux::openApplication(std::wstring& processName, std::wstrin
   QOR_TRACE_DETAIL("Open application -- input pid=%d\n", pid);
   const bool scanAll = pid == 0;
   std::vector<int> ids;
-  if (!ReadProcessIDs(ids)) {
+  // A known process id is the only candidate: it is never replaced by another
+  // process of the same name, and the walk of /proc shrinks to a look at it.
+  if (!(scanAll ? ReadProcessIDs(ids) : ReadProcessID(pid, ids))) {
     QOR_TRACE_ERROR("Error opening directory /proc, errno = %d\n", errno);
     return nullptr;
   }
   for (int id : ids) {
-    // A known process id is the only candidate: it is never replaced by
-    // another process of the same name.
-    if (!scanAll && id != pid) continue;
     std::wstring cmd = GetCommandLine(id);
     if (!applicationMatch(id, cmd, processName, instance, path, scanAll, policy)) continue;
     // Kept: a thread of an old kernel is passed over, but the match may have rewritten name and instance.

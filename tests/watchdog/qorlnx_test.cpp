@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <memory>
@@ -463,4 +465,63 @@ TEST(RuntimeData, TheWatchdogsOwnPolicySkipsTheDescendants) {
   long lastChecked = static_cast<long>(time(nullptr)) - 10;
   manager()->collectRuntimeData(&agent, &lastChecked);
   EXPECT_EQ(0, qortest::countOccurrences(qortest::readFile(trace.file("trace")), "(child)"));
+}
+
+namespace {
+
+bool listedByTheWalk(int pid) {
+  std::vector<int> ids;
+  EXPECT_TRUE(ReadProcessIDs(ids));
+  return std::find(ids.begin(), ids.end(), pid) != ids.end();
+}
+
+}  // namespace
+
+TEST(ProcessIDs, AKnownProcessIsFoundWithoutTheWalkAsTheWalkFindsIt) {
+  proctest::Process sleeper({"/bin/sleep", "30"});
+  std::vector<int> ids;
+  EXPECT_TRUE(ReadProcessID(sleeper.pid(), ids));
+  EXPECT_EQ(std::vector<int>{sleeper.pid()}, ids);
+  EXPECT_TRUE(listedByTheWalk(sleeper.pid()));
+}
+
+TEST(ProcessIDs, AProcessThatHasGoneIsNotFoundAndNotTraced) {
+  qortest::TempDir dir;
+  qortest::traceTo(dir.file("trace"), QOR_TL_ERROR | QOR_TL_DETAIL);
+  int pid = 0;
+  {
+    proctest::Process brief({"/bin/true"});
+    pid = brief.pid();
+  }
+  ASSERT_TRUE(qortest::waitFor([&] { return !listedByTheWalk(pid); }, 5000));
+  std::vector<int> ids{7};
+  EXPECT_TRUE(ReadProcessID(pid, ids));
+  EXPECT_EQ(std::vector<int>{7}, ids);  // appended to, never cleared
+  EXPECT_EQ("", qortest::readFile(dir.file("trace")));
+}
+
+TEST(ProcessIDs, AThreadOfAProcessIsNotListedEitherWay) {
+  std::atomic<int> tid{0};
+  std::atomic<bool> done{false};
+  std::thread thread([&] {
+    tid = static_cast<int>(gettid());
+    while (!done) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  });
+  ASSERT_TRUE(qortest::waitFor([&] { return tid != 0; }, 5000));
+  std::vector<int> ids;
+  EXPECT_TRUE(ReadProcessID(tid, ids));
+  EXPECT_TRUE(ids.empty());
+  EXPECT_FALSE(listedByTheWalk(tid));
+  // The process it belongs to is.
+  EXPECT_TRUE(ReadProcessID(getpid(), ids));
+  EXPECT_EQ(std::vector<int>{getpid()}, ids);
+  done = true;
+  thread.join();
+}
+
+TEST(ProcessIDs, NoughtAndNegativeIdsAreNeverListed) {
+  std::vector<int> ids;
+  EXPECT_TRUE(ReadProcessID(0, ids));
+  EXPECT_TRUE(ReadProcessID(-1, ids));
+  EXPECT_TRUE(ids.empty());
 }

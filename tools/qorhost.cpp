@@ -300,6 +300,7 @@ class CommandReader {
 }  // namespace
 
 int main(int argc, char** argv) {
+  qortool::oneMallocArena();
   switch (qortool::parseEnvOptions(argc, argv, "qorhost")) {
     case qortool::ParseResult::Help:
       std::printf(kUsage, qorcmd::help().c_str());

@@ -4,6 +4,8 @@
 #ifndef QOR_TOOLS_QORTOOLOPTS_H
 #define QOR_TOOLS_QORTOOLOPTS_H
 
+#include <malloc.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +24,14 @@ constexpr EnvOption kEnvOptions[] = {
     {"--trace-level", "QOR_TRACE_LEVEL"},
     {"--trace-file", "QOR_TRACE_FILE"},
 };
+
+// One malloc arena for the whole process, unless MALLOC_ARENA_MAX says
+// otherwise. The service's threads allocate little and seldom at once, and an
+// arena of its own for each of them (and for each short-lived worker) made up
+// a fifth of the daemon's resident memory.
+inline void oneMallocArena() {
+  if (std::getenv("MALLOC_ARENA_MAX") == nullptr) mallopt(M_ARENA_MAX, 1);
+}
 
 enum class ParseResult { Run, Help, Error };
 

@@ -34,6 +34,7 @@ const char kUsage[] =
 }  // namespace
 
 int main(int argc, char** argv) {
+  qortool::oneMallocArena();
   switch (qortool::parseEnvOptions(argc, argv, "qorwd")) {
     case qortool::ParseResult::Help:
       std::fputs(kUsage, stdout);

@@ -1,6 +1,7 @@
 #include "watchdog/qorlnx.h"
 
 #include <dirent.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -196,6 +197,22 @@ int threadGroupOf(int pid) {
   return group;
 }
 
+// True when `pid` leads its thread group, which is what makes /proc list it.
+// A pidfd is refused for another thread of a process and for no process at
+// all; asking for one is far cheaper than the status file, which the kernel
+// writes out in full. Kernels or sandboxes without it read the file.
+bool leadsThreadGroup(int pid) {
+#ifdef SYS_pidfd_open
+  const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (fd >= 0) {
+    close(fd);
+    return true;
+  }
+  if (errno == ESRCH || errno == EINVAL) return false;
+#endif
+  return threadGroupOf(pid) == pid;
+}
+
 }  // namespace
 
 bool ReadProcessID(int pid, std::vector<int>& ids) {
@@ -203,6 +220,6 @@ bool ReadProcessID(int pid, std::vector<int>& ids) {
   DIR* directory = opendir("/proc");
   if (directory == nullptr) return false;
   closedir(directory);
-  if (pid > 0 && threadGroupOf(pid) == pid) ids.push_back(pid);
+  if (pid > 0 && leadsThreadGroup(pid)) ids.push_back(pid);
   return true;
 }

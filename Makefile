@@ -7,15 +7,17 @@ SANITIZE_DIR  ?= build-sanitize
 TSAN_DIR      ?= build-tsan
 CLANG_DIR     ?= build-clang
 FUZZ_DIR      ?= build-fuzz
+BENCH_DIR     ?= build-bench
 BUILD_TYPE    ?= RelWithDebInfo
 JOBS          ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR     := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 DEMO_DIR      ?= $(CURDIR)/build/demo
 
 DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libicu-dev \
-                 googletest libgtest-dev libgmock-dev libxml2-utils clang
+                 googletest libgtest-dev libgmock-dev libxml2-utils clang \
+                 libbenchmark-dev python3
 
-.PHONY: all build build-clang deps test test-sanitize test-tsan fuzz fuzz-run demo clean help
+.PHONY: all build build-clang deps test test-sanitize test-tsan fuzz fuzz-run bench bench-micro demo clean help
 
 all: build
 
@@ -27,6 +29,8 @@ help:
 	@echo "make test-tsan     the suite under ThreadSanitizer ($(TSAN_DIR)/)"
 	@echo "make fuzz          build the libFuzzer targets with clang ($(FUZZ_DIR)/fuzz/)"
 	@echo "make fuzz-run      run one fuzz target: FUZZ_TARGET=fuzz_cap_file FUZZ_TIME=600"
+	@echo "make bench         build the benchmark programs ($(BENCH_DIR)/, RelWithDebInfo)"
+	@echo "make bench-micro   run the micro benchmarks; JSON results in $(BENCH_DIR)/bench-micro.json"
 	@echo "make demo          run qorwd, which keeps qorhost alive on examples/cap (Ctrl-C stops both)"
 	@echo "make deps          install the Debian packages the build needs (as root)"
 	@echo "make clean         remove the build folders"
@@ -100,6 +104,20 @@ fuzz-run: fuzz
 	  -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/findings/$(FUZZ_TARGET)/ \
 	  $(FUZZ_DIR)/corpus/$(FUZZ_TARGET) fuzz/corpus/$(FUZZ_TARGET)
 
+# The benchmarks of bench/, in a build folder of their own so that the
+# everyday build needs no Google Benchmark. The tests are left out of it.
+BENCH_PROGRAMS := qor_bench_micro
+
+bench: deps
+	cmake -S . -B $(BENCH_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQOR_BENCH=ON \
+	  -DQOR_BUILD_TESTS=OFF
+	cmake --build $(BENCH_DIR) -j $(JOBS) --target $(BENCH_PROGRAMS)
+
+# Console output as Google Benchmark prints it, and the same figures as JSON.
+bench-micro: bench
+	$(BENCH_DIR)/bench/qor_bench_micro --benchmark_out=$(BENCH_DIR)/bench-micro.json \
+	  --benchmark_out_format=json
+
 # The whole host: qorwd keeps qorhost alive as the OS agent, and qorhost
 # supervises the example agents. examples/scripts/demo.sh does the work (its
 # --help says how); it keeps a copy of examples/cap in $(DEMO_DIR), so that
@@ -109,4 +127,4 @@ demo: build
 	@examples/scripts/demo.sh --build $(BUILD_DIR) --dir $(DEMO_DIR)
 
 clean:
-	rm -rf $(BUILD_DIR) $(CLANG_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR)
+	rm -rf $(BUILD_DIR) $(CLANG_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(BENCH_DIR)

@@ -59,7 +59,8 @@ class Sleepers {
     proctest::copyProgram("/bin/sleep", exe_);
     for (int i = 0; i < count; ++i) processes_.emplace_back(new proctest::Process({exe_, "600"}));
   }
-  // Whether /proc shows every one of them as `exe` yet.
+  // Waits until /proc shows each of them as `exe`, 5 s at most each; false
+  // when one never does.
   bool ready() const {
     return std::all_of(
         processes_.begin(), processes_.end(), [&](const std::unique_ptr<proctest::Process>& p) {
@@ -200,9 +201,10 @@ class CheckedAgent {
     Watchdog* watchdog = new Watchdog();  // the agent frees it
     watchdog->setAgent(agent_.get());
     agent_->setWatchdog(watchdog);
+    const bool running = sleeper_.ready();
     list_->lockList();
     list_->push_back(agent_.get());
-    if (parsed_ && sleeper_.ready()) GetCmdManager()->collectProcessData(agent_.get());
+    if (parsed_ && running) GetCmdManager()->collectProcessData(agent_.get());
     list_->unlockList();
   }
   ~CheckedAgent() {

@@ -266,7 +266,7 @@ BENCHMARK(BM_AvailabilityCheckWithoutScript)->Unit(benchmark::kMicrosecond);
 // the process match; the health figures are read as well.
 void BM_AvailabilityCheckWithScript(benchmark::State& state) { runChecks(state, "exit 0"); }
 // Wall time decides how long it runs: the check mostly waits.
-BENCHMARK(BM_AvailabilityCheckWithScript)->Unit(benchmark::kMillisecond)->MinTime(5.0)->UseRealTime();
+BENCHMARK(BM_AvailabilityCheckWithScript)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 
 // ---- Variable substitution --------------------------------------------------------
 
@@ -317,7 +317,7 @@ void BM_SocketRequestAndAnswer(benchmark::State& state) {
   unsetenv("QOR_IP_DIR");
 }
 // Wall time decides how long it runs: the client mostly waits.
-BENCHMARK(BM_SocketRequestAndAnswer)->Unit(benchmark::kMillisecond)->MinTime(5.0)->UseRealTime();
+BENCHMARK(BM_SocketRequestAndAnswer)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 
 }  // namespace
 

@@ -17,7 +17,7 @@ DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libi
                  googletest libgtest-dev libgmock-dev libxml2-utils clang \
                  libbenchmark-dev python3
 
-.PHONY: all build build-clang deps test test-sanitize test-tsan fuzz fuzz-run bench bench-micro demo clean help
+.PHONY: all build build-clang deps test test-sanitize test-tsan fuzz fuzz-run bench bench-micro bench-supervise bench-run demo clean help
 
 all: build
 
@@ -32,6 +32,8 @@ help:
 	@echo "make bench         build the benchmark programs ($(BENCH_DIR)/, RelWithDebInfo)"
 	@echo "make bench-micro   run the micro benchmarks; JSON results in $(BENCH_DIR)/bench-micro.json"
 	@echo "make demo          run qorwd, which keeps qorhost alive on examples/cap (Ctrl-C stops both)"
+	@echo "make bench-supervise  measure qorhost supervising 10 and 100 agents (bench/README.md)"
+	@echo "make bench-run     both: bench-micro, then bench-supervise"
 	@echo "make deps          install the Debian packages the build needs (as root)"
 	@echo "make clean         remove the build folders"
 
@@ -125,6 +127,32 @@ bench-micro: bench
 # tree.
 demo: build
 	@examples/scripts/demo.sh --build $(BUILD_DIR) --dir $(DEMO_DIR)
+
+# The supervision benchmark: qorhost on 10 and 100 generated agents, with
+# and without status scripts, measured from the outside (bench/README.md).
+# The runs without status scripts cost the service no scripts between the
+# restarts, so a shorter run shows the same. Figures go to
+# $(BUILD_DIR)/bench/supervise-N<n>-<mode>.json.
+BENCH_DURATION       ?= 300
+BENCH_PLAIN_DURATION ?= 120
+BENCH_KILLS          ?= 20
+
+# Both kinds: the micro benchmarks, then the supervision benchmark.
+bench-run: bench-micro bench-supervise
+
+bench-supervise: build
+	bench/supervise -n 10 --duration $(BENCH_PLAIN_DURATION) --kills $(BENCH_KILLS) \
+	  --qorhost $(BUILD_DIR)/tools/qorhost --qorctl $(BUILD_DIR)/tools/qorctl \
+	  --json $(BUILD_DIR)/bench/supervise-N10-no-status-scripts.json
+	bench/supervise -n 10 --status-scripts --duration $(BENCH_DURATION) --kills $(BENCH_KILLS) \
+	  --qorhost $(BUILD_DIR)/tools/qorhost --qorctl $(BUILD_DIR)/tools/qorctl \
+	  --json $(BUILD_DIR)/bench/supervise-N10-status-scripts.json
+	bench/supervise -n 100 --duration $(BENCH_PLAIN_DURATION) --kills $(BENCH_KILLS) \
+	  --qorhost $(BUILD_DIR)/tools/qorhost --qorctl $(BUILD_DIR)/tools/qorctl \
+	  --json $(BUILD_DIR)/bench/supervise-N100-no-status-scripts.json
+	bench/supervise -n 100 --status-scripts --duration $(BENCH_DURATION) --kills $(BENCH_KILLS) \
+	  --qorhost $(BUILD_DIR)/tools/qorhost --qorctl $(BUILD_DIR)/tools/qorctl \
+	  --json $(BUILD_DIR)/bench/supervise-N100-status-scripts.json
 
 clean:
 	rm -rf $(BUILD_DIR) $(CLANG_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(BENCH_DIR)

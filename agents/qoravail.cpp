@@ -8,9 +8,9 @@
 #include "agents/qoragt.h"
 #include "core/qorcmdhand.h"
 #include "core/qorctrl.h"
+#include "core/qordeadline.h"
 #include "core/qorevt.h"
 #include "platform/log1.h"
-#include "platform/osv1.h"
 #include "watchdog/qorwd.h"
 
 QOR_TRACE_UNIT();
@@ -82,10 +82,18 @@ void pushDueChecks(Controller* controller, int cycle, const LOG1_Context& trace)
 // Shutdown cancels the thread only inside its sleep, where it holds nothing:
 // a cancel that comes while it is awake waits for the next sleep, and a
 // thread that sees shuttingDown first ends by itself.
+//
+// The sleep ends on the turn of a second. A check compares whole seconds of
+// time() with the agent's frequency, and the checks of a pass run one after
+// another once it wakes: had one pass woken at x.9 and the next, its seconds
+// later, at y.1 after a drift of the wake or a slower queue, an agent checked
+// at the end of the first and the start of the second would count a second
+// short and wait a whole period more. Waking on the turn keeps every pass's
+// checks in the same part of their second, and the cycle from drifting.
 void cancellableSleep(int seconds) {
   int previous = 0;
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
-  OSV1_Sleep(seconds);
+  QOR_SleepToSecondTurn(seconds);
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
 }
 

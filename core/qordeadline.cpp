@@ -1,6 +1,10 @@
 #include "core/qordeadline.h"
 
 #include <poll.h>
+#include <pthread.h>
+#include <time.h>
+
+#include <cerrno>
 
 #include <algorithm>
 
@@ -23,4 +27,20 @@ void QOR_WaitReadable(int fd, int milliseconds) {
   if (milliseconds <= 0) return;
   struct pollfd wait = {fd, POLLIN, 0};
   poll(&wait, 1, milliseconds);
+}
+
+void QOR_SleepToSecondTurn(int seconds) {
+  if (seconds <= 0) {
+    pthread_testcancel();
+    return;
+  }
+  struct timespec now = {0, 0};
+  clock_gettime(CLOCK_REALTIME, &now);
+  struct timespec remaining = {seconds - 1, 1000000000L - now.tv_nsec};
+  if (remaining.tv_nsec == 1000000000L) {
+    remaining.tv_sec += 1;
+    remaining.tv_nsec = 0;
+  }
+  while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
+  }
 }

@@ -1,6 +1,7 @@
-// Bounded waits on a descriptor: a deadline on the monotonic clock, and a
-// wait for input that ends as soon as input or its end arrives. Used by the
-// command manager's read of a script's output and by the socket client.
+// Bounded waits: a deadline on the monotonic clock, a wait for input that ends
+// as soon as input or its end arrives, and a sleep that ends on the turn of a
+// second. Used by the command manager's read of a script's output, by the
+// socket client, and by the availability cycle.
 #ifndef QOR_CORE_QORDEADLINE_H
 #define QOR_CORE_QORDEADLINE_H
 
@@ -29,5 +30,12 @@ class QorDeadline {
 // A cancellation point, like the sleep it replaces. A signal ends the wait
 // early; the caller looks again and waits on.
 void QOR_WaitReadable(int fd, int milliseconds);
+
+// Sleeps until `seconds` turns of the wall clock's second have passed, that is
+// `seconds` less the part of the current second already gone; at once when
+// `seconds` is 0 or less. A cancellation point; a signal does not end it. The
+// sleep is measured when it starts, so a change of the clock during it neither
+// stretches nor shortens it.
+void QOR_SleepToSecondTurn(int seconds);
 
 #endif  // QOR_CORE_QORDEADLINE_H

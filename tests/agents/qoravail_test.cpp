@@ -355,9 +355,11 @@ TEST_F(AvailabilityCycle, WithNoManagedAgentTheThreadSleepsTenSecondsAPassAndPus
   EXPECT_EQ(Story({"Starting cycle loop: cycle count: 2\n", "Going to sleep for: 10 on iteration 2\n",
                    "Starting cycle loop: cycle count: 2\n", "Going to sleep for: 10 on iteration 2\n"}),
             storyTexts());
+  // The sleep ends on the turn of a second: ten seconds less the part of the
+  // second that had gone when it began.
   long long slept = between("Going to sleep for: 10", "Starting cycle loop");
-  EXPECT_GE(slept, 9900);
-  EXPECT_LE(slept, 11000);
+  EXPECT_GT(slept, 8950);
+  EXPECT_LE(slept, 10300);
 }
 
 TEST_F(AvailabilityCycle, OneAgentAtFiveSecondsIsPushedOnceInEachPassOfFiveSeconds) {
@@ -381,8 +383,32 @@ TEST_F(AvailabilityCycle, OneAgentAtFiveSecondsIsPushedOnceInEachPassOfFiveSecon
     EXPECT_NE(std::string::npos, line.find(" qoravail.cpp AvailChecking:")) << line;
   }
   long long slept = between("Going to sleep for: 5", "Testing agent masks");
-  EXPECT_GE(slept, 4900);
-  EXPECT_LE(slept, 6000);
+  EXPECT_GT(slept, 3950);
+  EXPECT_LE(slept, 5300);
+}
+
+TEST_F(AvailabilityCycle, EachPassWakesOnTheTurnOfASecondSoThatItsChecksKeepTheirPlaceInTheSecond) {
+  maker.make("cycle.turn", 5, true, captest::script("availabilityStatusScript", "exit 0"));
+  start();
+  ASSERT_TRUE(waitForStory("Testing agent masks on cycle 1\n", 3, 20000));
+  EXPECT_TRUE(qortest::waitFor([&] { return traced("Agent cycle.turn checked at ") >= 3; }, 5000));
+  stop();
+  std::vector<long long> wakes;
+  for (const StoryLine& line : story()) {
+    if (line.text == "Testing agent masks on cycle 1\n") wakes.push_back(line.ms);
+  }
+  ASSERT_GE(wakes.size(), 3u);
+  for (size_t i = 0; i < wakes.size(); ++i) {
+    // Just after the turn, however long the pass before it took.
+    EXPECT_LT(wakes[i] % 1000, 300) << "wake " << i << " at " << wakes[i];
+    // Five whole seconds apart: the cycle does not drift by the work of a pass.
+    if (i > 0) {
+      EXPECT_NEAR(5000, wakes[i] - wakes[i - 1], 300) << "wake " << i;
+    }
+  }
+  // Each due check ran: none was skipped for a second counted short.
+  EXPECT_EQ(0, traced("Agent being skipped.\n"));
+  EXPECT_GE(traced("Agent cycle.turn checked at "), 3);
 }
 
 TEST_F(AvailabilityCycle, AgentsAtTenAndFifteenSecondsWakeTheThreadAtCyclesTwoThreeFourAndSix) {
@@ -414,7 +440,11 @@ TEST_F(AvailabilityCycle, AgentsAtTenAndFifteenSecondsWakeTheThreadAtCyclesTwoTh
   Story expected = pass;
   expected.insert(expected.end(), pass.begin(), pass.begin() + 2);
   EXPECT_EQ(expected, storyTexts());
-  EXPECT_NEAR(10000, between("Going to sleep for: 10 on iteration 2", "Testing agent masks on cycle 2"), 600);
+  // The first sleep ends on the first turn of a second ten seconds on; the
+  // others, begun just after a turn, last their whole seconds.
+  const long long first = between("Going to sleep for: 10 on iteration 2", "Testing agent masks on cycle 2");
+  EXPECT_GT(first, 8950);
+  EXPECT_LE(first, 10300);
   EXPECT_NEAR(5000, between("Going to sleep for: 5 on iteration 3", "Testing agent masks on cycle 3"), 600);
   EXPECT_NEAR(5000, between("Going to sleep for: 5 on iteration 4", "Testing agent masks on cycle 4"), 600);
   EXPECT_NEAR(10000, between("Going to sleep for: 10 on iteration 6", "Testing agent masks on cycle 6"), 600);

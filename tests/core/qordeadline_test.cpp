@@ -1,6 +1,7 @@
 #include "core/qordeadline.h"
 
 #include <gtest/gtest.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -74,5 +75,45 @@ TEST_F(WaitReadable, TheEndOfInputEndsTheWaitToo) {
 }
 
 TEST_F(WaitReadable, ANoughtWaitDoesNotWait) { EXPECT_LT(timedWait(0), 50); }
+
+// The wall clock's time in milliseconds, and the part of its second gone.
+long long wallMs() {
+  struct timespec now = {0, 0};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Waits until the wall clock is `ms` milliseconds into a second.
+void waitUntilIntoSecond(long long ms) {
+  while (wallMs() % 1000 != ms) std::this_thread::sleep_for(std::chrono::microseconds(200));
+}
+
+TEST(SleepToSecondTurn, BegunInTheMiddleOfASecondItEndsOnTheTurnOfTheSecondsThatFollow) {
+  waitUntilIntoSecond(600);
+  const long long start = wallMs();
+  QOR_SleepToSecondTurn(2);
+  const long long end = wallMs();
+  EXPECT_LT(end % 1000, 100) << end;
+  EXPECT_GE(end - start, 1390);
+  EXPECT_LT(end - start, 1500);
+  EXPECT_EQ(start / 1000 + 2, end / 1000);
+}
+
+TEST(SleepToSecondTurn, BegunJustAfterATurnItLastsItsWholeSeconds) {
+  QOR_SleepToSecondTurn(1);
+  const long long start = wallMs();
+  QOR_SleepToSecondTurn(1);
+  const long long end = wallMs();
+  EXPECT_LT(end % 1000, 100) << end;
+  EXPECT_GT(end - start, 900);
+  EXPECT_LT(end - start, 1100);
+}
+
+TEST(SleepToSecondTurn, NoughtSecondsDoNotSleep) {
+  const long long start = wallMs();
+  QOR_SleepToSecondTurn(0);
+  QOR_SleepToSecondTurn(-3);
+  EXPECT_LT(wallMs() - start, 50);
+}
 
 }  // namespace

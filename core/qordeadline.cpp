@@ -29,6 +29,21 @@ void QOR_WaitReadable(int fd, int milliseconds) {
   poll(&wait, 1, milliseconds);
 }
 
+namespace {
+
+void sleepThrough(struct timespec remaining) {
+  while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
+  }
+}
+
+// What is left of the current second of the wall clock.
+struct timespec restOfSecond(const struct timespec& now) {
+  if (now.tv_nsec == 0) return {1, 0};
+  return {0, 1000000000L - now.tv_nsec};
+}
+
+}  // namespace
+
 void QOR_SleepToSecondTurn(int seconds) {
   if (seconds <= 0) {
     pthread_testcancel();
@@ -36,11 +51,17 @@ void QOR_SleepToSecondTurn(int seconds) {
   }
   struct timespec now = {0, 0};
   clock_gettime(CLOCK_REALTIME, &now);
-  struct timespec remaining = {seconds - 1, 1000000000L - now.tv_nsec};
-  if (remaining.tv_nsec == 1000000000L) {
-    remaining.tv_sec += 1;
-    remaining.tv_nsec = 0;
-  }
-  while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
+  const time_t turn = now.tv_sec + seconds;
+  struct timespec remaining = restOfSecond(now);
+  remaining.tv_sec += seconds - 1;
+  sleepThrough(remaining);
+  // The sleep is measured on the monotonic clock, behind which a slewed wall
+  // clock may fall by a few milliseconds: the turn itself is waited for. A
+  // clock set back by more than that has moved the turn out of reach, and is
+  // not waited for.
+  for (int tries = 0; tries < 3; ++tries) {
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (now.tv_sec != turn - 1) break;
+    sleepThrough(restOfSecond(now));
   }
 }

@@ -403,11 +403,13 @@ TEST(CommandExecution, AStartScriptThatPrintsNothingRunsIntoTheTimeoutAndTheStar
   delete agent;
 }
 
+// The scripts of the time-out tests outlast the three seconds by far: one that
+// ended as the time-out came would race it.
 TEST(CommandExecution, AStartScriptThatTimesOutWithoutItsApplicationRunningTimesOut) {
   qortest::TempDir dir;
   QorCmdUNIX* manager = fastManager();
   Agent* agent = daemonAgent(dir.file("qornever"), "qornever");
-  QorScript start = script("sleep 3");
+  QorScript start = script("sleep 6");
   start.addSuccessRC(0, L"started");
   start.setIsStartCommand();
   std::wstring output, msgID;
@@ -420,7 +422,7 @@ TEST(CommandExecution, AStopScriptThatTimesOutSucceedsWhenTheApplicationIsGone) 
   qortest::TempDir dir;
   QorCmdUNIX* manager = fastManager();
   Agent* agent = daemonAgent(dir.file("qorgone"), "qorgone");
-  QorScript stop = script("sleep 3");
+  QorScript stop = script("sleep 6");
   stop.setIsStopCommand();
   std::wstring output, msgID;
   EXPECT_EQ(0, manager->executeCmd(&stop, output, msgID, agent));
@@ -429,7 +431,7 @@ TEST(CommandExecution, AStopScriptThatTimesOutSucceedsWhenTheApplicationIsGone) 
 
 TEST(CommandExecution, AStopScriptWithoutAnAgentThatTimesOutCountsAsTimedOut) {
   QorCmdUNIX* manager = fastManager();
-  QorScript stop = script("sleep 3");
+  QorScript stop = script("sleep 6");
   stop.setIsStopCommand();
   std::wstring output, msgID;
   EXPECT_EQ(QOR_CMD_TIMED_OUT, manager->executeCmd(&stop, output, msgID, nullptr));

@@ -36,6 +36,9 @@ void sleepThrough(struct timespec remaining) {
   }
 }
 
+// A step of the wait for the coarse clock, whose tick is 1 to 10 ms.
+constexpr struct timespec kTick = {0, 1000000};
+
 // What is left of the current second of the wall clock.
 struct timespec restOfSecond(const struct timespec& now) {
   if (now.tv_nsec == 0) return {1, 0};
@@ -56,12 +59,12 @@ void QOR_SleepToSecondTurn(int seconds) {
   remaining.tv_sec += seconds - 1;
   sleepThrough(remaining);
   // The sleep is measured on the monotonic clock, behind which a slewed wall
-  // clock may fall by a few milliseconds: the turn itself is waited for. A
-  // clock set back by more than that has moved the turn out of reach, and is
-  // not waited for.
-  for (int tries = 0; tries < 3; ++tries) {
+  // clock may fall by a few milliseconds; and time(), which the checks read,
+  // takes a coarse clock that turns only on the first tick after the second
+  // does. The turn is waited for as time() sees it. A clock set back by more
+  // than that has moved the turn out of reach, and is not waited for.
+  for (int tries = 0; tries < 100 && time(nullptr) == turn - 1; ++tries) {
     clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_sec != turn - 1) break;
-    sleepThrough(restOfSecond(now));
+    sleepThrough(now.tv_sec == turn - 1 ? restOfSecond(now) : kTick);
   }
 }

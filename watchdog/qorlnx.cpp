@@ -1,6 +1,7 @@
 #include "watchdog/qorlnx.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "core/qorutil.h"
 #include "include/qorapi.h"
@@ -33,6 +35,40 @@ constexpr int kStatItemsWithCPUExtras = 38;
 
 std::string procPath(int pid, const char* file) { return "/proc/" + std::to_string(pid) + "/" + file; }
 
+// A file of /proc read whole at once, then scanned from memory as a stream.
+// Every check reads several of them for each agent: a stdio stream would ask
+// the kernel for the file's block size and read it in steps of that, where
+// one read of the whole text does. An empty file still opens as an empty
+// stream. After a failed open there is no stream, and errno is the open's.
+class ProcFile {
+ public:
+  explicit ProcFile(const char* path) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    char buffer[4096];
+    ssize_t bytes;
+    while ((bytes = read(fd, buffer, sizeof buffer)) > 0) text_.append(buffer, static_cast<size_t>(bytes));
+    close(fd);
+    const size_t length = text_.size();
+    // A byte behind the text gives even an empty file a buffer to stand on.
+    text_.push_back('\0');
+    stream_ = fmemopen(&text_[0], length, "r");
+  }
+  ~ProcFile() {
+    if (stream_ != nullptr) fclose(stream_);
+  }
+  ProcFile(const ProcFile&) = delete;
+  ProcFile& operator=(const ProcFile&) = delete;
+
+  FILE* stream() const { return stream_; }
+  // The file's bytes as read.
+  std::string text() const { return text_.substr(0, text_.size() - 1); }
+
+ private:
+  std::string text_;
+  FILE* stream_ = nullptr;
+};
+
 // Whether the line ends where the stream stands, blanks aside.
 bool atLineEnd(FILE* file) {
   int next = fgetc(file);
@@ -44,7 +80,8 @@ bool atLineEnd(FILE* file) {
 
 int ReadStatFile(const char* path, qor_proc_stat& r, bool brief) {
   QOR_TRACE_FUNCTION();
-  FILE* file = fopen(path, "r");
+  ProcFile proc(path);
+  FILE* file = proc.stream();
   if (file == nullptr) {
     QOR_TRACE_ERROR("Error: file open failed %s, errno = %d", path, errno);
     return -1;
@@ -67,7 +104,6 @@ int ReadStatFile(const char* path, qor_proc_stat& r, bool brief) {
     }
   }
   r.pid = static_cast<int>(pid);
-  fclose(file);
   return items;
 }
 
@@ -77,14 +113,14 @@ void GetStatData(int pid, qor_proc_stat& record, bool brief) {
 
 int ReadStatMFile(const char* path, qor_memory_stat& r) {
   QOR_TRACE_FUNCTION();
-  FILE* file = fopen(path, "r");
+  ProcFile proc(path);
+  FILE* file = proc.stream();
   if (file == nullptr) {
     QOR_TRACE_ERROR("Error: file open failed %s, errno = %d", path, errno);
     return -1;
   }
   int items = fscanf(file, "%lld %lld %lld %lld %lld %lld %lld", &r.size, &r.resident, &r.share, &r.text,
                      &r.lib, &r.data, &r.dirty);
-  fclose(file);
   return items;
 }
 
@@ -94,7 +130,8 @@ void ReadStatusFile(const char* path, qor_status_stat& record) {
   QOR_TRACE_FUNCTION();
   record.threads = 0;
   record.threadsFound = false;
-  FILE* file = fopen(path, "r");
+  ProcFile proc(path);
+  FILE* file = proc.stream();
   if (file == nullptr) {
     QOR_TRACE_ERROR("Error: file open failed %s, errno = %d", path, errno);
     return;
@@ -109,7 +146,6 @@ void ReadStatusFile(const char* path, qor_status_stat& record) {
       record.threadsFound = true;
     if (fgets(rest, sizeof rest, file) == nullptr) break;
   }
-  fclose(file);
 }
 
 void GetStatusData(int pid, qor_status_stat& record) {
@@ -118,17 +154,13 @@ void GetStatusData(int pid, qor_status_stat& record) {
 
 void GetFileContents(const std::string& path, std::string& contents) {
   QOR_TRACE_FUNCTION();
-  std::string text;
-  FILE* file = fopen(path.c_str(), "r");
-  if (file == nullptr) {
+  ProcFile proc(path.c_str());
+  if (proc.stream() == nullptr) {
     QOR_TRACE_ERROR("Error: file read failed, errno = %d", errno);
-  } else {
-    char buffer[1024];
-    size_t bytes;
-    while ((bytes = fread(buffer, 1, sizeof buffer, file)) > 0) text.append(buffer, bytes);
-    fclose(file);
+    contents.clear();
+    return;
   }
-  contents = text;
+  contents = proc.text();
 }
 
 std::string JoinCommandLine(std::string contents) {

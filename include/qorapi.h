@@ -71,6 +71,7 @@ class QOR_EXPORT QOR_AgentIterator {
   bool invalidPos();
 
   bool getCAPFileModifyTimestamp(long& timestamp);
+  std::wstring getCAPFileName();  // the path of the agent's CAP file
   bool getLastHealthCheck(long& checkTime);
   std::wstring getSubagentID();
   int getAgentType();

@@ -225,6 +225,11 @@ bool QOR_AgentIterator::getCAPFileModifyTimestamp(long& timestamp) {
   return true;
 }
 
+std::wstring QOR_AgentIterator::getCAPFileName() {
+  const Policy* policy = policyOf(current());
+  return policy ? policy->getCAPFileName() : std::wstring();
+}
+
 bool QOR_AgentIterator::getLastHealthCheck(long& checkTime) {
   Agent* agent = current();
   if (agent == nullptr) return false;

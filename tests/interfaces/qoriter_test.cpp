@@ -186,3 +186,16 @@ TEST(IteratorBeforeStart, NoIteratorBeforeTheServiceStarts) {
   EXPECT_EQ(nullptr, service->getAgentIterator(false));
   service->releaseQueryService(true);
 }
+
+TEST_F(IteratorTest, TheCapFileNameIsThePolicysAndEmptyAtABadPosition) {
+  Policy* policy = makePolicy(L"p");
+  policy->setCAPFileName(L"/etc/qor/cap/p.xml");
+  addToList(managed(), makeAgent(L"a", policy));
+  QOR_AgentIterator* iterator = service->getAgentIterator(false);
+  EXPECT_EQ(L"", iterator->getCAPFileName());
+  ASSERT_TRUE(iterator->getNextAgentEntry());
+  EXPECT_EQ(L"/etc/qor/cap/p.xml", iterator->getCAPFileName());
+  EXPECT_FALSE(iterator->getNextAgentEntry());
+  EXPECT_EQ(L"", iterator->getCAPFileName());
+  service->releaseAgentIterator(iterator);
+}

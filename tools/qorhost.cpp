@@ -1,7 +1,8 @@
 // qorhost: the reference embedder. It runs the service the way the OS agent
 // would, prints every event its listeners hear, and stops cleanly on SIGINT or
 // SIGTERM, writing the state file. SIGUSR1 lists the agents it knows, and
-// operator commands typed on standard input, one a line, go to the service.
+// operator commands typed on standard input, one a line, go to the service;
+// the control socket answers the same over HTTP (qorcontrol.h).
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -11,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -18,12 +20,15 @@
 
 #include "qorapi.h"
 #include "qorcommands.h"
+#include "qorcontrol.h"
+#include "qoreventring.h"
 #include "qortoolopts.h"
 
 namespace {
 
 const char kUsage[] =
     "Usage: qorhost [--cap-dir DIRS] [--ip-dir DIR] [--trace-level N] [--trace-file PATH]\n"
+    "               [--control-socket PATH] [--http ADDR:PORT]\n"
     "\n"
     "Runs the qor supervision service embedded in this process, as the OS\n"
     "monitoring agent would, and prints each event as one line on standard\n"
@@ -60,7 +65,20 @@ const char kUsage[] =
     "                      256 availability; 146 is the startup/shutdown story.\n"
     "                      Default 128\n"
     "  --trace-file PATH   QOR_TRACE_FILE: where traces go. Default: standard error\n"
+    "  --control-socket PATH  the control socket: HTTP/1.1 on a unix socket, mode\n"
+    "                      srwxrwx---, with the agents, events, metrics and the\n"
+    "                      commands (POST). Default: $QOR_IP_DIR/qorhost.sock\n"
+    "  --http ADDR:PORT    also serve the read-only routes on TCP, e.g.\n"
+    "                      127.0.0.1:9464 (port 0: any free one); commands there\n"
+    "                      are refused with 403. Default: off\n"
     "  -h, --help          this text\n"
+    "\n"
+    "Control socket routes (curl --unix-socket PATH http://localhost/ROUTE):\n"
+    "  GET  /v1/agents                 every agent, as JSON\n"
+    "  GET  /v1/agents/NAME            one agent\n"
+    "  POST /v1/agents/NAME/COMMAND    stop, start, recycle, reset, manage, unmanage\n"
+    "  GET  /v1/events?since=N         the last 1000 events heard, after number N\n"
+    "  GET  /metrics                   Prometheus text exposition\n"
     "\n"
     "Other variables read by the service:\n"
     "  QOR_CAP_DISCOVERY_INTERVAL  seconds between polls of the CAP directories\n"
@@ -297,11 +315,48 @@ class CommandReader {
   std::thread thread_;
 };
 
+// The control socket's path: the option's, else $QOR_IP_DIR/qorhost.sock;
+// empty when neither is there.
+std::string controlSocketPath(const std::string& option) {
+  if (!option.empty()) return option;
+  const char* ipDir = std::getenv("QOR_IP_DIR");
+  if (ipDir == nullptr || *ipDir == '\0') return std::string();
+  return std::string(ipDir) + "/qorhost.sock";
+}
+
+// Binds the control socket and the TCP address if one is given; false after
+// saying on standard error why qorhost cannot go on.
+bool bindEndpoints(qorcontrol::Endpoint& control, qorcontrol::Endpoint& http, const std::string& socketOption,
+                   const std::string& httpAddress) {
+  const std::string path = controlSocketPath(socketOption);
+  std::string error;
+  if (path.empty()) {
+    std::fputs("qorhost: no control socket, since QOR_IP_DIR is unset and no --control-socket was given\n",
+               stderr);
+  } else if (!control.bindUnix(path, error)) {
+    std::fprintf(stderr, "qorhost: %s\n", error.c_str());
+    return false;
+  } else {
+    std::printf("qorhost: control socket: %s\n", path.c_str());
+  }
+  if (httpAddress.empty()) return true;
+  std::string bound;
+  if (!http.bindTcp(httpAddress, error, bound)) {
+    std::fprintf(stderr, "qorhost: %s\n", error.c_str());
+    return false;
+  }
+  std::printf("qorhost: read-only HTTP on %s\n", bound.c_str());
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   qortool::oneMallocArena();
-  switch (qortool::parseEnvOptions(argc, argv, "qorhost")) {
+  std::string socketOption;
+  std::string httpAddress;
+  switch (qortool::parseEnvOptions(argc, argv, "qorhost",
+                                   {{"--control-socket", &socketOption}, {"--http", &httpAddress}})) {
     case qortool::ParseResult::Help:
       std::printf(kUsage, qorcmd::help().c_str());
       return 0;
@@ -322,15 +377,31 @@ int main(int argc, char** argv) {
 
   std::printf("qorhost: CAP directories: %s\n", qortool::envOr("QOR_CAP_DIR", "(unset: ./CAP)"));
   std::printf("qorhost: socket directory: %s\n", qortool::envOr("QOR_IP_DIR", "(unset)"));
-  std::fflush(stdout);
 
+  // The endpoints are bound before the service starts, so that a second
+  // qorhost on the same socket stops before its service starts.
   QOR_QueryService* service = QOR_QueryService::initQueryService();
+  qorring::EventRing ring;
+  qorcontrol::Endpoint control(*service, ring, true);
+  qorcontrol::Endpoint http(*service, ring, false);
+  const bool bound = bindEndpoints(control, http, socketOption, httpAddress);
+  std::fflush(stdout);
+  if (!bound) {
+    service->releaseQueryService(false);
+    return 1;
+  }
   PrintingLogListener logListener;
   PrintingAlertListener alertListener;
+  qorring::RingLogListener ringLogListener(ring);
+  qorring::RingAlertListener ringAlertListener(ring);
   service->registerLogListener(&logListener);
   service->registerAlertListener(&alertListener);
+  service->registerLogListener(&ringLogListener);
+  service->registerAlertListener(&ringAlertListener);
 
   service->startQueryService();
+  control.start();
+  http.start();
   std::printf("qorhost: service started; press Ctrl-C to stop\n");
   std::fflush(stdout);
   listAgents(service);
@@ -344,7 +415,12 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     // The reader is joined here, so that no command reaches a service being released.
   }
+  // So are the endpoints' workers; the socket file goes with them.
+  http.stop();
+  control.stop();
 
+  service->deregisterLogListener(&ringLogListener);
+  service->deregisterAlertListener(&ringAlertListener);
   service->deregisterLogListener(&logListener);
   service->deregisterAlertListener(&alertListener);
   service->releaseQueryService(false);

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace qortool {
 
@@ -35,30 +36,55 @@ inline void oneMallocArena() {
 
 enum class ParseResult { Run, Help, Error };
 
+// An option of one program alone, whose value goes to `value` rather than to
+// the environment.
+struct ValueOption {
+  const char* flag;
+  std::string* value;
+};
+
+// Whether `arg` (at argv[i]) is the option `flag`: its value is then in
+// `value`, null when it lacks one; `i` moves past a separate value.
+inline bool matchOption(const char* flag, int argc, char** argv, int& i, const char*& value) {
+  const char* arg = argv[i];
+  size_t length = std::strlen(flag);
+  if (std::strncmp(arg, flag, length) != 0) return false;
+  value = nullptr;
+  if (arg[length] == '=') {
+    value = arg + length + 1;
+  } else if (arg[length] == '\0' && i + 1 < argc) {
+    value = argv[++i];
+  } else if (arg[length] != '\0') {
+    return false;
+  }
+  return true;
+}
+
 // Accepts "--flag VALUE" and "--flag=VALUE" for each option, and -h/--help.
-inline ParseResult parseEnvOptions(int argc, char** argv, const char* program) {
+inline ParseResult parseEnvOptions(int argc, char** argv, const char* program,
+                                   const std::vector<ValueOption>& ownOptions = {}) {
   for (int i = 1; i < argc; ++i) {
     const char* arg = argv[i];
     if (std::strcmp(arg, "-h") == 0 || std::strcmp(arg, "--help") == 0) return ParseResult::Help;
     bool known = false;
+    const char* flag = nullptr;
+    const char* value = nullptr;
     for (const EnvOption& option : kEnvOptions) {
-      size_t length = std::strlen(option.flag);
-      if (std::strncmp(arg, option.flag, length) != 0) continue;
-      const char* value = nullptr;
-      if (arg[length] == '=') {
-        value = arg + length + 1;
-      } else if (arg[length] == '\0' && i + 1 < argc) {
-        value = argv[++i];
-      } else if (arg[length] != '\0') {
-        continue;
-      }
-      if (value == nullptr) {
-        std::fprintf(stderr, "%s: option %s needs a value (try --help)\n", program, option.flag);
-        return ParseResult::Error;
-      }
-      setenv(option.variable, value, 1);
+      if (!matchOption(option.flag, argc, argv, i, value)) continue;
+      flag = option.flag;
+      if (value != nullptr) setenv(option.variable, value, 1);
       known = true;
       break;
+    }
+    for (const ValueOption& option : ownOptions) {
+      if (known || !matchOption(option.flag, argc, argv, i, value)) continue;
+      flag = option.flag;
+      if (value != nullptr) *option.value = value;
+      known = true;
+    }
+    if (known && value == nullptr) {
+      std::fprintf(stderr, "%s: option %s needs a value (try --help)\n", program, flag);
+      return ParseResult::Error;
     }
     if (!known) {
       std::fprintf(stderr, "%s: unknown argument '%s' (try --help)\n", program, arg);

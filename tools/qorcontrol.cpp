@@ -1,0 +1,363 @@
+#include "qorcontrol.h"
+
+#include <errno.h>
+#include <httplib.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "qorapi.h"
+#include "qorcommands.h"
+#include "qorview.h"
+
+namespace qorcontrol {
+
+namespace {
+
+using json = nlohmann::ordered_json;
+
+// Enough workers that a few slow clients leave room for the others; each
+// idle or slow connection holds one until a time-out ends it.
+constexpr size_t kWorkers = 8;
+// A client that says nothing for this long is dropped.
+constexpr time_t kReadTimeoutSeconds = 3;
+constexpr time_t kWriteTimeoutSeconds = 3;
+constexpr time_t kKeepAliveSeconds = 2;
+constexpr size_t kKeepAliveRequests = 20;
+// No route takes a body; a small one is tolerated, a large one refused (413).
+constexpr size_t kPayloadLimit = 4096;
+// Request headers are limited by the library to 8 KB (its
+// CPPHTTPLIB_HEADER_MAX_LENGTH, fixed when it was built): a longer line ends
+// the connection.
+
+const char kJson[] = "application/json; charset=utf-8";
+const char kMetrics[] = "text/plain; version=0.0.4";
+
+// The commands the endpoint takes; the others of the table (disarm, rearm,
+// list, help) belong to qorhost's standard input.
+const char* const kCommandWords[] = {"stop", "start", "recycle", "reset", "manage", "unmanage"};
+
+std::string dumpJson(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
+
+void reply(httplib::Response& res, int status, const json& body) {
+  res.status = status;
+  res.set_content(dumpJson(body) + "\n", kJson);
+}
+
+void fail(httplib::Response& res, int status, const std::string& sentence) {
+  reply(res, status, json{{"error", sentence}});
+}
+
+// Whether `text` is well-formed UTF-8 without NUL: the only names the
+// iterator can hold.
+bool isCleanUtf8(const std::string& text) {
+  size_t i = 0;
+  while (i < text.size()) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    if (c == 0) return false;
+    size_t extra = 0;
+    uint32_t point = 0;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    } else if ((c & 0xE0) == 0xC0) {
+      extra = 1, point = c & 0x1F;
+    } else if ((c & 0xF0) == 0xE0) {
+      extra = 2, point = c & 0x0F;
+    } else if ((c & 0xF8) == 0xF0) {
+      extra = 3, point = c & 0x07;
+    } else {
+      return false;
+    }
+    if (i + extra >= text.size()) return false;
+    for (size_t k = 1; k <= extra; ++k) {
+      const unsigned char next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xC0) != 0x80) return false;
+      point = (point << 6) | (next & 0x3F);
+    }
+    static const uint32_t kSmallest[] = {0, 0x80, 0x800, 0x10000};
+    if (point < kSmallest[extra] || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) return false;
+    i += extra + 1;
+  }
+  return true;
+}
+
+bool isCommandWord(const std::string& word) {
+  for (const char* known : kCommandWords) {
+    if (word == known) return true;
+  }
+  return false;
+}
+
+std::string commandList() {
+  std::string list;
+  for (const char* word : kCommandWords) list += (list.empty() ? "" : ", ") + std::string(word);
+  return list;
+}
+
+void notStarted(httplib::Response& res) { fail(res, 503, "the service is not running"); }
+
+void methodNotAllowed(httplib::Response& res, const char* allowed) {
+  res.set_header("Allow", allowed);
+  fail(res, 405, std::string("this resource takes ") + allowed + " only");
+}
+
+// A name taken from a path: whether it may be looked up; answers 400 if not.
+bool acceptName(const std::string& name, httplib::Response& res) {
+  if (name.empty()) {
+    fail(res, 400, "the path names no agent");
+    return false;
+  }
+  if (!isCleanUtf8(name)) {
+    fail(res, 400, "an agent's name is UTF-8 text without NUL bytes");
+    return false;
+  }
+  return true;
+}
+
+void listAgents(QOR_QueryService& service, httplib::Response& res) {
+  json agents;
+  if (!qorview::allAgents(service, agents)) return notStarted(res);
+  reply(res, 200, json{{"agents", std::move(agents)}});
+}
+
+void showAgent(QOR_QueryService& service, const std::string& name, httplib::Response& res) {
+  if (!acceptName(name, res)) return;
+  json agent;
+  if (!qorview::agentNamed(service, name, agent)) {
+    if (!QOR_QueryService::isStarted()) return notStarted(res);
+    return fail(res, 404, "no agent named " + name);
+  }
+  reply(res, 200, agent);
+}
+
+void runCommand(QOR_QueryService& service, const std::string& name, const std::string& word,
+                httplib::Response& res) {
+  if (!acceptName(name, res)) return;
+  const qorcmd::Command* command = qorcmd::find(word);
+  if (command == nullptr) return fail(res, 500, "the command table lacks " + word);
+  const int code = qorcmd::run(service, *command, name);
+  reply(
+      res, 200,
+      json{{"agent", name}, {"command", word}, {"code", code}, {"meaning", qorcmd::meaning(*command, code)}});
+}
+
+// A whole number of at most 19 digits, so that it fits.
+bool parseSince(const std::string& text, uint64_t& since) {
+  if (text.empty() || text.size() > 19) return false;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+  }
+  since = std::strtoull(text.c_str(), nullptr, 10);
+  return true;
+}
+
+void listEvents(const qorring::EventRing& ring, const httplib::Request& req, httplib::Response& res) {
+  uint64_t since = 0;
+  if (req.has_param("since") && !parseSince(req.get_param_value("since"), since))
+    return fail(res, 400, "since must be a whole number: the seq of the last event already seen");
+  const qorring::EventRing::Slice slice = ring.since(since);
+  json events = json::array();
+  for (const qorring::HeardEvent& e : slice.events) {
+    events.push_back(json{{"seq", e.seq},
+                          {"time", static_cast<long long>(e.time)},
+                          {"id", e.id},
+                          {"agent", e.agent},
+                          {"text", e.text},
+                          {"alert", e.alert}});
+  }
+  reply(res, 200, json{{"events", std::move(events)}, {"last", slice.last}});
+}
+
+void metrics(QOR_QueryService& service, const qorring::EventRing& ring, httplib::Response& res) {
+  std::string text;
+  if (!qorview::metricsText(service, ring, text)) return notStarted(res);
+  res.status = 200;
+  res.set_content(text, kMetrics);
+}
+
+struct Context {
+  QOR_QueryService& service;
+  const qorring::EventRing& ring;
+  bool commands;
+};
+
+// /v1/agents/REST: REST is NAME, or NAME/COMMAND for the commands. A name may
+// itself hold a slash (sent as %2F), so only a known command word at the end
+// makes the last part a command.
+void agentRoute(const Context& c, const std::string& rest, bool post, httplib::Response& res) {
+  const size_t slash = rest.rfind('/');
+  const std::string tail = slash == std::string::npos ? std::string() : rest.substr(slash + 1);
+  if (slash != std::string::npos && isCommandWord(tail)) {
+    if (!post) return methodNotAllowed(res, "POST");
+    return runCommand(c.service, rest.substr(0, slash), tail, res);
+  }
+  if (!post) return showAgent(c.service, rest, res);
+  if (slash == std::string::npos) return methodNotAllowed(res, "GET");
+  fail(res, 404, "no command named " + tail + "; one of " + commandList());
+}
+
+void route(const Context& c, const httplib::Request& req, httplib::Response& res) {
+  const bool get = req.method == "GET" || req.method == "HEAD";
+  const bool post = req.method == "POST";
+  if (post && !c.commands) return fail(res, 403, "commands are only taken on the unix socket");
+  if (!get && !post) return methodNotAllowed(res, c.commands ? "GET, POST" : "GET");
+  const std::string& path = req.path;
+  static const std::string kAgent = "/v1/agents/";
+  if (path == "/v1/agents") return get ? listAgents(c.service, res) : methodNotAllowed(res, "GET");
+  if (path.compare(0, kAgent.size(), kAgent) == 0)
+    return agentRoute(c, path.substr(kAgent.size()), post, res);
+  if (path == "/v1/events") return get ? listEvents(c.ring, req, res) : methodNotAllowed(res, "GET");
+  if (path == "/metrics") return get ? metrics(c.service, c.ring, res) : methodNotAllowed(res, "GET");
+  fail(res, 404, "nothing is served at " + path);
+}
+
+// Errors the library answers by itself (a malformed request, a body too
+// large) get a JSON sentence too.
+httplib::Server::HandlerResponse describeError(const httplib::Request&, httplib::Response& res) {
+  if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
+  switch (res.status) {
+    case 400:
+      fail(res, 400, "the request is not valid HTTP/1.1");
+      break;
+    case 413:
+      fail(res, 413, "the request's body is too large; no route takes one");
+      break;
+    case 414:
+      fail(res, 414, "the request's path is too long");
+      break;
+    default:
+      fail(res, res.status, "the request could not be served");
+      break;
+  }
+  return httplib::Server::HandlerResponse::Handled;
+}
+
+// The path of a socket file: whether another process answers on it.
+bool answers(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  const bool connected = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return connected;
+}
+
+}  // namespace
+
+Endpoint::Endpoint(QOR_QueryService& service, const qorring::EventRing& ring, bool commands)
+    : service_(service), ring_(ring), commands_(commands), server_(new httplib::Server) {
+  configure();
+}
+
+Endpoint::~Endpoint() { stop(); }
+
+void Endpoint::configure() {
+  httplib::Server& server = *server_;
+  server.new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
+  server.set_read_timeout(kReadTimeoutSeconds, 0);
+  server.set_write_timeout(kWriteTimeoutSeconds, 0);
+  server.set_keep_alive_timeout(kKeepAliveSeconds);
+  server.set_keep_alive_max_count(kKeepAliveRequests);
+  server.set_payload_max_length(kPayloadLimit);
+  Context context{service_, ring_, commands_};
+  server.set_pre_routing_handler([context](const httplib::Request& req, httplib::Response& res) {
+    route(context, req, res);
+    return httplib::Server::HandlerResponse::Handled;
+  });
+  server.set_error_handler(httplib::Server::HandlerWithResponse(describeError));
+  server.set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
+    fail(res, 500, "the request failed inside qorhost");
+  });
+}
+
+bool Endpoint::bindUnix(const std::string& path, std::string& error) {
+  if (path.empty() || path.size() >= sizeof(sockaddr_un{}.sun_path)) {
+    error = "the control socket path '" + path + "' is empty or longer than " +
+            std::to_string(sizeof(sockaddr_un{}.sun_path) - 1) + " bytes; give a shorter --control-socket";
+    return false;
+  }
+  struct stat status;
+  if (lstat(path.c_str(), &status) == 0) {
+    if (!S_ISSOCK(status.st_mode)) {
+      error = path + " exists and is not a socket; remove it or give --control-socket another path";
+      return false;
+    }
+    if (answers(path)) {
+      error = "another qorhost already answers on " + path +
+              "; stop it first, or give this one --control-socket another path";
+      return false;
+    }
+    // Left by a qorhost that is gone.
+    unlink(path.c_str());
+  }
+  server_->set_address_family(AF_UNIX);
+  // Owner and group only: the socket takes commands.
+  const mode_t previous = umask(007);
+  const bool bound = server_->bind_to_port(path, 80);
+  const int bindErrno = errno;
+  umask(previous);
+  if (!bound) {
+    error = "cannot create the control socket " + path + ": " + std::strerror(bindErrno);
+    return false;
+  }
+  socketPath_ = path;
+  bound_ = true;
+  return true;
+}
+
+bool Endpoint::bindTcp(const std::string& address, std::string& error, std::string& bound) {
+  const size_t colon = address.rfind(':');
+  std::string host = colon == std::string::npos ? std::string() : address.substr(0, colon);
+  const std::string portText = colon == std::string::npos ? std::string() : address.substr(colon + 1);
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  char* end = nullptr;
+  const long port = std::strtol(portText.c_str(), &end, 10);
+  if (host.empty() || portText.empty() || *end != '\0' || port < 0 || port > 65535) {
+    error = "--http takes ADDR:PORT, e.g. 127.0.0.1:9464, not '" + address + "'";
+    return false;
+  }
+  const int taken =
+      port == 0 ? server_->bind_to_any_port(host) : (server_->bind_to_port(host, port) ? port : -1);
+  if (taken < 0) {
+    error = "cannot listen on " + address + ": " + std::strerror(errno);
+    return false;
+  }
+  bound = (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" + std::to_string(taken);
+  bound_ = true;
+  return true;
+}
+
+void Endpoint::start() {
+  if (!bound_ || thread_.joinable()) return;
+  thread_ = std::thread([this] {
+    // A client gone before its answer must not end qorhost: the write fails
+    // with EPIPE instead. The workers, started from this thread, inherit it.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    server_->listen_after_bind();
+  });
+}
+
+void Endpoint::stop() {
+  if (thread_.joinable()) {
+    // A stop before the serving thread got going would be lost.
+    for (int waited = 0; waited < 2000 && !server_->is_running(); ++waited) usleep(1000);
+    server_->stop();
+    thread_.join();
+  }
+  if (bound_ && !socketPath_.empty()) unlink(socketPath_.c_str());
+  bound_ = false;
+}
+
+}  // namespace qorcontrol

@@ -1,0 +1,60 @@
+// qorhost's control endpoint: HTTP/1.1 on a unix socket (every route, the
+// commands included) and, when asked, read-only HTTP on a TCP address. It
+// runs on httplib's worker threads and reaches the service only through the
+// iterator and the commands of qorapi.h, so no client, however slow or
+// hostile, can hold up supervision. Used by qorhost's main thread: open,
+// start, stop.
+#ifndef QOR_TOOLS_QORCONTROL_H
+#define QOR_TOOLS_QORCONTROL_H
+
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "qoreventring.h"
+
+class QOR_QueryService;
+
+namespace httplib {
+class Server;
+}
+
+namespace qorcontrol {
+
+// One listener: the unix socket or the TCP address.
+class Endpoint {
+ public:
+  Endpoint(QOR_QueryService& service, const qorring::EventRing& ring, bool commands);
+  ~Endpoint();
+  Endpoint(const Endpoint&) = delete;
+  Endpoint& operator=(const Endpoint&) = delete;
+
+  // Binds the unix socket `path` with mode srwxrwx---. A socket file left by
+  // a process that is gone is replaced; false, with one sentence in `error`,
+  // when another process answers on it, the path is too long, or the bind
+  // fails.
+  bool bindUnix(const std::string& path, std::string& error);
+  // Binds "ADDR:PORT" ("[ADDR]:PORT" for IPv6; PORT 0 takes a free one);
+  // false with one sentence in `error`. `bound` gets the address with the
+  // port taken.
+  bool bindTcp(const std::string& address, std::string& error, std::string& bound);
+  // Serves on a thread of its own from now on.
+  void start();
+  // Stops serving, waits for the workers, and removes the socket file.
+  void stop();
+
+ private:
+  void configure();
+
+  QOR_QueryService& service_;
+  const qorring::EventRing& ring_;
+  const bool commands_;
+  std::unique_ptr<httplib::Server> server_;
+  std::thread thread_;
+  std::string socketPath_;
+  bool bound_ = false;
+};
+
+}  // namespace qorcontrol
+
+#endif  // QOR_TOOLS_QORCONTROL_H

@@ -1,0 +1,113 @@
+#include "qoreventring.h"
+
+#include <utility>
+
+namespace qorring {
+
+void EventRing::append(HeardEvent event) {
+  event.seq = ++last_;
+  ++counts_[event.id];
+  events_.push_back(std::move(event));
+  while (events_.size() > capacity_) events_.pop_front();
+}
+
+void EventRing::push(time_t time, int id, const std::string& agent, const std::string& text, bool alert) {
+  HeardEvent event;
+  event.time = time;
+  event.id = id;
+  event.agent = agent;
+  event.text = text;
+  event.alert = alert;
+  std::lock_guard<std::mutex> hold(mutex_);
+  append(std::move(event));
+}
+
+void EventRing::markAlert(time_t time, int id, const std::string& agent, const std::string& text) {
+  std::lock_guard<std::mutex> hold(mutex_);
+  // Both listeners run on the service's message thread, the log listeners
+  // first: the alert for an event follows its log entry at once.
+  if (!events_.empty()) {
+    HeardEvent& newest = events_.back();
+    if (newest.seq == last_ && newest.id == id && newest.time == time && !newest.alert) {
+      newest.alert = true;
+      if (!agent.empty()) newest.agent = agent;
+      return;
+    }
+  }
+  HeardEvent event;
+  event.time = time;
+  event.id = id;
+  event.agent = agent;
+  event.text = text;
+  event.alert = true;
+  append(std::move(event));
+}
+
+EventRing::Slice EventRing::since(uint64_t since) const {
+  Slice slice;
+  std::lock_guard<std::mutex> hold(mutex_);
+  slice.last = last_;
+  for (const HeardEvent& event : events_) {
+    if (event.seq > since) slice.events.push_back(event);
+  }
+  return slice;
+}
+
+std::map<int, uint64_t> EventRing::counts() const {
+  std::lock_guard<std::mutex> hold(mutex_);
+  return counts_;
+}
+
+std::string utf8(const std::wstring& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (wchar_t wide : text) {
+    uint32_t c = static_cast<uint32_t>(wide);
+    if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = 0xFFFD;
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else if (c < 0x800) {
+      out += static_cast<char>(0xC0 | (c >> 6));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+      out += static_cast<char>(0xE0 | (c >> 12));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      out += static_cast<char>(0xF0 | (c >> 18));
+      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+  return out;
+}
+
+std::string agentOfLogText(const std::string& text) {
+  static const char* const kMarkers[] = {
+      " Operational Event: ", " Management Event: ", " Availability checked at "};
+  for (const char* marker : kMarkers) {
+    const size_t at = text.find(marker);
+    if (at == std::string::npos) continue;
+    std::string agent = text.substr(0, at);
+    // An instance's events read "NAME - INSTANCE - Operational Event: ...".
+    if (agent.size() >= 2 && agent.compare(agent.size() - 2, 2, " -") == 0) {
+      const size_t fragment = agent.rfind(" - ", agent.size() - 2);
+      if (fragment != std::string::npos) agent.erase(fragment);
+    }
+    return agent;
+  }
+  return std::string();
+}
+
+void RingLogListener::AlertMe() {
+  const std::string text = utf8(logData.logMessage);
+  ring_.push(logData.eventTime, logData.eventID, agentOfLogText(text), text, false);
+}
+
+void RingAlertListener::AlertMe() {
+  ring_.markAlert(alertData.eventTime, alertData.eventID, utf8(alertData.agentName),
+                  utf8(alertData.userMessage));
+}
+
+}  // namespace qorring

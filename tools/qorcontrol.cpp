@@ -203,7 +203,7 @@ void agentRoute(const Context& c, const std::string& rest, bool post, httplib::R
   fail(res, 404, "no command named " + tail + "; one of " + commandList());
 }
 
-void route(const Context& c, const httplib::Request& req, httplib::Response& res) {
+void routeRequest(const Context& c, const httplib::Request& req, httplib::Response& res) {
   const bool get = req.method == "GET" || req.method == "HEAD";
   const bool post = req.method == "POST";
   if (post && !c.commands) return fail(res, 403, "commands are only taken on the unix socket");
@@ -253,8 +253,8 @@ bool answers(const std::string& path) {
 
 }  // namespace
 
-Endpoint::Endpoint(QOR_QueryService& service, const qorring::EventRing& ring, bool commands)
-    : service_(service), ring_(ring), commands_(commands), server_(new httplib::Server) {
+Endpoint::Endpoint(const qorring::EventRing& ring, bool commands)
+    : ring_(ring), commands_(commands), server_(new httplib::Server) {
   configure();
 }
 
@@ -268,9 +268,8 @@ void Endpoint::configure() {
   server.set_keep_alive_timeout(kKeepAliveSeconds);
   server.set_keep_alive_max_count(kKeepAliveRequests);
   server.set_payload_max_length(kPayloadLimit);
-  Context context{service_, ring_, commands_};
-  server.set_pre_routing_handler([context](const httplib::Request& req, httplib::Response& res) {
-    route(context, req, res);
+  server.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+    route(req, res);
     return httplib::Server::HandlerResponse::Handled;
   });
   server.set_error_handler(httplib::Server::HandlerWithResponse(describeError));
@@ -336,8 +335,14 @@ bool Endpoint::bindTcp(const std::string& address, std::string& error, std::stri
   return true;
 }
 
-void Endpoint::start() {
+void Endpoint::route(const httplib::Request& req, httplib::Response& res) {
+  // Set before the serving thread starts, and never again.
+  routeRequest(Context{*service_, ring_, commands_}, req, res);
+}
+
+void Endpoint::start(QOR_QueryService& service) {
   if (!bound_ || thread_.joinable()) return;
+  service_ = &service;
   thread_ = std::thread([this] {
     // A client gone before its answer must not end qorhost: the write fails
     // with EPIPE instead. The workers, started from this thread, inherit it.

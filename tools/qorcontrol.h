@@ -17,14 +17,16 @@ class QOR_QueryService;
 
 namespace httplib {
 class Server;
-}
+struct Request;
+struct Response;
+}  // namespace httplib
 
 namespace qorcontrol {
 
 // One listener: the unix socket or the TCP address.
 class Endpoint {
  public:
-  Endpoint(QOR_QueryService& service, const qorring::EventRing& ring, bool commands);
+  Endpoint(const qorring::EventRing& ring, bool commands);
   ~Endpoint();
   Endpoint(const Endpoint&) = delete;
   Endpoint& operator=(const Endpoint&) = delete;
@@ -38,15 +40,18 @@ class Endpoint {
   // false with one sentence in `error`. `bound` gets the address with the
   // port taken.
   bool bindTcp(const std::string& address, std::string& error, std::string& bound);
-  // Serves on a thread of its own from now on.
-  void start();
+  // Serves on a thread of its own from now on, answering from `service`.
+  // Binding comes first so that qorhost can give up before the service
+  // exists.
+  void start(QOR_QueryService& service);
   // Stops serving, waits for the workers, and removes the socket file.
   void stop();
 
  private:
   void configure();
+  void route(const httplib::Request& req, httplib::Response& res);
 
-  QOR_QueryService& service_;
+  QOR_QueryService* service_ = nullptr;
   const qorring::EventRing& ring_;
   const bool commands_;
   std::unique_ptr<httplib::Server> server_;

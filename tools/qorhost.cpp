@@ -379,17 +379,15 @@ int main(int argc, char** argv) {
   std::printf("qorhost: socket directory: %s\n", qortool::envOr("QOR_IP_DIR", "(unset)"));
 
   // The endpoints are bound before the service starts, so that a second
-  // qorhost on the same socket stops before its service starts.
-  QOR_QueryService* service = QOR_QueryService::initQueryService();
+  // qorhost on the same socket stops before its service exists.
   qorring::EventRing ring;
-  qorcontrol::Endpoint control(*service, ring, true);
-  qorcontrol::Endpoint http(*service, ring, false);
+  qorcontrol::Endpoint control(ring, true);
+  qorcontrol::Endpoint http(ring, false);
   const bool bound = bindEndpoints(control, http, socketOption, httpAddress);
   std::fflush(stdout);
-  if (!bound) {
-    service->releaseQueryService(false);
-    return 1;
-  }
+  if (!bound) return 1;
+
+  QOR_QueryService* service = QOR_QueryService::initQueryService();
   PrintingLogListener logListener;
   PrintingAlertListener alertListener;
   qorring::RingLogListener ringLogListener(ring);
@@ -400,8 +398,8 @@ int main(int argc, char** argv) {
   service->registerAlertListener(&ringAlertListener);
 
   service->startQueryService();
-  control.start();
-  http.start();
+  control.start(*service);
+  http.start(*service);
   std::printf("qorhost: service started; press Ctrl-C to stop\n");
   std::fflush(stdout);
   listAgents(service);

@@ -162,12 +162,13 @@ long uptimeSeconds(long pid) {
   std::string line;
   if (!std::getline(stat, line)) return -1;
   // The command name, in parentheses, may hold blanks; the fields after it
-  // are plain. The start time is field 22, the 20th after the name.
+  // are plain. The start time is field 22, the 20th after the name (the
+  // state, field 3, is the first).
   const size_t close = line.rfind(')');
   if (close == std::string::npos) return -1;
   std::istringstream fields(line.substr(close + 1));
   std::string field;
-  for (int i = 0; i < 20 && fields >> field; ++i) {
+  for (int i = 0; i < 19 && fields >> field; ++i) {
   }
   unsigned long long startTicks = 0;
   if (!(fields >> startTicks)) return -1;

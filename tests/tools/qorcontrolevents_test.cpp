@@ -99,7 +99,8 @@ TEST_F(ControlHost, AnAgentThatDiesIsOneEventMarkedAsAnAlertWithItsAgent) {
   // Each alert qorhost printed is one event of the ring, marked, not a second entry.
   auto ringAlerts = [&] {
     int count = 0;
-    for (const json& event : getJson("/v1/events")["events"]) count += event["alert"] == true ? 1 : 0;
+    const json answer = getJson("/v1/events");
+    for (const json& event : answer["events"]) count += event["alert"] == true ? 1 : 0;
     return count;
   };
   auto printedAlerts = [&] {

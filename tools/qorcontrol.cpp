@@ -32,6 +32,8 @@ constexpr time_t kKeepAliveSeconds = 2;
 constexpr size_t kKeepAliveRequests = 20;
 // No route takes a body; a small one is tolerated, a large one refused (413).
 constexpr size_t kPayloadLimit = 4096;
+// Connections waiting to be accepted; more are refused at once.
+constexpr int kBacklog = 1024;
 // Request headers are limited by the library to 8 KB (its
 // CPPHTTPLIB_HEADER_MAX_LENGTH, fixed when it was built): a longer line ends
 // the connection.
@@ -204,6 +206,12 @@ void agentRoute(const Context& c, const std::string& rest, bool post, httplib::R
 }
 
 void routeRequest(const Context& c, const httplib::Request& req, httplib::Response& res) {
+  if (req.version != "HTTP/1.1" && req.version != "HTTP/1.0")
+    return fail(res, 400, "only HTTP/1.1 and HTTP/1.0 are spoken here");
+  const std::string length = req.get_header_value("Content-Length");
+  if (req.has_header("Content-Length") &&
+      (length.empty() || length.find_first_not_of("0123456789") != std::string::npos))
+    return fail(res, 400, "Content-Length must be a whole number");
   const bool get = req.method == "GET" || req.method == "HEAD";
   const bool post = req.method == "POST";
   if (post && !c.commands) return fail(res, 403, "commands are only taken on the unix socket");
@@ -268,10 +276,34 @@ void Endpoint::configure() {
   server.set_keep_alive_timeout(kKeepAliveSeconds);
   server.set_keep_alive_max_count(kKeepAliveRequests);
   server.set_payload_max_length(kPayloadLimit);
+  // The library listens with a backlog of 5, too few for a burst of
+  // clients: the listening socket is noted here and its backlog raised once
+  // bound. SO_REUSEADDR lets a restarted qorhost take its TCP port at once.
+  server.set_socket_options([this](int fd) {
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    listening_ = fd;
+  });
+  // One handler for every path and method: the routes below tell 404 from
+  // 405 themselves. Registered as routes rather than before routing, so that
+  // the library reads (and limits) a body before the handler runs and a
+  // kept-alive connection never takes a body's bytes for the next request.
+  const auto handler = [this](const httplib::Request& req, httplib::Response& res) { route(req, res); };
+  // The library refuses a POST that announces no body at all, which is how
+  // `curl -X POST` sends a command: a request without a body is answered
+  // before the library looks for one.
   server.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+    if (req.has_header("Content-Length") || req.has_header("Transfer-Encoding"))
+      return httplib::Server::HandlerResponse::Unhandled;
     route(req, res);
     return httplib::Server::HandlerResponse::Handled;
   });
+  server.Get(".*", handler);
+  server.Post(".*", handler);
+  server.Put(".*", handler);
+  server.Patch(".*", handler);
+  server.Delete(".*", handler);
+  server.Options(".*", handler);
   server.set_error_handler(httplib::Server::HandlerWithResponse(describeError));
   server.set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
     fail(res, 500, "the request failed inside qorhost");
@@ -310,6 +342,7 @@ bool Endpoint::bindUnix(const std::string& path, std::string& error) {
   }
   socketPath_ = path;
   bound_ = true;
+  widenBacklog();
   return true;
 }
 
@@ -330,9 +363,14 @@ bool Endpoint::bindTcp(const std::string& address, std::string& error, std::stri
     error = "cannot listen on " + address + ": " + std::strerror(errno);
     return false;
   }
+  widenBacklog();
   bound = (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" + std::to_string(taken);
   bound_ = true;
   return true;
+}
+
+void Endpoint::widenBacklog() {
+  if (listening_ >= 0) ::listen(listening_, kBacklog);
 }
 
 void Endpoint::route(const httplib::Request& req, httplib::Response& res) {

@@ -49,6 +49,7 @@ class Endpoint {
 
  private:
   void configure();
+  void widenBacklog();
   void route(const httplib::Request& req, httplib::Response& res);
 
   QOR_QueryService* service_ = nullptr;
@@ -58,6 +59,7 @@ class Endpoint {
   std::thread thread_;
   std::string socketPath_;
   bool bound_ = false;
+  int listening_ = -1;  // the listening socket, once bound
 };
 
 }  // namespace qorcontrol

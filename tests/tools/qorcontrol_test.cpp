@@ -411,3 +411,35 @@ TEST_F(ControlHost, HelpNamesBothOptionsAndTheRoutes) {
   EXPECT_NE(std::string::npos,
             run.out.find("  POST /v1/agents/NAME/COMMAND    stop, start, recycle, reset, manage, unmanage"));
 }
+
+TEST_F(ControlHost, CurlSendsACommandWithoutABodyAndAKeptAliveConnectionGoesOnAfterOneWithABody) {
+  withRunningAgent();
+  startHost();
+  qortest::RunResult curl = qortest::runProgram({"/usr/bin/curl", "-s", "-X", "POST", "--unix-socket",
+                                                 socketPath(), "http://localhost/v1/agents/Nobody/start"});
+  EXPECT_EQ("{\"agent\":\"Nobody\",\"command\":\"start\",\"code\":102,\"meaning\":\"no such agent\"}\n",
+            curl.out);
+  // A body no route needs is read and set aside, not taken for the next
+  // request on the same connection.
+  const int fd = controltest::connectUnix(socketPath());
+  ASSERT_GE(fd, 0);
+  const std::string first =
+      "POST /v1/agents/Nobody/reset HTTP/1.1\r\nHost: localhost\r\nContent-Length: 12\r\n\r\nGET /metrics";
+  ASSERT_EQ(static_cast<ssize_t>(first.size()), write(fd, first.data(), first.size()));
+  std::string answers;
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        answers += controltest::readAll(fd, 100);
+        return answers.find("}\n") != std::string::npos;
+      },
+      5000));
+  const std::string second = "GET /v1/agents/Nobody HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+  ASSERT_EQ(static_cast<ssize_t>(second.size()), write(fd, second.data(), second.size()));
+  answers += controltest::readAll(fd, 5000);
+  close(fd);
+  EXPECT_EQ(2, qortest::countOccurrences(answers, "HTTP/1.1 ")) << answers;
+  EXPECT_NE(std::string::npos, answers.find("{\"agent\":\"Nobody\",\"command\":\"reset\",\"code\":601,"));
+  EXPECT_NE(std::string::npos, answers.find("HTTP/1.1 404 Not Found\r\n")) << answers;
+  EXPECT_NE(std::string::npos, answers.find("{\"error\":\"no agent named Nobody\"}\n"));
+  EXPECT_EQ(0, stopHost());
+}

@@ -443,3 +443,17 @@ TEST_F(ControlHost, CurlSendsACommandWithoutABodyAndAKeptAliveConnectionGoesOnAf
   EXPECT_NE(std::string::npos, answers.find("{\"error\":\"no agent named Nobody\"}\n"));
   EXPECT_EQ(0, stopHost());
 }
+
+TEST(ControlSocketReadme, NamesEveryKeyOfTheAgentObjectAndEveryMetric) {
+  const std::string readme = qortest::readFile(qortest::sourceDir() + "/README.md");
+  const size_t begin = readme.find("## Control socket\n");
+  ASSERT_NE(std::string::npos, begin);
+  const std::string section = readme.substr(begin, readme.find("\n## ", begin + 1) - begin);
+  for (const std::string& key : kAgentKeys)
+    EXPECT_NE(std::string::npos, section.find("`" + key + "`")) << key;
+  for (const char* metric :
+       {"qor_agent_up", "qor_agent_operating_state", "qor_agent_restarts_today", "qor_agent_max_restarts",
+        "qor_agent_last_check_timestamp_seconds", "qor_agent_cpu_percent", "qor_agent_resident_bytes",
+        "qor_events_total", "qor_build_info"})
+    EXPECT_NE(std::string::npos, section.find(std::string("`") + metric)) << metric;
+}

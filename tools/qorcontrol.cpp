@@ -32,6 +32,9 @@ constexpr time_t kKeepAliveSeconds = 2;
 constexpr size_t kKeepAliveRequests = 20;
 // No route takes a body; a small one is tolerated, a large one refused (413).
 constexpr size_t kPayloadLimit = 4096;
+// The longest path of a request with a body that is matched against the
+// library's routes.
+constexpr size_t kRoutedPathLimit = 1024;
 // Connections waiting to be accepted; more are refused at once.
 constexpr int kBacklog = 1024;
 // Request headers are limited by the library to 8 KB (its
@@ -293,9 +296,16 @@ void Endpoint::configure() {
   // `curl -X POST` sends a command: a request without a body is answered
   // before the library looks for one.
   server.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
-    if (req.has_header("Content-Length") || req.has_header("Transfer-Encoding"))
+    if (!req.has_header("Content-Length") && !req.has_header("Transfer-Encoding")) {
+      route(req, res);
+    } else if (req.path.size() > kRoutedPathLimit) {
+      // The library matches routes with std::regex, whose matcher recurses
+      // once per character: a long path could exhaust a worker's stack.
+      res.set_header("Connection", "close");
+      fail(res, 414, "the request's path is too long");
+    } else {
       return httplib::Server::HandlerResponse::Unhandled;
-    route(req, res);
+    }
     return httplib::Server::HandlerResponse::Handled;
   });
   server.Get(".*", handler);

@@ -296,15 +296,21 @@ TEST_F(ControlHost, WrongMethodsPathsAndCommandWordsGet405And404) {
 }
 
 TEST_F(ControlHost, TheSocketIsForOwnerAndGroupAloneAndGoesWithQorhost) {
+  // qorhost inherits this umask; the socket's own is set for its bind alone.
+  const mode_t previous = umask(022);
   startHost();
+  umask(previous);
   struct stat status;
   ASSERT_EQ(0, lstat(socketPath().c_str(), &status));
   EXPECT_TRUE(S_ISSOCK(status.st_mode));
   EXPECT_EQ(0770u, status.st_mode & 0777u);
   EXPECT_NE(std::string::npos, host->out().find("qorhost: control socket: " + socketPath() + "\n"));
-  // qorhost's own umask is untouched: the state file it writes keeps its mode.
   EXPECT_EQ(0, stopHost());
   EXPECT_FALSE(qortest::fileExists(socketPath()));
+  // Files qorhost makes after the bind get its own umask back: the state file
+  // written at the stop is readable by others.
+  ASSERT_EQ(0, stat(caps.file("teo.dat").c_str(), &status));
+  EXPECT_EQ(0644u, status.st_mode & 0777u);
 }
 
 TEST_F(ControlHost, ControlSocketOptionPutsTheSocketWhereItSays) {

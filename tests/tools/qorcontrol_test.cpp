@@ -463,3 +463,29 @@ TEST(ControlSocketReadme, NamesEveryKeyOfTheAgentObjectAndEveryMetric) {
         "qor_events_total", "qor_build_info"})
     EXPECT_NE(std::string::npos, section.find(std::string("`") + metric)) << metric;
 }
+
+TEST_F(ControlHost, TheOsAgentRefusesItsOwnStopAndStartAndOnceUnmanagedNoAgentMayBeManaged) {
+  withRunningAgent();
+  startHost();
+  EXPECT_EQ(json({{"agent", "Embedding host"},
+                  {"command", "stop"},
+                  {"code", 203},
+                  {"meaning", "it is the OS agent, which cannot stop itself"}}),
+            post("/v1/agents/Embedding%20host/stop"));
+  EXPECT_EQ(json({{"agent", "Embedding host"},
+                  {"command", "start"},
+                  {"code", 103},
+                  {"meaning", "it is the OS agent, which cannot start itself"}}),
+            post("/v1/agents/Embedding%20host/start"));
+  EXPECT_EQ(
+      json({{"agent", "Embedding host"}, {"command", "unmanage"}, {"code", 0}, {"meaning", "accepted"}}),
+      post("/v1/agents/Embedding%20host/unmanage"));
+  ASSERT_TRUE(qortest::waitFor([&] { return listed(kAgent)["managed"] == "unmanaged"; }, 10000))
+      << host->out();
+  EXPECT_EQ(json({{"agent", kAgent},
+                  {"command", "manage"},
+                  {"code", 404},
+                  {"meaning", "the OS agent is unmanaged, so no agent may be managed"}}),
+            post("/v1/agents/Controlled%20program/manage"));
+  EXPECT_EQ(0, stopHost());
+}

@@ -489,3 +489,31 @@ TEST_F(ControlHost, TheOsAgentRefusesItsOwnStopAndStartAndOnceUnmanagedNoAgentMa
             post("/v1/agents/Controlled%20program/manage"));
   EXPECT_EQ(0, stopHost());
 }
+
+TEST_F(ControlHost, WhileItsStartScriptRunsTheAgentRefusesStartRecycleAndResetWithTheirBusyCodes) {
+  withRunningAgent();
+  startHost();
+  ASSERT_EQ(0, post("/v1/agents/Controlled%20program/stop")["code"]);
+  ASSERT_TRUE(qortest::waitFor([&] { return listed(kAgent)["state_code"] == 5; }, 15000)) << host->out();
+  start.hang(kProgram, 30);
+  ASSERT_EQ(0, post("/v1/agents/Controlled%20program/start")["code"]);
+  ASSERT_TRUE(qortest::waitFor([&] { return start.hanging(kProgram); }, 10000));
+  EXPECT_EQ("starting", listed(kAgent)["state"]);
+  EXPECT_EQ(json({{"agent", kAgent},
+                  {"command", "start"},
+                  {"code", 101},
+                  {"meaning", "agent is starting or stopping"}}),
+            post("/v1/agents/Controlled%20program/start"));
+  EXPECT_EQ(json({{"agent", kAgent},
+                  {"command", "recycle"},
+                  {"code", 301},
+                  {"meaning", "agent is starting or stopping"}}),
+            post("/v1/agents/Controlled%20program/recycle"));
+  EXPECT_EQ(json({{"agent", kAgent},
+                  {"command", "reset"},
+                  {"code", 602},
+                  {"meaning", "agent is starting or stopping"}}),
+            post("/v1/agents/Controlled%20program/reset"));
+  start.release(kProgram);
+  EXPECT_EQ(0, stopHost());
+}

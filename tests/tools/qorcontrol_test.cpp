@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -372,12 +371,14 @@ TEST_F(ControlHost, AFileThatIsNoSocketIsLeftAloneAndQorhostExitsWithOne) {
 TEST_F(ControlHost, HttpServesTheReadOnlyRoutesAndRefusesCommandsWith403) {
   withRunningAgent();
   startHost({"--http", "127.0.0.1:0"});
-  std::smatch match;
   const std::string out = host->out();
-  ASSERT_TRUE(
-      std::regex_search(out, match, std::regex("qorhost: read-only HTTP on 127\\.0\\.0\\.1:([0-9]+)\n")))
-      << out;
-  httplib::Client tcp("127.0.0.1", std::stoi(match[1]));
+  const std::string said = "qorhost: read-only HTTP on 127.0.0.1:";
+  const size_t at = out.find(said);
+  ASSERT_NE(std::string::npos, at) << out;
+  const int port = std::atoi(out.c_str() + at + said.size());
+  ASSERT_GT(port, 0);
+  EXPECT_EQ(said + std::to_string(port) + "\n", out.substr(at, out.find('\n', at) + 1 - at));
+  httplib::Client tcp("127.0.0.1", port);
   httplib::Result agents = tcp.Get("/v1/agents");
   ASSERT_TRUE(agents);
   EXPECT_EQ(200, agents->status);

@@ -8,9 +8,15 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <functional>
+#include <mutex>
 #include <nlohmann/json.hpp>
+#include <thread>
+#include <vector>
 
 #include "qorapi.h"
 #include "qorcommands.h"
@@ -24,7 +30,7 @@ using json = nlohmann::ordered_json;
 
 // Enough workers that a few slow clients leave room for the others; each
 // idle or slow connection holds one until a time-out ends it.
-constexpr size_t kWorkers = 8;
+constexpr size_t kWorkers = 16;
 // A client that says nothing for this long is dropped.
 constexpr time_t kReadTimeoutSeconds = 3;
 constexpr time_t kWriteTimeoutSeconds = 3;
@@ -252,6 +258,54 @@ httplib::Server::HandlerResponse describeError(const httplib::Request&, httplib:
   return httplib::Server::HandlerResponse::Handled;
 }
 
+// The workers of an endpoint. Newest connection first: a crowd of idle
+// connections (each holds a worker until the keep-alive time-out ends it)
+// then delays a new client by one time-out at most, instead of by the whole
+// crowd. The connections left when the server stops are still handed out,
+// so that each is closed; the library ends them at once by then.
+class NewestFirst : public httplib::TaskQueue {
+ public:
+  explicit NewestFirst(size_t workers) {
+    for (size_t i = 0; i < workers; ++i) threads_.emplace_back([this] { work(); });
+  }
+  void enqueue(std::function<void()> job) override {
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      jobs_.push_back(std::move(job));
+    }
+    ready_.notify_one();
+  }
+  void shutdown() override {
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      stopping_ = true;
+    }
+    ready_.notify_all();
+    for (std::thread& thread : threads_) thread.join();
+  }
+
+ private:
+  void work() {
+    for (;;) {
+      std::function<void()> job;
+      {
+        std::unique_lock<std::mutex> hold(mutex_);
+        ready_.wait(hold, [this] { return stopping_ || !jobs_.empty(); });
+        if (jobs_.empty()) return;
+        job = std::move(jobs_.back());
+        jobs_.pop_back();
+      }
+      job();
+    }
+  }
+
+  std::vector<std::thread> threads_;
+  std::deque<std::function<void()>> jobs_;
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  bool stopping_ = false;
+};
+
 // The path of a socket file: whether another process answers on it.
 bool answers(const std::string& path) {
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -275,7 +329,7 @@ Endpoint::~Endpoint() { stop(); }
 
 void Endpoint::configure() {
   httplib::Server& server = *server_;
-  server.new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
+  server.new_task_queue = [] { return new NewestFirst(kWorkers); };
   server.set_read_timeout(kReadTimeoutSeconds, 0);
   server.set_write_timeout(kWriteTimeoutSeconds, 0);
   server.set_keep_alive_timeout(kKeepAliveSeconds);

@@ -1,9 +1,7 @@
-// qorhost's control endpoint: HTTP/1.1 on a unix socket (every route, the
-// commands included) and, when asked, read-only HTTP on a TCP address. It
-// runs on httplib's worker threads and reaches the service only through the
-// iterator and the commands of qorapi.h, so no client, however slow or
-// hostile, can hold up supervision. Used by qorhost's main thread: open,
-// start, stop.
+// qorhost's control endpoint: HTTP/1.1 on a unix socket (commands included)
+// and, when asked, read-only on TCP. Runs on its own workers and reaches the
+// service only through qorapi.h's iterator and commands, so no client can
+// hold up supervision. Used by qorhost's main thread: bind, start, stop.
 #ifndef QOR_TOOLS_QORCONTROL_H
 #define QOR_TOOLS_QORCONTROL_H
 

@@ -1,8 +1,7 @@
-// The last events qorhost's listeners heard, kept for the control endpoint:
-// a ring of at most 1000, numbered from 1 for the life of the process, and a
-// count per event id for the metrics. The listeners push from the service's
-// message thread; HTTP workers copy out. The lock is held only to push or to
-// copy, so a slow client never holds up a listener: the ring drops the oldest.
+// The last 1000 events qorhost's listeners heard, numbered from 1, and a count
+// per event id, for the control endpoint. Listeners push from the service's
+// message thread, HTTP workers copy out; the lock is held only for that, so a
+// slow client never holds up a listener: the ring drops the oldest.
 #ifndef QOR_TOOLS_QOREVENTRING_H
 #define QOR_TOOLS_QOREVENTRING_H
 

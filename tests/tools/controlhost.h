@@ -1,8 +1,7 @@
-// qorhost run for the tests of its control endpoint: a real qorhost on a
-// temporary CAP directory with the OS agent's CAP file and one running agent
-// (a copy of sleep with start and stop scripts), its control socket in a
-// temporary directory, and ways to talk to it: httplib's client on the unix
-// socket, raw bytes, and curl. Used on the test's main thread.
+// A real qorhost for the tests of its control endpoint: a temporary CAP
+// directory with the OS agent and one running agent (a copy of sleep with
+// start and stop scripts), and ways to talk to its socket: httplib's client,
+// raw bytes. Used on the test's main thread.
 #ifndef QOR_TESTS_TOOLS_CONTROLHOST_H
 #define QOR_TESTS_TOOLS_CONTROLHOST_H
 

@@ -8,7 +8,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -397,19 +399,30 @@ bool Endpoint::bindUnix(const std::string& path, std::string& error) {
     unlink(path.c_str());
   }
   server_->set_address_family(AF_UNIX);
-  // Owner and group only: the socket takes commands.
-  const mode_t previous = umask(007);
-  const bool bound = server_->bind_to_port(path, 80);
-  const int bindErrno = errno;
-  umask(previous);
-  if (!bound) {
-    error = "cannot create the control socket " + path + ": " + std::strerror(bindErrno);
+  socketPath_ = path;
+  if (!bindAgain()) {
+    error = "cannot create the control socket " + path + ": " + std::strerror(errno);
     return false;
   }
-  socketPath_ = path;
-  bound_ = true;
-  widenBacklog();
   return true;
+}
+
+bool Endpoint::bindAgain() {
+  bool done = false;
+  if (!socketPath_.empty()) {
+    unlink(socketPath_.c_str());
+    // Owner and group only: the socket takes commands.
+    const mode_t previous = umask(007);
+    done = server_->bind_to_port(socketPath_, 80);
+    const int bindErrno = errno;
+    umask(previous);
+    errno = bindErrno;
+  } else {
+    done = server_->bind_to_port(tcpHost_, tcpPort_);
+  }
+  bound_ = done;
+  if (done) widenBacklog();
+  return done;
 }
 
 bool Endpoint::bindTcp(const std::string& address, std::string& error, std::string& bound) {
@@ -429,6 +442,8 @@ bool Endpoint::bindTcp(const std::string& address, std::string& error, std::stri
     error = "cannot listen on " + address + ": " + std::strerror(errno);
     return false;
   }
+  tcpHost_ = host;
+  tcpPort_ = taken;
   widenBacklog();
   bound = (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" + std::to_string(taken);
   bound_ = true;
@@ -454,15 +469,40 @@ void Endpoint::start(QOR_QueryService& service) {
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-    server_->listen_after_bind();
+    serve();
+    served_ = true;
   });
+}
+
+// The library gives up listening for good when an accept fails for another
+// reason than a lack of descriptors; the endpoint must outlive such a burst,
+// so it is opened again.
+void Endpoint::serve() {
+  while (!stopping_) {
+    server_->listen_after_bind();
+    if (stopping_) return;
+    const std::string what =
+        socketPath_.empty() ? "read-only HTTP listener" : "control socket " + socketPath_;
+    std::fprintf(stderr, "qorhost: the %s stopped taking connections; it is opened again\n", what.c_str());
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    if (stopping_) return;
+    if (!bindAgain()) {
+      std::fprintf(stderr, "qorhost: the %s cannot be opened again: %s\n", what.c_str(),
+                   std::strerror(errno));
+      return;
+    }
+  }
 }
 
 void Endpoint::stop() {
   if (thread_.joinable()) {
-    // A stop before the serving thread got going would be lost.
-    for (int waited = 0; waited < 2000 && !server_->is_running(); ++waited) usleep(1000);
-    server_->stop();
+    stopping_ = true;
+    // A stop before the serving thread listens, or while it opens the socket
+    // again, would be lost: it is repeated until the thread has ended.
+    while (!served_) {
+      server_->stop();
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     thread_.join();
   }
   if (bound_ && !socketPath_.empty()) unlink(socketPath_.c_str());

@@ -5,6 +5,7 @@
 #ifndef QOR_TOOLS_QORCONTROL_H
 #define QOR_TOOLS_QORCONTROL_H
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -47,6 +48,9 @@ class Endpoint {
 
  private:
   void configure();
+  void serve();
+  // Binds the socket path, or the TCP address, of the first bind once more.
+  bool bindAgain();
   void widenBacklog();
   void route(const httplib::Request& req, httplib::Response& res);
 
@@ -58,6 +62,10 @@ class Endpoint {
   std::string socketPath_;
   bool bound_ = false;
   int listening_ = -1;  // the listening socket, once bound
+  std::string tcpHost_;
+  int tcpPort_ = 0;
+  std::atomic<bool> stopping_{false};
+  std::atomic<bool> served_{false};  // the serving thread has ended
 };
 
 }  // namespace qorcontrol

@@ -145,14 +145,20 @@ TEST_F(HostileClients, AThousandConnectionsHeldOpenDelayANewClientBySecondsAndBl
   EXPECT_GT(connected, 900);
   // A new client goes before the crowd: it waits for one worker to be free
   // (a keep-alive time-out of 2 seconds at most), not for them all.
+  // (The bound is loose for the sanitizer builds, which run several of these
+  // at once on few cores; a plain build answers within the time-out.)
   const long long crowded = qortest::nowMs();
-  expectServing();
-  EXPECT_LT(qortest::nowMs() - crowded, 5000);
+  std::unique_ptr<httplib::Client> patient = client();
+  patient->set_read_timeout(30, 0);
+  httplib::Result answer = patient->Get("/v1/agents");
+  ASSERT_TRUE(answer) << httplib::to_string(answer.error());
+  EXPECT_EQ(200, answer->status);
+  EXPECT_LT(qortest::nowMs() - crowded, 15000);
   // While they are all open, supervision goes on: an agent that dies is
   // found dead at its next check.
   ASSERT_EQ(0, kill(pid, SIGKILL));
   EXPECT_TRUE(
-      host->waitForOutput("[ 8] Controlled program Operational Event: Agent stopped abnormally.", 15000))
+      host->waitForOutput("[ 8] Controlled program Operational Event: Agent stopped abnormally.", 30000))
       << host->out();
   for (int fd : sockets) close(fd);
   const long long asked = qortest::nowMs();

@@ -151,7 +151,7 @@ TEST_F(HostileClients, AThousandConnectionsHeldOpenDelayANewClientBySecondsAndBl
   std::unique_ptr<httplib::Client> patient = client();
   patient->set_read_timeout(30, 0);
   httplib::Result answer = patient->Get("/v1/agents");
-  ASSERT_TRUE(answer) << httplib::to_string(answer.error());
+  ASSERT_TRUE(answer) << httplib::to_string(answer.error()) << host->err().substr(0, 2000);
   EXPECT_EQ(200, answer->status);
   EXPECT_LT(qortest::nowMs() - crowded, 15000);
   // While they are all open, supervision goes on: an agent that dies is

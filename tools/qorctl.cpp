@@ -3,7 +3,8 @@
 // each, which subagent the service would take, or what is wrong and where.
 // `qorctl notify` tells the running service over its socket that an agent is
 // being started or stopped by somebody else, has come up or gone down, or is
-// to be recycled, and says what the service answered.
+// to be recycled, and says what the service answered. `status`, `show`,
+// `events` and the agent commands ask qorhost over its control socket.
 #include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "cap/qorconv.h"
@@ -20,18 +22,90 @@
 #include "core/qorutil.h"
 #include "interfaces/qorsockclient.h"
 #include "platform/log1.h"
+#include "qorcommands.h"
+#include "qorctlhttp.h"
+#include "qorstatusfmt.h"
 
 namespace {
 
 // The codes listed here are the XML result codes of cap/qorxml.h.
 const char kUsage[] =
-    "Usage: qorctl COMMAND [ARGS]\n"
+    "Usage: qorctl COMMAND [ARGS] [--socket PATH]\n"
     "\n"
     "Commands:\n"
+    "  status [NAME...] [--json]\n"
+    "                          the agents qorhost supervises, one line each\n"
+    "  show NAME               every field of one agent, as key=value lines\n"
+    "  stop|start|recycle|reset|manage|unmanage NAME\n"
+    "                          one of qorhost's commands, for one agent\n"
+    "  events [-f]             the latest events qorhost heard; -f follows them\n"
     "  validate [-q] FILE...   check CAP files the way the service reads them\n"
     "  notify STATE [-o INSTANCE] PRODUCT_CODE [--ip-dir DIR]\n"
     "                          tell the running service about an agent\n"
-    "  help                    this text\n"
+    "  help                    this text (also -h and --help)\n"
+    "\n"
+    "Finding qorhost\n"
+    "  status, show, events and the agent commands talk HTTP to qorhost's\n"
+    "  control socket: PATH of --socket PATH (or --socket=PATH, anywhere on the\n"
+    "  line), else $QOR_IP_DIR/qorhost.sock. The socket lets in only the user\n"
+    "  and the group of qorhost's process. When it cannot be reached, one line\n"
+    "  on standard error says why and what to do, and the exit status is 4:\n"
+    "    qorctl: permission denied on PATH: run qorctl as the service's user\n"
+    "      or a member of its group\n"
+    "    qorctl: there is no socket PATH: is qorhost running? start it, or\n"
+    "      give --socket\n"
+    "    qorctl: nobody accepts connections on PATH: qorhost is not answering\n"
+    "      on it; a stale socket: restart qorhost\n"
+    "  Exit status 4 also when neither --socket nor QOR_IP_DIR is given, and\n"
+    "  when qorhost gives no answer or one that cannot be read.\n"
+    "\n"
+    "status [NAME...] [--json]\n"
+    "  One line per agent, in qorhost's order, or per record of each NAME given\n"
+    "  (a multi-instance agent has one per instance), in the order given:\n"
+    "    NAME  STATE  pid P, uptime U, restarts C/M[, GAVE UP]\n"
+    "  STATE is unknown, not_found, down, starting, running, stopped, stopping\n"
+    "  or not_configured. P is \"-\" when the agent has no process. U is the age\n"
+    "  of its process, \"3d 04:05:06\" or \"04:05:06\" below a day, \"-\" when\n"
+    "  unknown. C/M are today's restarts and the daily limit of the CAP file;\n"
+    "  GAVE UP says that the limit is reached and the service restarts the agent\n"
+    "  no more today (qorctl reset NAME lets it try again). The state word and\n"
+    "  GAVE UP are coloured when standard output is a terminal and NO_COLOR is\n"
+    "  not set. A NAME with blanks is quoted as one word.\n"
+    "  --json  print qorhost's JSON of the agents shown instead: {\"agents\":[...]}\n"
+    "  Exit status, as an init script's status: 0 when every agent shown runs\n"
+    "  (running), 3 when one does not, or when qorhost knows no agent of a NAME\n"
+    "  (said on standard error; an agent that does not exist does not run),\n"
+    "  4 when qorhost cannot be reached, 2 for wrong usage.\n"
+    "\n"
+    "show NAME\n"
+    "  Every field qorhost keeps of the agent NAME, one key=value line each, in\n"
+    "  qorhost's order (name, subagent_id, ... state, state_code, scripts,\n"
+    "  limits, restarts, process figures, cap_file, uptime_seconds). Text is\n"
+    "  printed as it is, a line break in it as \\n; a missing value (null)\n"
+    "  leaves nothing after the \"=\". A NAME with blanks may be quoted or typed\n"
+    "  as several words.\n"
+    "  Exit status: 0, 3 when qorhost knows no agent NAME, 4 when qorhost cannot\n"
+    "  be reached, 2 for wrong usage.\n"
+    "\n"
+    "stop|start|recycle|reset|manage|unmanage NAME\n"
+    "  Asks qorhost to run the command for the agent NAME and prints its answer,\n"
+    "  the result code and its meaning, as qorhost's own command input does:\n"
+    "    recycle 'NAME': 0 (accepted)\n"
+    "  A NAME with blanks may be quoted or typed as several words. The commands\n"
+    "  and the codes of each:\n"
+    "%c"
+    "  Exit status: 0 when the code is 0, 1 for any other code, 4 when qorhost\n"
+    "  cannot be reached or refuses the request, 2 for wrong usage.\n"
+    "\n"
+    "events [-f]\n"
+    "  The events qorhost heard (it keeps the latest 1000), oldest first:\n"
+    "    TIME  [ID]  AGENT  TEXT\n"
+    "  TIME in local time, ID the event id, AGENT \"-\" for an event of no agent;\n"
+    "  an alert has ALERT before its text.\n"
+    "  -f  then asks every second for the events that came since and prints\n"
+    "      them as they come, until interrupted (Ctrl-C)\n"
+    "  Exit status: 0, 4 when qorhost cannot be reached (also when it goes away\n"
+    "  while -f follows), 2 for wrong usage.\n"
     "\n"
     "validate\n"
     "  Reads each FILE as the service would: checks it against the CAP format\n"
@@ -84,7 +158,9 @@ const char kUsage[] =
     "Environment:\n"
     "  PROCESSOR_ARCHITECTURE  compared with the arch attribute of a platform;\n"
     "                          a platform with arch never matches when it is unset\n"
-    "  QOR_IP_DIR              the directory of the service's sockets (notify)\n"
+    "  QOR_IP_DIR              the directory of the service's sockets: notify's\n"
+    "                          .teo_sock, the other commands' qorhost.sock\n"
+    "  NO_COLOR                set: status prints no colours, even on a terminal\n"
     "  QOR_TRACE_LEVEL, QOR_TRACE_FILE\n"
     "                          trace the parse or the exchange (decimal bit mask,\n"
     "                          and a file; 1 shows every element); off unless set\n";
@@ -331,22 +407,274 @@ int notify(int argc, char** argv) {
   return code == 0 ? 0 : 1;
 }
 
+// ---- qorhost's control socket ------------------------------------------------------
+
+using qorfmt::Json;
+
+constexpr int kExitUsage = 2;
+constexpr int kExitNotRunning = 3;
+constexpr int kExitUnreachable = 4;
+
+const char* const kAgentCommands[] = {"stop", "start", "recycle", "reset", "manage", "unmanage"};
+
+bool isAgentCommand(const std::string& word) {
+  for (const char* command : kAgentCommands) {
+    if (word == command) return true;
+  }
+  return false;
+}
+
+// The codes of the agent commands for the help, from the table qorhost's own
+// command input answers with, so that both always say the same.
+std::string agentCodesHelp() {
+  std::string text;
+  for (const char* word : kAgentCommands) {
+    const qorcmd::Command* command = qorcmd::find(word);
+    if (command == nullptr) continue;
+    text += std::string("    ") + word + "\n";
+    for (const qorcmd::Meaning& meaning : command->meanings) {
+      char line[200];
+      std::snprintf(line, sizeof line, "      %-4d %s\n", meaning.code, meaning.text);
+      text += line;
+    }
+  }
+  return text;
+}
+
+int usageFailure(const std::string& command, const std::string& text) {
+  std::fprintf(stderr, "qorctl %s: %s (try qorctl --help)\n", command.c_str(), text.c_str());
+  return kExitUsage;
+}
+
+// Asks qorhost for `target` and reads its JSON. On failure the reason is on
+// standard error and `exitCode` holds what qorctl is to exit with; a 404 is
+// handed back to the caller, which knows what is missing.
+bool ask(const std::string& socket, const std::string& command, bool post, const std::string& target,
+         int& status, Json& body, int& exitCode) {
+  exitCode = kExitUnreachable;
+  const std::string path = qorctlhttp::socketPath(socket);
+  if (path.empty()) {
+    std::fprintf(stderr, "qorctl %s: no socket to ask: set QOR_IP_DIR or give --socket PATH\n",
+                 command.c_str());
+    return false;
+  }
+  qorctlhttp::Client client(path);
+  qorctlhttp::Reply reply;
+  if (!(post ? client.post(target, reply) : client.get(target, reply))) {
+    std::fprintf(stderr, "%s\n", client.error().c_str());
+    return false;
+  }
+  status = reply.status;
+  body = Json::parse(reply.body, nullptr, false);
+  if (body.is_discarded() || !body.is_object()) {
+    std::fprintf(stderr,
+                 "qorctl %s: qorhost answered %d with no JSON object: is %s qorhost's control socket?\n",
+                 command.c_str(), reply.status, path.c_str());
+    return false;
+  }
+  if (status != 200 && status != 404) {
+    const auto error = body.find("error");
+    std::fprintf(
+        stderr, "qorctl %s: qorhost refused the request (%d): %s\n", command.c_str(), status,
+        error != body.end() && error->is_string() ? error->get<std::string>().c_str() : "no reason given");
+    return false;
+  }
+  return true;
+}
+
+std::string dumped(const Json& json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+// The words of a NAME typed without quotes, joined by one blank.
+std::string joined(const std::vector<std::string>& words) {
+  std::string name;
+  for (const std::string& word : words) name += (name.empty() ? "" : " ") + word;
+  return name;
+}
+
+bool colourWanted() { return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr; }
+
+int status(const std::string& socket, const std::vector<std::string>& args) {
+  bool json = false;
+  bool options = true;
+  std::vector<std::string> names;
+  for (const std::string& arg : args) {
+    if (options && arg == "--") {
+      options = false;
+    } else if (options && arg == "--json") {
+      json = true;
+    } else if (options && arg.size() > 1 && arg[0] == '-') {
+      return usageFailure("status", "unknown option '" + arg + "'");
+    } else {
+      names.push_back(arg);
+    }
+  }
+  int code = 0;
+  Json body;
+  int exitCode = 0;
+  if (!ask(socket, "status", false, "/v1/agents", code, body, exitCode)) return exitCode;
+  const auto agents = body.find("agents");
+  if (code != 200 || agents == body.end() || !agents->is_array()) {
+    std::fprintf(stderr, "qorctl status: qorhost's answer holds no list of agents\n");
+    return kExitUnreachable;
+  }
+  Json shown = Json::array();
+  bool unknown = false;
+  if (names.empty()) shown = *agents;
+  for (const std::string& name : names) {
+    bool found = false;
+    for (const Json& agent : *agents) {
+      if (!agent.is_object() || agent.value("name", Json()) != Json(name)) continue;
+      shown.push_back(agent);
+      found = true;
+    }
+    if (!found) std::fprintf(stderr, "qorctl status: qorhost knows no agent named '%s'\n", name.c_str());
+    unknown = unknown || !found;
+  }
+  if (json) {
+    Json out;
+    out["agents"] = shown;
+    std::printf("%s\n", dumped(out).c_str());
+  } else {
+    for (const std::string& line : qorfmt::statusLines(shown, colourWanted()))
+      std::printf("%s\n", line.c_str());
+  }
+  std::fflush(stdout);
+  return unknown ? kExitNotRunning : qorfmt::statusExitCode(shown);
+}
+
+int show(const std::string& socket, const std::vector<std::string>& args) {
+  if (args.empty()) return usageFailure("show", "no NAME given");
+  const std::string name = joined(args);
+  int code = 0;
+  Json agent;
+  int exitCode = 0;
+  if (!ask(socket, "show", false, "/v1/agents/" + qorfmt::pathSegment(name), code, agent, exitCode)) {
+    return exitCode;
+  }
+  if (code == 404) {
+    std::fprintf(stderr, "qorctl show: qorhost knows no agent named '%s'\n", name.c_str());
+    return kExitNotRunning;
+  }
+  for (const std::string& line : qorfmt::showLines(agent)) std::printf("%s\n", line.c_str());
+  std::fflush(stdout);
+  return 0;
+}
+
+int agentCommand(const std::string& socket, const std::string& word, const std::vector<std::string>& args) {
+  if (args.empty()) return usageFailure(word, "no NAME given");
+  const std::string name = joined(args);
+  int code = 0;
+  Json reply;
+  int exitCode = 0;
+  const std::string target = "/v1/agents/" + qorfmt::pathSegment(name) + "/" + word;
+  if (!ask(socket, word, true, target, code, reply, exitCode)) return exitCode;
+  if (code != 200) {
+    std::fprintf(stderr, "qorctl %s: qorhost does not take the command (404)\n", word.c_str());
+    return kExitUnreachable;
+  }
+  std::printf("%s\n", qorfmt::commandLine(reply).c_str());
+  std::fflush(stdout);
+  const auto result = reply.find("code");
+  return result != reply.end() && result->is_number_integer() && result->get<long long>() == 0 ? 0 : 1;
+}
+
+// Prints the events of one answer; the newest seq it holds, or -1 when the
+// answer is not a list of events.
+long long printEvents(const Json& body) {
+  const auto events = body.find("events");
+  const auto last = body.find("last");
+  if (events == body.end() || !events->is_array() || last == body.end() || !last->is_number_integer())
+    return -1;
+  for (const Json& event : *events) std::printf("%s\n", qorfmt::eventLine(event).c_str());
+  std::fflush(stdout);
+  return last->get<long long>();
+}
+
+int events(const std::string& socket, const std::vector<std::string>& args) {
+  bool follow = false;
+  for (const std::string& arg : args) {
+    if (arg != "-f" && arg != "--follow") return usageFailure("events", "unknown argument '" + arg + "'");
+    follow = true;
+  }
+  long long last = 0;
+  for (;;) {
+    int code = 0;
+    Json body;
+    int exitCode = 0;
+    if (!ask(socket, "events", false, "/v1/events?since=" + std::to_string(last), code, body, exitCode)) {
+      return exitCode;
+    }
+    const long long newest = code == 200 ? printEvents(body) : -1;
+    if (newest < 0) {
+      std::fprintf(stderr, "qorctl events: qorhost's answer holds no list of events\n");
+      return kExitUnreachable;
+    }
+    // A newest seq below the one followed means qorhost started again and
+    // counts from 1: everything it holds is new.
+    last = newest < last ? 0 : newest;
+    if (!follow) return 0;
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
+}
+
+// Takes --socket PATH and --socket=PATH out of the arguments, wherever they
+// stand before a "--"; false with a message when PATH is missing.
+bool takeSocketOption(std::vector<std::string>& args, std::string& socket) {
+  for (size_t i = 0; i < args.size();) {
+    if (args[i] == "--") break;
+    if (args[i] == "--socket") {
+      if (i + 1 >= args.size()) {
+        std::fprintf(stderr, "qorctl: --socket needs a PATH (try qorctl --help)\n");
+        return false;
+      }
+      socket = args[i + 1];
+      args.erase(args.begin() + i, args.begin() + i + 2);
+    } else if (args[i].compare(0, 9, "--socket=") == 0) {
+      socket = args[i].substr(9);
+      args.erase(args.begin() + i);
+    } else {
+      ++i;
+    }
+  }
+  return true;
+}
+
 std::string usage() {
   std::string text = kUsage;
+  const size_t codes = text.find("%c");
+  text.replace(codes, 2, agentCodesHelp());
   const size_t slot = text.find("%s");
   return text.replace(slot, 2, notifyMeaningsHelp());
+}
+
+// validate and notify read the arguments as they always have: the program's
+// name, the command, then its arguments.
+int runClassic(int (*command)(int, char**), const char* program, std::vector<std::string>& args) {
+  std::vector<char*> argv;
+  argv.push_back(const_cast<char*>(program));
+  for (std::string& arg : args) argv.push_back(&arg[0]);
+  argv.push_back(nullptr);
+  return command(static_cast<int>(argv.size()) - 1, argv.data());
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2 || std::strcmp(argv[1], "help") == 0 || std::strcmp(argv[1], "--help") == 0 ||
-      std::strcmp(argv[1], "-h") == 0) {
-    std::fputs(usage().c_str(), argc < 2 ? stderr : stdout);
-    return argc < 2 ? 2 : 0;
+  std::vector<std::string> args(argv + 1, argv + argc);
+  std::string socket;
+  if (!takeSocketOption(args, socket)) return kExitUsage;
+  const std::string command = args.empty() ? std::string() : args[0];
+  if (args.empty() || command == "help" || command == "--help" || command == "-h") {
+    std::fputs(usage().c_str(), args.empty() ? stderr : stdout);
+    return args.empty() ? kExitUsage : 0;
   }
-  if (std::strcmp(argv[1], "validate") == 0) return validate(argc, argv);
-  if (std::strcmp(argv[1], "notify") == 0) return notify(argc, argv);
-  std::fprintf(stderr, "qorctl: unknown command '%s' (try qorctl --help)\n", argv[1]);
-  return 2;
+  if (command == "validate") return runClassic(validate, argv[0], args);
+  if (command == "notify") return runClassic(notify, argv[0], args);
+  const std::vector<std::string> rest(args.begin() + 1, args.end());
+  if (command == "status") return status(socket, rest);
+  if (command == "show") return show(socket, rest);
+  if (command == "events") return events(socket, rest);
+  if (isAgentCommand(command)) return agentCommand(socket, command, rest);
+  std::fprintf(stderr, "qorctl: unknown command '%s' (try qorctl --help)\n", command.c_str());
+  return kExitUsage;
 }

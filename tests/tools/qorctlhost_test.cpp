@@ -135,6 +135,20 @@ TEST_F(QorctlHost, StatusShowsEachAgentOnAnAlignedLineAndExitsZeroWhenAllRun) {
   EXPECT_LE(hostAge, (qortest::nowMs() - started) / 1000 + 2);
 }
 
+// script(1) gives qorctl a terminal as its standard output.
+TEST_F(QorctlHost, OnATerminalTheStateIsColouredUnlessNoColorIsSet) {
+  if (access("/usr/bin/script", X_OK) != 0) GTEST_SKIP() << "script(1) is not installed";
+  startSleeper();
+  const std::string command = qorctlPath() + " status 'qorhost OS agent' --socket " + socketPath();
+  qortest::RunResult coloured = qortest::runProgram({"/usr/bin/script", "-qec", command, "/dev/null"});
+  EXPECT_EQ(0, coloured.exitCode);
+  EXPECT_EQ(0u, coloured.out.find("qorhost OS agent  \033[32mrunning\033[0m  pid ")) << coloured.out;
+  qortest::RunResult plain =
+      qortest::runProgram({"/usr/bin/script", "-qec", command, "/dev/null"}, {"NO_COLOR=1"});
+  EXPECT_EQ(0u, plain.out.find("qorhost OS agent  running  pid ")) << plain.out;
+  EXPECT_EQ(std::string::npos, plain.out.find('\033'));
+}
+
 TEST_F(QorctlHost, StatusFindsTheSocketByQorIpDirAndSocketMayStandAnywhere) {
   startSleeper();
   qortest::RunResult byDir = qorctl({"status", kSleeper}, {"QOR_IP_DIR=" + dir.file("ip")});
@@ -429,8 +443,9 @@ TEST_F(QorctlHost, AnotherUserIsToldToRunAsTheServicesUserOrGroup) {
   struct stat status;
   ASSERT_EQ(0, stat(socketPath().c_str(), &status));
   EXPECT_EQ(0770u, status.st_mode & 0777);
-  qortest::RunResult run = qortest::runProgram({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                                                qorctlPath(), "status", "--socket", socketPath()});
+  qortest::RunResult run =
+      qortest::runProgram({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                           qorctlPath(), "status", "--socket", socketPath()});
   EXPECT_EQ(4, run.exitCode) << run.err;
   EXPECT_EQ("qorctl: permission denied on " + socketPath() +
                 ": run qorctl as the service's user or a member of its group\n",

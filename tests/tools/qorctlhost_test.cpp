@@ -52,12 +52,12 @@ class QorctlHost : public ::testing::Test {
     const std::string examples = qortest::sourceDir() + "/examples";
     qortest::writeFile(dir.file("cap/sleeper.xml"), replaced(qortest::readFile(examples + "/cap/sleeper.xml"),
                                                              "/tmp/qor-examples", dir.file("run")));
-    // qorhost is the OS agent, told by its executable: the one built here.
-    char* host = realpath((qortest::binaryDir() + "/tools/qorhost").c_str(), nullptr);
-    qortest::writeFile(dir.file("cap/qorhost.xml"),
-                       replaced(qortest::readFile(examples + "/cap/qorhost.xml"), "/usr/local/bin/qorhost",
-                                host != nullptr ? host : "?"));
-    std::free(host);
+    // qorhost is the OS agent, told by its executable: a copy of its own, so
+    // that the qorhosts of tests that run at the same time are not taken for
+    // this one.
+    proctest::copyProgram(qortest::binaryDir() + "/tools/qorhost", dir.file("qorhost"));
+    qortest::writeFile(dir.file("cap/qorhost.xml"), replaced(qortest::readFile(examples + "/cap/qorhost.xml"),
+                                                             "/usr/local/bin/qorhost", dir.file("qorhost")));
   }
 
   ~QorctlHost() override {
@@ -79,7 +79,7 @@ class QorctlHost : public ::testing::Test {
 
   void startHost() {
     host.reset(new qortest::Child(
-        {qortest::binaryDir() + "/tools/qorhost", "--cap-dir", dir.file("cap"), "--ip-dir", dir.file("ip")},
+        {dir.file("qorhost"), "--cap-dir", dir.file("cap"), "--ip-dir", dir.file("ip")},
         {"QOR_EXAMPLES=" + qortest::sourceDir() + "/examples", "QOR_EXAMPLES_RUN=" + dir.file("run")},
         qortest::Child::Input::Pipe));
     started = qortest::nowMs();

@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -66,7 +67,7 @@ class QorctlHost : public ::testing::Test {
       host->wait(10000);
     }
     // The programs the example script started outlive qorhost.
-    runScript("stop", "qor-sleeper");
+    for (const char* program : {"qor-sleeper", "qor-watched", "qor-pattern"}) runScript("stop", program);
   }
 
   qortest::RunResult runScript(const std::string& action, const std::string& program) {
@@ -133,6 +134,41 @@ TEST_F(QorctlHost, StatusShowsEachAgentOnAnAlignedLineAndExitsZeroWhenAllRun) {
   const long long hostAge = std::stoll(match[6]) * 3600 + std::stoll(match[7]) * 60 + std::stoll(match[8]);
   EXPECT_GE(hostAge, 1);
   EXPECT_LE(hostAge, (qortest::nowMs() - started) / 1000 + 2);
+}
+
+// The demo's agents but the multi-instance one, which needs the example
+// suite's tool: each started at its first check, each on its line.
+TEST_F(QorctlHost, StatusShowsTheExampleAgentsOfTheDemoAllRunning) {
+  const std::string examples = qortest::sourceDir() + "/examples";
+  for (const char* name : {"watched", "pattern"}) {
+    proctest::copyProgram("/bin/sleep", dir.file(std::string("run/bin/qor-") + name));
+    qortest::writeFile(dir.file(std::string("cap/") + name + ".xml"),
+                       replaced(qortest::readFile(examples + "/cap/" + name + ".xml"), "/tmp/qor-examples",
+                                dir.file("run")));
+  }
+  startHost();
+  qortest::RunResult run;
+  EXPECT_TRUE(qortest::waitFor(
+      [&] {
+        run = ctl({"status"});
+        return run.exitCode == 0;
+      },
+      20000))
+      << run.out;
+  const std::regex lines(
+      "(Example sleeper|Example watched program|Example pattern|qorhost OS agent) +running  pid [0-9]+, "
+      "uptime "
+      "\\d\\d:\\d\\d:\\d\\d, restarts 0/[235]\n");
+  std::vector<std::string> names;
+  for (std::sregex_iterator it(run.out.begin(), run.out.end(), lines), end; it != end; ++it) {
+    names.push_back((*it)[1]);
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(std::vector<std::string>(
+                {"Example pattern", "Example sleeper", "Example watched program", "qorhost OS agent"}),
+            names)
+      << run.out;
+  EXPECT_EQ(4, qortest::countOccurrences(run.out, "\n"));
 }
 
 // script(1) gives qorctl a terminal as its standard output.

@@ -22,6 +22,7 @@
 
 #include "qorapi.h"
 #include "qorcommands.h"
+#include "qorpage.h"
 #include "qorview.h"
 
 namespace qorcontrol {
@@ -229,6 +230,8 @@ void routeRequest(const Context& c, const httplib::Request& req, httplib::Respon
   if (!get && !post) return methodNotAllowed(res, c.commands ? "GET, POST" : "GET");
   const std::string& path = req.path;
   static const std::string kAgent = "/v1/agents/";
+  if (path == "/")
+    return get ? res.set_content(qorpage::html(), qorpage::kContentType) : methodNotAllowed(res, "GET");
   if (path == "/v1/agents") return get ? listAgents(c.service, res) : methodNotAllowed(res, "GET");
   if (path.compare(0, kAgent.size(), kAgent) == 0)
     return agentRoute(c, path.substr(kAgent.size()), post, res);

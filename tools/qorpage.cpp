@@ -36,9 +36,9 @@ td.num, td.last-check, td.commands { white-space: nowrap; }
 .state-down, .state-not_found { background: #f7c6c6; color: #8a0b0b; }
 .state-starting, .state-stopping { background: #fde2a8; color: #7a4a00; }
 .state-stopped, .state-unknown, .state-not_configured { background: #e0e0e0; color: #444; }
-.gave-up { color: #8a0b0b; font-weight: bold; margin-left: .4em; }
+.gave-up { color: #8a0b0b; font-weight: bold; }
 tr.alert td { background: #fff0f0; }
-.mark { color: #8a0b0b; font-weight: bold; margin-right: .4em; }
+.mark { color: #8a0b0b; font-weight: bold; }
 #connection { padding: .5em .8em; margin: .5em 0; border: 1px solid #c00; background: #fee; color: #800; }
 #connection[hidden] { display: none; }
 #result { min-height: 1.4em; margin: .6em 0; font-family: monospace; }
@@ -187,7 +187,10 @@ button { margin: 0 .1em; }
     cells[2].textContent = typeof agent.pid === "number" && agent.pid > 0 ? String(agent.pid) : "-";
     cells[3].textContent = uptimeText(agent.uptime_seconds);
     cells[4].textContent = agent.restarts_today + " / " + agent.max_restarts;
-    if (agent.gave_up) cells[4].appendChild(textNode("span", "GAVE UP", "gave-up"));
+    if (agent.gave_up) {
+      cells[4].appendChild(document.createTextNode(" "));
+      cells[4].appendChild(textNode("span", "GAVE UP", "gave-up"));
+    }
     cells[5].textContent = localTime(agent.last_check);
   }
 
@@ -232,7 +235,7 @@ button { margin: 0 .1em; }
       row.appendChild(textNode("td", event.agent));
       var text = textNode("td", "");
       if (event.alert) text.appendChild(textNode("span", "ALERT", "mark"));
-      text.appendChild(document.createTextNode(String(event.text)));
+      text.appendChild(document.createTextNode((event.alert ? " " : "") + String(event.text)));
       row.appendChild(text);
       body.appendChild(row);
     }

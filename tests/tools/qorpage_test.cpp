@@ -67,7 +67,7 @@ TEST(StatusPage, PutsTheServicesTextsIntoThePageAsTextOnly) {
        {"innerHTML", "outerHTML", "insertAdjacentHTML", "document.write", "eval(", "new Function"})
     EXPECT_FALSE(holds(markup)) << markup;
   EXPECT_TRUE(holds(".textContent ="));
-  EXPECT_TRUE(holds("document.createTextNode(String(event.text))"));
+  EXPECT_TRUE(holds("document.createTextNode((event.alert ? \" \" : \"\") + String(event.text))"));
 }
 
 }  // namespace

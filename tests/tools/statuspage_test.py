@@ -122,6 +122,35 @@ def agent(socket_path, name):
     return None
 
 
+def api_events(socket_path):
+    status, _, body = request(socket_path, "GET", "/v1/events")
+    check(status == 200, "GET /v1/events answered %d: %r" % (status, body))
+    return json.loads(body)["events"]
+
+
+def shown_events(driver):
+    """The rendered events: (data-seq, row class, event cell) per row, top first."""
+    from selenium.webdriver.common.by import By
+
+    return [(int(row.get_attribute("data-seq")), row.get_attribute("class"),
+             row.find_elements(By.TAG_NAME, "td")[3].text)
+            for row in driver.find_elements(By.CSS_SELECTOR, "#events tbody tr")]
+
+
+def events_match_api(driver, socket_path):
+    """The page's events when they are the API's newest 50, newest first,
+    the alerts marked; else None."""
+    expected = list(reversed(api_events(socket_path)))[:50]
+    shown = shown_events(driver)
+    if [seq for seq, _, _ in shown] != [e["seq"] for e in expected]:
+        return None
+    for (seq, row_class, text), event in zip(shown, expected):
+        marked = ("ALERT " + event["text"]) if event["alert"] else event["text"]
+        check(text == marked and (row_class == "alert") == event["alert"],
+              "event %d shown as %r, class %r; the API has %r" % (seq, text, row_class, event))
+    return shown
+
+
 def make_proxy(socket_path):
     """A local HTTP server that passes every request on to the unix socket."""
 
@@ -289,7 +318,7 @@ def browser():
 
 
 def table(driver):
-    """The rendered table: (data-agent, name, state, state class, pid, uptime) per row."""
+    """The rendered table: (data-agent, name, state, state class, pid, uptime, restarts) per row."""
     from selenium.webdriver.common.by import By
 
     rows = []
@@ -297,7 +326,8 @@ def table(driver):
         state = row.find_element(By.CSS_SELECTOR, "td.state")
         rows.append((row.get_attribute("data-agent"), row.find_element(By.CSS_SELECTOR, "td.name").text,
                      state.text, state.get_attribute("class"), row.find_element(By.CSS_SELECTOR, "td.pid").text,
-                     row.find_element(By.CSS_SELECTOR, "td.uptime").text))
+                     row.find_element(By.CSS_SELECTOR, "td.uptime").text,
+                     row.find_element(By.CSS_SELECTOR, "td.restarts").text))
     return rows
 
 
@@ -330,7 +360,7 @@ def check_rendered_table(driver, socket_path):
                     lambda: table_matches_api(driver, socket_path), CHANGE_S)
     names = [row[0] for row in rows]
     check(sorted(names) == sorted([AGENT, HOST_AGENT]), "rows %r" % names)
-    for data_agent, name, state, state_class, _, _ in rows:
+    for data_agent, name, state, state_class, _, _, _ in rows:
         check(data_agent == name, "data-agent %r of the row of %r" % (data_agent, name))
         check(state_class.split() == ["state", "state-" + state], "class %r of state %r" % (state_class, state))
     # The agents' host name when the service knows one, else the host the
@@ -372,19 +402,42 @@ def proxied_socket(driver, host, out_dir):
             lambda: (lambda a: a if a["state"] == "running" and a["pid"] > 0 and a["pid"] != before["pid"] else None)(
                 agent(host.socket, AGENT)),
             CHANGE_S)
-        rows = wait_for("the page to show the new pid",
-                        lambda: [r for r in table(driver) if r[0] == AGENT and r[4] == str(after["pid"])], CHANGE_S)
-        check(rows[0][2] == "running", "state after the recycle: %r" % (rows,))
+        rows = wait_for("the page to show the agent running with the new pid",
+                        lambda: [r for r in table(driver)
+                                 if r[0] == AGENT and r[4] == str(after["pid"]) and r[2] == "running"],
+                        CHANGE_S)
         # A process started moments ago: seconds, or a minute and seconds
         # on a slow sanitizer build.
         check(after["uptime_seconds"] is not None and 0 <= after["uptime_seconds"] < 120,
               "uptime of the new process: %r" % after["uptime_seconds"])
         check(re.fullmatch(r"[0-9]+s|1m [0-9]+s", rows[0][5]), "uptime shown: %r" % rows[0][5])
-        driver.save_screenshot(os.path.join(out_dir, "statuspage-recycled.png"))
         print("proxied socket: recycle accepted, pid %d -> %d" % (before["pid"], after["pid"]))
+        killed_by_hand(driver, host, after)
+        driver.save_screenshot(os.path.join(out_dir, "statuspage-recycled.png"))
     finally:
         proxy.shutdown()
         proxy.server_close()
+
+
+def killed_by_hand(driver, host, running):
+    """A kill of the agent's process: the alert of its abnormal end is marked
+    among the events, and the restart counts on the page as in the API."""
+    os.kill(running["pid"], signal.SIGKILL)
+    restarted = wait_for(
+        "the service to restart the killed agent",
+        lambda: (lambda a: a if a["state"] == "running" and a["pid"] not in (0, running["pid"])
+                 and a["restarts_today"] == 1 else None)(agent(host.socket, AGENT)),
+        CHANGE_S)
+    alerts = [e for e in api_events(host.socket) if e["alert"] and e["agent"] == AGENT]
+    check(alerts, "no alert for %s among %r" % (AGENT, api_events(host.socket)))
+    shown = wait_for("the page's events to be the API's, newest first",
+                     lambda: events_match_api(driver, host.socket), CHANGE_S)
+    check(any(seq == alerts[-1]["seq"] and row_class == "alert" for seq, row_class, _ in shown),
+          "alert %r not marked in %r" % (alerts[-1], shown))
+    wait_for("the page to show the restart",
+             lambda: [r for r in table(driver) if r[0] == AGENT and r[4] == str(restarted["pid"])
+                      and r[2] == "running" and r[6] == "1 / 3"], CHANGE_S)
+    print("killed by hand: alert %r marked, restarted as pid %d" % (alerts[-1]["text"], restarted["pid"]))
 
 
 def main():

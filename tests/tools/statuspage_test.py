@@ -440,6 +440,22 @@ def killed_by_hand(driver, host, running):
     print("killed by hand: alert %r marked, restarted as pid %d" % (alerts[-1]["text"], restarted["pid"]))
 
 
+def gone(driver, host, address):
+    """qorhost stopped under an open page: the page says it cannot be reached."""
+    from selenium.webdriver.common.by import By
+
+    driver.get("http://%s/" % address)
+    check_rendered_table(driver, host.socket)
+    check(not driver.find_element(By.ID, "connection").is_displayed(), "a problem shown while qorhost runs")
+    status = host.stop()
+    check(status == 0, "qorhost ended with %r after SIGTERM" % status)
+    message = "qorhost cannot be reached at %s: is it running? The page tries again every 2 seconds." % address
+    wait_for("the page to say that qorhost cannot be reached",
+             lambda: driver.find_element(By.ID, "connection").is_displayed()
+             and text_of(driver, "connection") == message, CHANGE_S)
+    print("qorhost stopped: " + message)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--qorhost", required=True)
@@ -464,10 +480,7 @@ def main():
         driver = browser()
         read_only_listener(driver, host, address, args.out)
         proxied_socket(driver, host, args.out)
-        driver.quit()
-        driver = None
-        status = host.stop()
-        check(status == 0, "qorhost ended with %r after SIGTERM" % status)
+        gone(driver, host, address)
         print("passed")
         return 0
     except Exception as failure:

@@ -237,8 +237,7 @@ void routeRequest(const Context& c, const httplib::Request& req, httplib::Respon
     return agentRoute(c, path.substr(kAgent.size()), post, res);
   if (path == "/v1/events") return get ? listEvents(c.ring, req, res) : methodNotAllowed(res, "GET");
   if (path == "/metrics") return get ? metrics(c.service, c.ring, res) : methodNotAllowed(res, "GET");
-  // Each route is one line above; "/" is answered by the 404 below until a
-  // status page is served there.
+  // Each route is one line above.
   fail(res, 404, "nothing is served at " + path);
 }
 

@@ -278,7 +278,7 @@ TEST_F(ControlHost, WrongMethodsPathsAndCommandWordsGet405And404) {
       {"POST", "/v1/agents/Controlled%20program/disarm", 404,
        "no command named disarm; one of stop, start, recycle, reset, manage, unmanage"},
       {"GET", "/v2/agents", 404, "nothing is served at /v2/agents"},
-      {"GET", "/", 404, "nothing is served at /"},
+      {"GET", "/index.html", 404, "nothing is served at /index.html"},
       {"GET", "/v1/events?since=abc", 400,
        "since must be a whole number: the seq of the last event already seen"},
       {"GET", "/v1/events?since=-1", 400,

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "support/qortest.h"
+#include "tools/controlhost.h"
 #include "watchdog/proctest.h"
 
 namespace {
@@ -271,60 +272,7 @@ TEST_F(QorctlHost, ShowPrintsEveryKeyOfTheAgentInTheApisOrder) {
   startSleeper();
   qortest::RunResult run = ctl({"show", "Example", "sleeper"});
   EXPECT_EQ(0, run.exitCode) << run.err;
-  const std::vector<std::string> keys = {"name",
-                                         "subagent_id",
-                                         "agent_type",
-                                         "process_name",
-                                         "instance_process_name",
-                                         "path",
-                                         "manage_type",
-                                         "managed",
-                                         "managed_code",
-                                         "state",
-                                         "state_code",
-                                         "start_script",
-                                         "stop_script",
-                                         "config_script",
-                                         "status_script",
-                                         "check_frequency",
-                                         "max_restarts",
-                                         "restarts_today",
-                                         "gave_up",
-                                         "health_port",
-                                         "os_type",
-                                         "os_version",
-                                         "os_name",
-                                         "kernel_release",
-                                         "dependencies",
-                                         "memory_threshold_value",
-                                         "memory_threshold_unit",
-                                         "memory_threshold",
-                                         "cpu_threshold",
-                                         "ip_address",
-                                         "host_name",
-                                         "pid",
-                                         "parent_pid",
-                                         "command_line",
-                                         "build_date",
-                                         "build_number",
-                                         "version",
-                                         "user_cpu",
-                                         "system_cpu",
-                                         "cpu_percent",
-                                         "page_faults",
-                                         "threads",
-                                         "handles",
-                                         "service_name",
-                                         "instance_name",
-                                         "working_set_size",
-                                         "resident_bytes",
-                                         "total_memory_size",
-                                         "vm_size",
-                                         "process_user",
-                                         "last_check",
-                                         "cap_file",
-                                         "cap_file_modified",
-                                         "uptime_seconds"};
+  const std::vector<std::string>& keys = controltest::kAgentKeys;
   std::vector<std::string> shownKeys;
   size_t start = 0;
   for (size_t end = run.out.find('\n'); end != std::string::npos;

@@ -1,5 +1,7 @@
 #include "qoreventring.h"
 
+#include <unicode/unistr.h>
+
 #include <utility>
 
 namespace qorring {
@@ -59,27 +61,13 @@ std::map<int, uint64_t> EventRing::counts() const {
 }
 
 std::string utf8(const std::wstring& text) {
+  // A wide character holds a code point; one that is none (a surrogate, or
+  // past U+10FFFF) becomes U+FFFD, so that the JSON is always valid UTF-8.
+  static_assert(sizeof(wchar_t) == sizeof(UChar32), "wide characters are code points");
   std::string out;
-  out.reserve(text.size());
-  for (wchar_t wide : text) {
-    uint32_t c = static_cast<uint32_t>(wide);
-    if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = 0xFFFD;
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
+  icu::UnicodeString::fromUTF32(reinterpret_cast<const UChar32*>(text.data()),
+                                static_cast<int32_t>(text.size()))
+      .toUTF8String(out);
   return out;
 }
 

@@ -100,6 +100,8 @@ TEST(EventRing, WideTextBecomesUtf8WhateverTheLocale) {
   EXPECT_EQ("caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80", qorring::utf8(L"caf\u00E9 \u20AC \U0001F600"));
   // A lone surrogate is no character.
   EXPECT_EQ("a\xEF\xBF\xBD", qorring::utf8(std::wstring(L"a") + static_cast<wchar_t>(0xD800)));
+  // Nor is a number past the last code point.
+  EXPECT_EQ("\xEF\xBF\xBDz", qorring::utf8(std::wstring(1, static_cast<wchar_t>(0x110000)) + L"z"));
 }
 
 TEST(MetricsLabels, BackslashQuoteAndNewlineAreEscaped) {

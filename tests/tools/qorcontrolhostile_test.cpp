@@ -1,11 +1,14 @@
 // Hostile and careless clients of qorhost's control socket: bytes that are no
 // HTTP, a header of 100 KB, a client that sends one byte a second, a thousand
-// connections at once, and names that try to leave their place. Each must
+// connections at once, clients that never read their answers, and names that
+// try to leave their place. Each must
 // end in a 4xx or a dropped connection, with qorhost alive, answering others,
 // and still checking its agents.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <string>
@@ -164,6 +167,46 @@ TEST_F(HostileClients, AThousandConnectionsHeldOpenDelayANewClientBySecondsAndBl
   const long long asked = qortest::nowMs();
   expectServing();
   EXPECT_LT(qortest::nowMs() - asked, 10000);
+  EXPECT_EQ(0, stopHost());
+}
+
+TEST_F(HostileClients, ClientsThatNeverReadTheEventsTheyAskedForDelayNeitherTheListenersNorTheRing) {
+  ASSERT_TRUE(qortest::waitFor([&] { return lastCheck() > 0; }, 15000));
+  // More clients than workers, each asking for the events and the page over
+  // and over without reading a byte: their answers fill the socket's buffer
+  // and each worker that serves them waits in its write until the time-out.
+  std::string pipelined;
+  for (int i = 0; i < 20; ++i) {
+    pipelined += "GET /v1/events?since=0 HTTP/1.1\r\nHost: localhost\r\n\r\n";
+    pipelined += "GET / HTTP/1.1\r\nHost: localhost\r\n\r\n";
+  }
+  std::vector<int> readers;
+  for (int i = 0; i < 24; ++i) {
+    const int fd = controltest::connectUnix(socketPath());
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(static_cast<ssize_t>(pipelined.size()), write(fd, pipelined.data(), pipelined.size()));
+    readers.push_back(fd);
+  }
+  // The listeners hear an agent's death at its next check as ever, and the
+  // ring keeps it for the first client that reads.
+  const long long killed = qortest::nowMs();
+  ASSERT_EQ(0, kill(pid, SIGKILL));
+  const std::string died = "[ 8] Controlled program Operational Event: Agent stopped abnormally.";
+  EXPECT_TRUE(host->waitForOutput(died, 12000)) << host->out();
+  EXPECT_LT(qortest::nowMs() - killed, 8000);
+  bool heard = false;
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        int status = 0;
+        json answer = getJson("/v1/events?since=0", &status);
+        for (const json& event : answer["events"]) {
+          heard = heard || (event["id"] == 8 && event["alert"] == true && event["agent"] == kAgent);
+        }
+        return heard;
+      },
+      20000));
+  for (int fd : readers) close(fd);
+  expectServing();
   EXPECT_EQ(0, stopHost());
 }
 

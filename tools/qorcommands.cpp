@@ -1,5 +1,6 @@
 #include "qorcommands.h"
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -248,6 +249,13 @@ int run(QOR_QueryService& service, const Command& command, const std::string& na
   if (command.call == nullptr) return -1;
   if (!*command.argument) return command.call(service, Target());
   return command.call(service, lookup(service, name));
+}
+
+std::string controlSocketPath(const std::string& given) {
+  if (!given.empty()) return given;
+  const char* ipDir = std::getenv("QOR_IP_DIR");
+  if (ipDir == nullptr || *ipDir == '\0') return std::string();
+  return std::string(ipDir) + "/qorhost.sock";
 }
 
 }  // namespace qorcmd

@@ -81,6 +81,11 @@ std::string help();
 // it recognises by name.
 Target lookup(QOR_QueryService& service, const std::string& name);
 
+// The control socket that qorhost serves these commands on and qorctl sends
+// them to: `given` when not empty, else $QOR_IP_DIR/qorhost.sock; empty when
+// neither is set.
+std::string controlSocketPath(const std::string& given);
+
 // Looks the agent up, for a command that takes a name, and calls the command;
 // the service's result code.
 int run(QOR_QueryService& service, const Command& command, const std::string& name);

@@ -452,7 +452,7 @@ int usageFailure(const std::string& command, const std::string& text) {
 bool ask(const std::string& socket, const std::string& command, bool post, const std::string& target,
          int& status, Json& body, int& exitCode) {
   exitCode = kExitUnreachable;
-  const std::string path = qorctlhttp::socketPath(socket);
+  const std::string path = qorcmd::controlSocketPath(socket);
   if (path.empty()) {
     std::fprintf(stderr, "qorctl %s: no socket to ask: set QOR_IP_DIR or give --socket PATH\n",
                  command.c_str());

@@ -7,13 +7,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 namespace qorctlhttp {
-
-const char kSocketName[] = "qorhost.sock";
 
 namespace {
 
@@ -42,13 +39,6 @@ std::string connectFailure(const std::string& path, int error) {
 }
 
 }  // namespace
-
-std::string socketPath(const std::string& given) {
-  if (!given.empty()) return given;
-  const char* dir = std::getenv("QOR_IP_DIR");
-  if (dir == nullptr || *dir == '\0') return std::string();
-  return std::string(dir) + "/" + kSocketName;
-}
 
 std::string unreachable(const std::string& path) {
   sockaddr_un address{};

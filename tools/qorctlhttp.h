@@ -9,13 +9,6 @@
 
 namespace qorctlhttp {
 
-// The name of the control socket in the service's socket directory.
-extern const char kSocketName[];
-
-// `given` when not empty, else $QOR_IP_DIR/qorhost.sock; empty when neither
-// is set.
-std::string socketPath(const std::string& given);
-
 // Connects to `path` once, as a probe: empty when a connection was made,
 // else one sentence saying why none could be and what to do about it
 // (permission, no socket file, nobody accepting, not a socket, a path too

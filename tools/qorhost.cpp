@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -319,20 +318,11 @@ class CommandReader {
   std::thread thread_;
 };
 
-// The control socket's path: the option's, else $QOR_IP_DIR/qorhost.sock;
-// empty when neither is there.
-std::string controlSocketPath(const std::string& option) {
-  if (!option.empty()) return option;
-  const char* ipDir = std::getenv("QOR_IP_DIR");
-  if (ipDir == nullptr || *ipDir == '\0') return std::string();
-  return std::string(ipDir) + "/qorhost.sock";
-}
-
 // Binds the control socket and the TCP address if one is given; false after
 // saying on standard error why qorhost cannot go on.
 bool bindEndpoints(qorcontrol::Endpoint& control, qorcontrol::Endpoint& http, const std::string& socketOption,
                    const std::string& httpAddress) {
-  const std::string path = controlSocketPath(socketOption);
+  const std::string path = qorcmd::controlSocketPath(socketOption);
   std::string error;
   if (path.empty()) {
     std::fputs("qorhost: no control socket, since QOR_IP_DIR is unset and no --control-socket was given\n",

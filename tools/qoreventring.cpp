@@ -6,22 +6,21 @@
 
 namespace qorring {
 
-void EventRing::append(HeardEvent event) {
-  event.seq = ++last_;
-  ++counts_[event.id];
-  events_.push_back(std::move(event));
-  while (events_.size() > capacity_) events_.pop_front();
-}
-
-void EventRing::push(time_t time, int id, const std::string& agent, const std::string& text, bool alert) {
+void EventRing::append(time_t time, int id, const std::string& agent, const std::string& text, bool alert) {
   HeardEvent event;
+  event.seq = ++last_;
   event.time = time;
   event.id = id;
   event.agent = agent;
   event.text = text;
   event.alert = alert;
+  ++counts_[id];
+  events_.push_back(std::move(event));
+  while (events_.size() > capacity_) events_.pop_front();
+}
+void EventRing::push(time_t time, int id, const std::string& agent, const std::string& text, bool alert) {
   std::lock_guard<std::mutex> hold(mutex_);
-  append(std::move(event));
+  append(time, id, agent, text, alert);
 }
 
 void EventRing::markAlert(time_t time, int id, const std::string& agent, const std::string& text) {
@@ -30,19 +29,13 @@ void EventRing::markAlert(time_t time, int id, const std::string& agent, const s
   // first: the alert for an event follows its log entry at once.
   if (!events_.empty()) {
     HeardEvent& newest = events_.back();
-    if (newest.seq == last_ && newest.id == id && newest.time == time && !newest.alert) {
+    if (newest.id == id && newest.time == time && !newest.alert) {
       newest.alert = true;
       if (!agent.empty()) newest.agent = agent;
       return;
     }
   }
-  HeardEvent event;
-  event.time = time;
-  event.id = id;
-  event.agent = agent;
-  event.text = text;
-  event.alert = true;
-  append(std::move(event));
+  append(time, id, agent, text, true);
 }
 
 EventRing::Slice EventRing::since(uint64_t since) const {

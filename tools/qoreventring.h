@@ -49,7 +49,9 @@ class EventRing {
   std::map<int, uint64_t> counts() const;
 
  private:
-  void append(HeardEvent event);
+  // Numbers and keeps a new event, dropping the oldest past the capacity.
+  // Requires: mutex_ held.
+  void append(time_t time, int id, const std::string& agent, const std::string& text, bool alert);
 
   const size_t capacity_;
   mutable std::mutex mutex_;

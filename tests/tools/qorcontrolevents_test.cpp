@@ -24,6 +24,19 @@ std::vector<std::string> eventsOf(const json& answer, const std::string& agent) 
   return lines;
 }
 
+// The metrics text qorhost serves on `socket`.
+std::string metricsOn(const std::string& socket) {
+  return qortest::runProgram({"/usr/bin/curl", "-s", "--unix-socket", socket, "http://localhost/metrics"})
+      .out;
+}
+
+// What `promtool check metrics` says of `metrics`, kept in `file`: its exit
+// status and everything it printed.
+qortest::RunResult promtoolCheck(const std::string& metrics, const std::string& file) {
+  qortest::writeFile(file, metrics);
+  return qortest::runProgram({"/bin/sh", "-c", "promtool check metrics < '" + file + "'"});
+}
+
 }  // namespace
 
 TEST_F(ControlHost, EventsAreNumberedInOrderAndSinceGivesOnlyTheNewerOnes) {
@@ -116,13 +129,9 @@ TEST_F(ControlHost, MetricsPassPromtoolAndGiveTheAgentsFigures) {
   withRunningAgent();
   startHost();
   ASSERT_TRUE(qortest::waitFor([&] { return listed(kAgent)["last_check"].is_number(); }, 15000));
-  const std::string metrics =
-      qortest::runProgram({"/usr/bin/curl", "-s", "--unix-socket", socketPath(), "http://localhost/metrics"})
-          .out;
+  const std::string metrics = metricsOn(socketPath());
   ASSERT_NE(std::string::npos, metrics.find("qor_agent_up{")) << metrics;
-  qortest::writeFile(work.file("metrics.txt"), metrics);
-  qortest::RunResult check =
-      qortest::runProgram({"/bin/sh", "-c", "promtool check metrics < '" + work.file("metrics.txt") + "'"});
+  qortest::RunResult check = promtoolCheck(metrics, work.file("metrics.txt"));
   EXPECT_EQ(0, check.exitCode) << check.out << check.err << metrics;
   EXPECT_EQ("", check.out + check.err);
 
@@ -156,17 +165,13 @@ TEST_F(ControlHost, MetricsOfAnAgentWhoseNameNeedsEscapingStillPassPromtool) {
   pid = programs.start(kProgram);
   writeCap("agent.xml", captest::document(odd));
   startHost();
-  const std::string metrics =
-      qortest::runProgram({"/usr/bin/curl", "-s", "--unix-socket", socketPath(), "http://localhost/metrics"})
-          .out;
+  const std::string metrics = metricsOn(socketPath());
   EXPECT_NE(
       std::string::npos,
       metrics.find("qor_agent_max_restarts{agent=\"Say \\\"hi\\\" \\\\ there\",subagent_id=\"ctl.agent\""))
       << metrics;
   ASSERT_NE(std::string::npos, metrics.find("qor_agent_up{")) << metrics;
-  qortest::writeFile(work.file("metrics.txt"), metrics);
-  qortest::RunResult check =
-      qortest::runProgram({"/bin/sh", "-c", "promtool check metrics < '" + work.file("metrics.txt") + "'"});
+  qortest::RunResult check = promtoolCheck(metrics, work.file("metrics.txt"));
   EXPECT_EQ(0, check.exitCode) << check.out << check.err << metrics;
   EXPECT_EQ("", check.out + check.err);
   EXPECT_EQ(0, stopHost());

@@ -301,7 +301,16 @@ TEST_F(QorctlHost, ShowOfAnUnknownNameExitsThree) {
 
 TEST_F(QorctlHost, EventsListWhatQorhostHeardOldestFirst) {
   startSleeper();
-  qortest::RunResult run = ctl({"events"});
+  // The state is read from the agent at once; its events reach the ring
+  // through the service's message thread, a moment later.
+  qortest::RunResult run;
+  ASSERT_TRUE(qortest::waitFor(
+      [&] {
+        run = ctl({"events"});
+        return !qortest::linesWith(run.out, "  Example sleeper  ").empty();
+      },
+      10000))
+      << run.out << run.err;
   EXPECT_EQ(0, run.exitCode) << run.err;
   const std::vector<std::string> added =
       qortest::linesWith(run.out, "Agent added to system - CAP file found.");

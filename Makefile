@@ -16,7 +16,8 @@ DEMO_DIR      ?= $(CURDIR)/build/demo
 DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libicu-dev \
                  googletest libgtest-dev libgmock-dev libxml2-utils clang \
                  libbenchmark-dev python3 libcpp-httplib-dev nlohmann-json3-dev \
-                 prometheus chromium chromium-driver python3-selenium curl
+                 prometheus chromium chromium-driver python3-selenium curl \
+                 scdoc man-db groff-base
 
 .PHONY: all build build-clang deps test test-sanitize test-tsan fuzz fuzz-run bench bench-micro bench-supervise bench-run demo clean help
 

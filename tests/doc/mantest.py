@@ -10,6 +10,9 @@
   mantest.py example PAGE QORCTL
       the whole example CAP file of PAGE, copied from the rendered page,
       passes `QORCTL validate`.
+  mantest.py environment PAGE SOURCE_DIR
+      every environment variable that the code under SOURCE_DIR reads is
+      named in PAGE.
 
 Exit status 0 on success, 1 on a finding (each one printed), 77 when the page
 was not built because scdoc is missing or man-db is not installed.
@@ -196,6 +199,49 @@ def example(page, qorctl):
     return 0
 
 
+# Where the code reads a variable: by name, or as $NAME in a text that the
+# service expands ("$MARLOWHOME/$ZEL_BINARCH/..."); "$$NODATA" is protocol.
+SOURCE_FOLDERS = ["core", "agents", "cap", "watchdog", "interfaces", "platform", "tools", "include"]
+READ_BY_NAME = re.compile(r'(?:getenv|secure_getenv|QOR_GetEnvironment|QOR_GetEnvironmentAsInt|OSV1_GetEnv|envOr)'
+                          r'\s*\(\s*L?"([A-Za-z_][A-Za-z0-9_]*)"')
+STRING_LITERAL = re.compile(r'"(?:[^"\\\n]|\\.)*"')
+EXPANDED = re.compile(r"(?<!\$)\$([A-Z][A-Z0-9_]*)")
+# Read by libsystemd on the programs' behalf, so never named in our code.
+READ_BY_LIBSYSTEMD = ["NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"]
+
+
+def variables_read(source_dir):
+    found = {name: "libsystemd" for name in READ_BY_LIBSYSTEMD}
+    for folder in SOURCE_FOLDERS:
+        top = os.path.join(source_dir, folder)
+        for name in sorted(os.listdir(top)) if os.path.isdir(top) else []:
+            if not name.endswith((".cpp", ".h")):
+                continue
+            path = os.path.join(top, name)
+            with open(path, encoding="utf-8") as file:
+                code = file.read()
+            where = os.path.join(folder, name)
+            for match in READ_BY_NAME.finditer(code):
+                found.setdefault(match.group(1), where)
+            for literal in STRING_LITERAL.findall(code):
+                for match in EXPANDED.finditer(literal):
+                    found.setdefault(match.group(1), where)
+    return found
+
+
+def environment(page, source_dir):
+    need_page(page)
+    need_man()
+    found = variables_read(source_dir)
+    if "QOR_CAP_DIR" not in found or "QOR_TRACE_LEVEL" not in found:
+        return fail(["the scan of %s missed QOR_CAP_DIR or QOR_TRACE_LEVEL: it is broken" % source_dir])
+    text = rendered_text(page)
+    findings = ["%s, read in %s, is not in %s" % (name, where, page)
+                for name, where in sorted(found.items()) if not contains_token(text, name)]
+    print("checked %d variables: %s" % (len(found), " ".join(sorted(found))))
+    return fail(findings)
+
+
 def main(argv):
     if len(argv) == 3 and argv[1] == "render":
         return render(argv[2])
@@ -203,6 +249,8 @@ def main(argv):
         return options(argv[2], argv[3])
     if len(argv) == 4 and argv[1] == "example":
         return example(argv[2], argv[3])
+    if len(argv) == 4 and argv[1] == "environment":
+        return environment(argv[2], argv[3])
     print(__doc__, file=sys.stderr)
     return 2
 

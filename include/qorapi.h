@@ -170,6 +170,15 @@ class QOR_EXPORT QOR_QueryService {
   int startManagingAgent(std::wstring name);
   int stopManagingAgent(std::wstring name);
 
+  // How long, in milliseconds, the command handler has been applying its
+  // current event: 0 while it waits for one, -1 when the service is not
+  // started. Every command, scheduled check and state change is applied on
+  // that one thread, so a host's liveness probe (a service manager's
+  // watchdog, say) can tell a hung service by a figure that only grows. A
+  // check whose status script is slow legitimately keeps it busy for up to
+  // the script's time-out.
+  long getCommandHandlerBusyMs();
+
   // The listener the service gives its message queue; not for the host.
   static void ProcessEvent(Event* event);
 

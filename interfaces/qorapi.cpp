@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "cap/qorconv.h"
+#include "core/qorcmdhand.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
 #include "core/qorlock.h"
@@ -162,7 +163,8 @@ int QOR_QueryService::stopAgent(std::wstring name, std::wstring process, int pid
   return Controller::getController()->stopAgent(name, process, pid);
 }
 
-int QOR_QueryService::startAgent(std::wstring name, bool resetCount, std::wstring process, std::wstring instance) {
+int QOR_QueryService::startAgent(std::wstring name, bool resetCount, std::wstring process,
+                                 std::wstring instance) {
   if (!m_bIsStarted) return -1;
   return Controller::getController()->startAgent(name, resetCount, process, instance);
 }
@@ -185,6 +187,11 @@ int QOR_QueryService::startManagingAgent(std::wstring name) {
 int QOR_QueryService::stopManagingAgent(std::wstring name) {
   if (!m_bIsStarted) return -1;
   return Controller::getController()->stopManage(name);
+}
+
+long QOR_QueryService::getCommandHandlerBusyMs() {
+  if (!m_bIsStarted) return -1;
+  return static_cast<long>(Controller::getController()->getCommandHandler()->busyMilliseconds());
 }
 
 void DisarmWatchdog(int /*ignored*/) { Controller::getController()->disarm(false); }

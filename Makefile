@@ -17,7 +17,8 @@ DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libi
                  googletest libgtest-dev libgmock-dev libxml2-utils clang \
                  libbenchmark-dev python3 libcpp-httplib-dev nlohmann-json3-dev \
                  prometheus chromium chromium-driver python3-selenium curl \
-                 scdoc man-db groff-base
+                 scdoc man-db groff-base \
+                 libsystemd-dev systemd
 
 .PHONY: all build build-clang deps test test-sanitize test-tsan fuzz fuzz-run bench bench-micro bench-supervise bench-run demo clean help
 

@@ -21,6 +21,7 @@
 #include "qorcommands.h"
 #include "qorcontrol.h"
 #include "qoreventring.h"
+#include "qornotify.h"
 #include "qortoolopts.h"
 
 namespace {
@@ -157,9 +158,10 @@ const char* operatingText(int state) {
 // The listing is one block on standard output: the lock of the stream keeps
 // the lines of events and of command answers, which other threads print, out
 // of it.
-void listAgents(QOR_QueryService* service) {
+// Returns the number of agents listed.
+int listAgents(QOR_QueryService* service) {
   QOR_AgentIterator* agents = service->getAgentIterator(true);
-  if (agents == nullptr) return;
+  if (agents == nullptr) return 0;
   flockfile(stdout);
   int count = 0;
   while (agents->getNextAgentEntry()) {
@@ -174,6 +176,7 @@ void listAgents(QOR_QueryService* service) {
   std::fflush(stdout);
   funlockfile(stdout);
   service->releaseAgentIterator(agents);
+  return count;
 }
 
 // The CAP format's managerType WatchDog, as getManageType numbers it. In
@@ -371,6 +374,8 @@ int main(int argc, char** argv) {
 
   std::printf("qorhost: CAP directories: %s\n", qortool::envOr("QOR_CAP_DIR", "(unset: ./CAP)"));
   std::printf("qorhost: socket directory: %s\n", qortool::envOr("QOR_IP_DIR", "(unset)"));
+  // Read while this is the only thread, since it changes the environment.
+  const unsigned long long watchdogUs = qornotify::takeWatchdogPeriodUs();
 
   // The endpoints are bound before the service starts, so that a second
   // qorhost on the same socket stops before its service exists.
@@ -396,17 +401,24 @@ int main(int argc, char** argv) {
   http.start(*service);
   std::printf("qorhost: service started; press Ctrl-C to stop\n");
   std::fflush(stdout);
-  listAgents(service);
-  if (!osAgentManaged(service)) std::fputs(kNoOSAgent, stderr);
+  const int agents = listAgents(service);
+  const bool armed = osAgentManaged(service);
+  if (!armed) std::fputs(kNoOSAgent, stderr);
+  qornotify::ready("supervising " + std::to_string(agents) + " agent" + (agents == 1 ? "" : "s") +
+                   (armed ? "" : "; no managed OS agent CAP file, so nothing is restarted"));
+  qornotify::WatchdogPinger pinger(service, watchdogUs);
 
   int received = 0;
   {
     CommandReader reader(service);
     while (sigwait(&stopSignals, &received) == 0 && received == SIGUSR1) listAgents(service);
+    qornotify::stopping();
     std::printf("qorhost: %s received, stopping\n", received == SIGINT ? "SIGINT" : "SIGTERM");
     std::fflush(stdout);
     // The reader is joined here, so that no command reaches a service being released.
   }
+  // So is the pinger: its thread asks the service.
+  pinger.stop();
   // So are the endpoints' workers; the socket file goes with them.
   http.stop();
   control.stop();

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "qorapi.h"
+#include "qornotify.h"
 #include "qortoolopts.h"
 
 namespace {
@@ -44,9 +45,18 @@ int main(int argc, char** argv) {
     case qortool::ParseResult::Run:
       break;
   }
+  // Read while this is the only thread, since it changes the environment.
+  const unsigned long long watchdogUs = qornotify::takeWatchdogPeriodUs();
   QOR_QueryService* service = QOR_QueryService::initWatchdogService();
   service->startQueryService();
-  WatchdogMain();
+  qornotify::ready("watching the OS agent");
+  {
+    qornotify::WatchdogPinger pinger(service, watchdogUs);
+    // Returns within a second of the stop signal, which its own handler
+    // takes: the stop is known here first.
+    WatchdogMain();
+    qornotify::stopping();
+  }
   service->releaseQueryService(false);
   stop_exit();
   return 0;

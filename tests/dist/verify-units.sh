@@ -1,0 +1,41 @@
+#!/bin/sh
+# systemd-analyze verify on the units as the build configured them, ExecStart
+# naming the programs of the build tree (verify wants them to exist). It must
+# exit 0 and say nothing: a warning, an unknown key or a bad value is a
+# failure. The man pages named by Documentation= are not looked up: they are
+# installed with the package, not in this machine's manual. Skipped (77)
+# without systemd-analyze.
+# Usage: verify-units.sh UNIT_DIR
+set -u
+dir=$1
+command -v systemd-analyze >/dev/null 2>&1 || { echo "systemd-analyze not found: skipped"; exit 77; }
+status=0
+for unit in qorhost.service qorwd.service; do
+  [ -f "$dir/$unit" ] || { echo "missing: $dir/$unit"; status=1; continue; }
+  # The units are named by path; a copy under the unit's own name is not needed.
+  output=$(cd "$dir" && systemd-analyze verify --man=no "./$unit" 2>&1)
+  rc=$?
+  if [ $rc -ne 0 ] || [ -n "$output" ]; then
+    echo "$unit: systemd-analyze verify exited $rc and said:"
+    echo "$output"
+    status=1
+  else
+    echo "$unit: accepted"
+  fi
+  # What the issue asks of each unit, line by line.
+  for line in Type=notify NotifyAccess=main KillMode=process Restart=on-failure RuntimeDirectory=qor \
+              Environment=QOR_CAP_DIR=/etc/qor/cap.d Environment=QOR_IP_DIR=%t/qor Group=qor; do
+    grep -qx "$line" "$dir/$unit" || { echo "$unit: no line '$line'"; status=1; }
+  done
+  grep -q '^WatchdogSec=[1-9]' "$dir/$unit" || { echo "$unit: no WatchdogSec="; status=1; }
+done
+# A unit with a mistake is refused, so that the check above can fail.
+broken=$(mktemp -d)
+trap 'rm -rf "$broken"' EXIT
+sed 's/^Type=notify$/Type=notified/' "$dir/qorhost.service" >"$broken/qorhost.service"
+output=$(cd "$broken" && systemd-analyze verify --man=no ./qorhost.service 2>&1)
+if [ -z "$output" ]; then
+  echo "a unit with Type=notified passed verify in silence: the check proves nothing"
+  status=1
+fi
+exit $status

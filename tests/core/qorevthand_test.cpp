@@ -102,6 +102,40 @@ TEST(EventQueues, CommandHandlerStampsTheTimeBeforeProcessing) {
   commandThread.join();
 }
 
+// An event that holds the command handler until the test lets it go.
+class HoldingEvent : public Event {
+ public:
+  HoldingEvent(std::atomic<bool>* began, std::atomic<bool>* release) : began_(began), release_(release) {}
+  void doCommandProcessing() override {
+    began_->store(true);
+    while (!release_->load()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  std::atomic<bool>* began_;
+  std::atomic<bool>* release_;
+};
+
+TEST(EventQueues, TheBusyTimeIsZeroWhileWaitingGrowsOnAnEventAndGrowsForGoodOnceTheLoopHasEnded) {
+  CommandHandler commands;
+  EXPECT_EQ(0, commands.busyMilliseconds());
+  std::thread commandThread([&] { commands.runHandler(); });
+  std::atomic<bool> began{false};
+  std::atomic<bool> release{false};
+  commands.pushEvent(new HoldingEvent(&began, &release));
+  ASSERT_TRUE(qortest::waitFor([&] { return began.load(); }, 5000));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const long long held = commands.busyMilliseconds();
+  EXPECT_GE(held, 300);
+  EXPECT_LT(held, 5000);
+  release = true;
+  // Back to waiting: 0 again.
+  ASSERT_TRUE(qortest::waitFor([&] { return commands.busyMilliseconds() == 0; }, 5000));
+  commands.requestShutdown();
+  commandThread.join();
+  // A loop that has ended takes no event: it reads as stuck since its end.
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_GE(commands.busyMilliseconds(), 100);
+}
+
 TEST(EventQueues, ShutdownOfAnIdleQueueEndsTheThreadWithoutProcessing) {
   processed.clear();
   CommandHandler commands;

@@ -285,6 +285,16 @@ TEST(QueryService, AStartedServiceAnswersManagementCommandsAndTheEmbedderDisarms
   service->releaseQueryService(false);
 }
 
+TEST(QueryService, TheCommandHandlersBusyTimeIsMinusOneBeforeTheStartAndZeroWhileItWaits) {
+  qortest::TempDir dir;
+  QOR_QueryService* service = initService(dir);
+  EXPECT_EQ(-1, service->getCommandHandlerBusyMs());
+  service->startQueryService();
+  // Nothing to check: the handler soon waits for its queue.
+  EXPECT_TRUE(qortest::waitFor([&] { return service->getCommandHandlerBusyMs() == 0; }, 5000));
+  service->releaseQueryService(false);
+}
+
 TEST(QueryService, CacheLimitIs24HoursUnlessSet) {
   unsetenv("QOR_CACHE_LIMIT");
   EXPECT_EQ(24, QOR_QueryService::getCacheLimit());

@@ -10,7 +10,7 @@ bool lockTraced(pthread_mutex_t* mutex, LOG1_EPB* epb, unsigned flags, int line)
   int rc = pthread_mutex_lock(mutex);
   if (rc == 0) return true;
   if (LOG1_On(flags, QOR_TL_ERROR)) {
-    LOG1_Printf(epb, line, "Error: pthread_mutex_lock failed, rc=%d \n", rc);
+    LOG1_Printf(epb, QOR_TL_ERROR, line, "Error: pthread_mutex_lock failed, rc=%d \n", rc);
   }
   return false;
 }
@@ -19,7 +19,7 @@ bool unlockTraced(pthread_mutex_t* mutex, LOG1_EPB* epb, unsigned flags, int lin
   int rc = pthread_mutex_unlock(mutex);
   if (rc == 0) return true;
   if (LOG1_On(flags, QOR_TL_ERROR)) {
-    LOG1_Printf(epb, line, "Error: pthread_mutex_unlock failed, rc=%d \n", rc);
+    LOG1_Printf(epb, QOR_TL_ERROR, line, "Error: pthread_mutex_unlock failed, rc=%d \n", rc);
   }
   return false;
 }

@@ -1,6 +1,7 @@
 #include "platform/log1.h"
 
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -25,6 +26,21 @@ LOG1_Unit* registryHead QOR_GUARDED_BY(registryMutex) = nullptr;
 QorMutex sinkMutex(QorMutex::kNeverDestroyed);
 FILE* sink QOR_GUARDED_BY(sinkMutex) = nullptr;  // null: standard error
 bool sinkOwned QOR_GUARDED_BY(sinkMutex) = false;
+// The path `sink` was opened from, for a reopen after a log rotation; from
+// strdup, and kept, like the mutex, for threads that trace while the process exits.
+char* sinkPath QOR_GUARDED_BY(sinkMutex) = nullptr;
+
+// Whether standard error is the journal, and whether traces go there: both
+// decided when the sink is opened, read without the lock when a line is
+// formatted. A line formatted while another thread reopens the sink may take
+// the form of the old sink: one line, once, at a reconfiguration.
+std::atomic<bool> stderrIsJournal{false};
+std::atomic<bool> sinkIsJournal{false};
+
+// The priorities of the journal's stream protocol, as sd-daemon(3) names them:
+// SD_ERR for error traces, SD_DEBUG for every other level.
+constexpr int kJournalError = 3;
+constexpr int kJournalDebug = 7;
 
 std::atomic<unsigned> traceMask{QOR_TRACE_DEFAULT_MASK};
 std::atomic<bool> configured{false};
@@ -57,27 +73,38 @@ void bumpGenerations() {
   }
 }
 
+// The prefix of the library's own complaints on standard error.
+const char* complaintPrefix() { return stderrIsJournal.load(std::memory_order_acquire) ? "<3>" : ""; }
+
 void openSink(const char* path) {
   QorMutexLock lock(&sinkMutex);
   if (sinkOwned && sink != nullptr) fclose(sink);
   sink = nullptr;
   sinkOwned = false;
+  free(sinkPath);
+  sinkPath = nullptr;
   if (path != nullptr && *path != '\0') {
     FILE* file = fopen(path, "a");
     if (file != nullptr) {
       sink = file;
       sinkOwned = true;
+      sinkPath = strdup(path);
     } else {
-      fprintf(stderr, "qor: cannot open trace file %s (%s); tracing to standard error\n", path,
-              strerror(errno));
+      fprintf(stderr, "%sqor: cannot open trace file %s (%s); tracing to standard error\n", complaintPrefix(),
+              path, strerror(errno));
     }
   }
+  // A file is never the journal, even when the journal's stream is standard
+  // error: the decision follows where the lines are written.
+  sinkIsJournal.store(sink == nullptr && stderrIsJournal.load(std::memory_order_acquire),
+                      std::memory_order_release);
 }
 
 void configureFromEnvironment() {
   unsigned mask = QOR_TRACE_DEFAULT_MASK;
   unsigned parsed = 0;
   if (parseMask(getenv("QOR_TRACE_LEVEL"), parsed)) mask = parsed;
+  stderrIsJournal.store(LOG1_IsJournalStream(STDERR_FILENO), std::memory_order_release);
   openSink(getenv("QOR_TRACE_FILE"));
   traceMask.store(mask, std::memory_order_release);
   configured.store(true, std::memory_order_release);
@@ -92,18 +119,41 @@ void ensureConfigured() {
 
 long threadId() { return static_cast<long>(syscall(SYS_gettid)); }
 
-// "2026-11-22 10:11:12.345 [tid] file function:line "
-size_t formatPrefix(char* buffer, size_t size, const LOG1_EPB* epb, int line) {
-  struct timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  struct tm local;
-  localtime_r(&now.tv_sec, &local);
-  char stamp[32];
-  strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-  int written = snprintf(buffer, size, "%s.%03ld [%ld] %s %s:%d ", stamp, now.tv_nsec / 1000000L, threadId(),
-                         epb->unit->fileName, epb->function, line);
+// The priority of a trace line in the journal: errors alone are errors; the
+// story level holds the error bit too, but tells of normal work.
+int journalPriority(unsigned level) { return level == QOR_TL_ERROR ? kJournalError : kJournalDebug; }
+
+// "2026-11-22 10:11:12.345 [tid] file function:line ", or in the journal,
+// which stamps each line itself, "<7>[tid] file function:line ".
+size_t formatPrefix(char* buffer, size_t size, const LOG1_EPB* epb, unsigned level, int line) {
+  int written = 0;
+  if (sinkIsJournal.load(std::memory_order_acquire)) {
+    written = snprintf(buffer, size, "<%d>[%ld] %s %s:%d ", journalPriority(level), threadId(),
+                       epb->unit->fileName, epb->function, line);
+  } else {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    struct tm local;
+    localtime_r(&now.tv_sec, &local);
+    char stamp[32];
+    strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    written = snprintf(buffer, size, "%s.%03ld [%ld] %s %s:%d ", stamp, now.tv_nsec / 1000000L, threadId(),
+                       epb->unit->fileName, epb->function, line);
+  }
   if (written < 0) return 0;
   return static_cast<size_t>(written) < size ? static_cast<size_t>(written) : size - 1;
+}
+
+// A decimal number of at least one digit at `text`, which moves past it.
+bool parseDecimal(const char*& text, unsigned long long& value) {
+  const char* start = text;
+  value = 0;
+  for (; *text >= '0' && *text <= '9'; ++text) {
+    unsigned long long digit = static_cast<unsigned long long>(*text - '0');
+    if (value > (~0ULL - digit) / 10) return false;
+    value = value * 10 + digit;
+  }
+  return text != start;
 }
 
 // Writes one whole line under the sink mutex, with a line end added when the
@@ -164,7 +214,7 @@ unsigned LOG1_Sync(LOG1_EPB* epb) {
 
 void LOG1_Event(LOG1_EPB* epb, int line, int kind, long value) {
   char buffer[512];
-  size_t length = formatPrefix(buffer, sizeof buffer, epb, line != 0 ? line : epb->firstLine);
+  size_t length = formatPrefix(buffer, sizeof buffer, epb, QOR_TL_ENTRY, line != 0 ? line : epb->firstLine);
   int more = 0;
   switch (kind) {
     case LOG1_ENTRY:
@@ -183,9 +233,9 @@ void LOG1_Event(LOG1_EPB* epb, int line, int kind, long value) {
   writeLine(buffer, length);
 }
 
-void LOG1_Printf(LOG1_EPB* epb, int line, const char* format, ...) {
+void LOG1_Printf(LOG1_EPB* epb, unsigned level, int line, const char* format, ...) {
   char prefix[512];
-  size_t prefixLength = formatPrefix(prefix, sizeof prefix, epb, line);
+  size_t prefixLength = formatPrefix(prefix, sizeof prefix, epb, level, line);
 
   va_list args;
   va_start(args, format);
@@ -220,6 +270,36 @@ void LOG1_Reconfigure() {
   // not undo what this call sets.
   pthread_once(&configureOnce, [] {});
   configureFromEnvironment();
+}
+
+bool LOG1_ReopenFile() {
+  ensureConfigured();
+  // Under the sink mutex: a line written meanwhile waits, and then goes whole
+  // to the new file.
+  QorMutexLock lock(&sinkMutex);
+  if (!sinkOwned || sinkPath == nullptr) return false;
+  FILE* file = fopen(sinkPath, "a");
+  if (file == nullptr) {
+    fprintf(stderr, "%sqor: cannot reopen trace file %s (%s); tracing on to the file as it was\n",
+            complaintPrefix(), sinkPath, strerror(errno));
+    return false;
+  }
+  fclose(sink);
+  sink = file;
+  return true;
+}
+
+bool LOG1_IsJournalStream(int fd) {
+  const char* named = getenv("JOURNAL_STREAM");
+  if (named == nullptr || isatty(fd)) return false;
+  unsigned long long device = 0;
+  unsigned long long inode = 0;
+  const char* p = named;
+  if (!parseDecimal(p, device) || *p++ != ':' || !parseDecimal(p, inode) || *p != '\0') return false;
+  struct stat info;
+  if (fstat(fd, &info) != 0) return false;
+  return static_cast<unsigned long long>(info.st_dev) == device &&
+         static_cast<unsigned long long>(info.st_ino) == inode;
 }
 
 std::string LOG1_Narrow(const std::wstring& text) {

@@ -67,8 +67,11 @@ inline unsigned LOG1_Flags(LOG1_EPB* epb) {
 // Entry (kind 0), exit (kind 2) or exit with a return value (kind 1).
 void LOG1_Event(LOG1_EPB* epb, int line, int kind, long value);
 
-// One trace line: timestamp, thread, unit file, function, source line and text.
-void LOG1_Printf(LOG1_EPB* epb, int line, const char* format, ...) __attribute__((format(printf, 3, 4)));
+// One trace line of the trace bits `level`: timestamp, thread, unit file,
+// function, source line and text. Written to the journal, the line carries a
+// priority from its level instead of the timestamp (LOG1_IsJournalStream).
+void LOG1_Printf(LOG1_EPB* epb, unsigned level, int line, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
 
 // The current trace mask, and a change of it while the service runs; a change
 // bumps the generation of every unit, so each function sees it at its next entry.
@@ -79,6 +82,19 @@ void LOG1_SetMask(unsigned mask);
 // library does this by itself on first use; hosts and tests call it after
 // changing the environment.
 void LOG1_Reconfigure();
+
+// Writes the trace file again from the start of a new file at the same path,
+// for a log rotation that has just moved the old file away. Lines written at
+// the same time go whole to the old file or whole to the new one. False, and
+// nothing changed, when traces go to standard error or the path cannot be
+// opened (traces then stay in the old file).
+bool LOG1_ReopenFile();
+
+// True when `fd` is the stream that the service manager connected to the
+// journal: not a terminal, and its device and inode are those named by
+// JOURNAL_STREAM ("DEV:INODE", decimal). Lines written there carry a priority
+// prefix ("<3>") and no time of their own, since the journal stamps them.
+bool LOG1_IsJournalStream(int fd);
 
 // Wide text as UTF-8, for trace arguments.
 std::string LOG1_Narrow(const std::wstring& text);
@@ -132,9 +148,9 @@ class LOG1_Scope {
 #define QOR_TRACE_RETURN(value) LOG1__scope_.result(value)
 
 // Arguments are evaluated only when the level is on.
-#define QOR_TRACE(level, ...)                                                            \
-  do {                                                                                   \
-    if (LOG1_On(LOG1__flags_, (level))) LOG1_Printf(&LOG1__EPB_, __LINE__, __VA_ARGS__); \
+#define QOR_TRACE(level, ...)                                                                     \
+  do {                                                                                            \
+    if (LOG1_On(LOG1__flags_, (level))) LOG1_Printf(&LOG1__EPB_, (level), __LINE__, __VA_ARGS__); \
   } while (0)
 #define QOR_TRACE_DETAIL(...) QOR_TRACE(QOR_TL_DETAIL, __VA_ARGS__)
 #define QOR_TRACE_QUEUE(...) QOR_TRACE(QOR_TL_QUEUE, __VA_ARGS__)

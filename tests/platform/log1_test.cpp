@@ -1,7 +1,13 @@
 #include "platform/log1.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <regex>
 #include <thread>
 
@@ -142,4 +148,222 @@ TEST(TraceLibrary, LinesOfManyThreadsNeverInterleave) {
   EXPECT_EQ(800u, lines.size());
   for (const std::string& line : lines) ASSERT_EQ(0u, line.find("20")) << line;
   EXPECT_EQ(800, qortest::countOccurrences(trace, "error 128\n"));
+}
+
+namespace {
+
+// Standard error sent to a file for the life of the object, as the service
+// manager sends it to the journal's socket; JOURNAL_STREAM names that file
+// when `named`, and the trace library reads its settings again.
+class StderrToFile {
+ public:
+  StderrToFile(const std::string& path, bool named) {
+    std::fflush(stderr);
+    saved_ = dup(STDERR_FILENO);
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    dup2(fd, STDERR_FILENO);
+    close(fd);
+    if (named) setenv("JOURNAL_STREAM", streamOf(STDERR_FILENO).c_str(), 1);
+  }
+  ~StderrToFile() {
+    std::fflush(stderr);
+    dup2(saved_, STDERR_FILENO);
+    close(saved_);
+    unsetenv("JOURNAL_STREAM");
+    LOG1_Reconfigure();
+  }
+  StderrToFile(const StderrToFile&) = delete;
+  StderrToFile& operator=(const StderrToFile&) = delete;
+
+  // "DEV:INODE" of an open descriptor, as the service manager writes it.
+  static std::string streamOf(int fd) {
+    struct stat info;
+    if (fstat(fd, &info) != 0) return "";
+    return std::to_string(static_cast<unsigned long long>(info.st_dev)) + ":" +
+           std::to_string(static_cast<unsigned long long>(info.st_ino));
+  }
+
+ private:
+  int saved_ = -1;
+};
+
+// Traces to standard error at `mask`.
+void traceToStderr(unsigned mask) {
+  unsetenv("QOR_TRACE_FILE");
+  setenv("QOR_TRACE_LEVEL", std::to_string(mask).c_str(), 1);
+  LOG1_Reconfigure();
+}
+
+// A line of traceAtEveryLevel or tracedReturn as the journal gets it.
+std::regex journalLine(const std::string& priority, const std::string& rest) {
+  return std::regex("^<" + priority + R"(>\[\d+\] log1_test\.cpp \w+:\d+ )" + rest + "$");
+}
+
+// The same line anywhere else, with its time and no priority.
+std::regex timedLine(const std::string& rest) {
+  return std::regex(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[\d+\] log1_test\.cpp \w+:\d+ )" + rest + "$");
+}
+
+}  // namespace
+
+TEST(TraceLibrary, UnderTheJournalErrorsTakePriorityThreeEveryOtherLevelSevenAndNoLineATime) {
+  qortest::TempDir dir;
+  {
+    StderrToFile journal(dir.file("journal"), true);
+    traceToStderr(1 | 16 | 146 | 256 | 64);
+    traceAtEveryLevel();
+    EXPECT_EQ(42, tracedReturn());
+  }
+  std::vector<std::string> lines = qortest::linesWith(qortest::readFile(dir.file("journal")), "");
+  ASSERT_EQ(9u, lines.size());
+  const char* const expected[][2] = {
+      {"7", "> entry"},    {"7", "detail 1"}, {"7", "queue 16"}, {"7", "story 146"},    {"3", "error 128"},
+      {"7", "status 256"}, {"7", "< exit"},   {"7", "> entry"},  {"7", "< exit rc=42"},
+  };
+  for (size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_TRUE(std::regex_match(lines[i], journalLine(expected[i][0], expected[i][1])))
+        << i << ": " << lines[i];
+  }
+}
+
+TEST(TraceLibrary, ATraceFileKeepsItsTimesAndNoPriorityEvenWhenStandardErrorIsTheJournal) {
+  qortest::TempDir dir;
+  std::string journalText;
+  {
+    StderrToFile journal(dir.file("journal"), true);
+    qortest::traceTo(dir.file("trace"), 128);
+    traceAtEveryLevel();
+    journalText = qortest::readFile(dir.file("journal"));
+  }
+  EXPECT_EQ("", journalText);
+  std::vector<std::string> lines = qortest::linesWith(qortest::readFile(dir.file("trace")), "");
+  ASSERT_EQ(1u, lines.size());
+  EXPECT_TRUE(std::regex_match(lines[0], timedLine("error 128"))) << lines[0];
+}
+
+TEST(TraceLibrary, StandardErrorThatJournalStreamDoesNotNameKeepsTheTimes) {
+  qortest::TempDir dir;
+  qortest::writeFile(dir.file("other"), "");
+  {
+    StderrToFile notJournal(dir.file("stderr"), false);
+    int other = open(dir.file("other").c_str(), O_RDONLY | O_CLOEXEC);
+    setenv("JOURNAL_STREAM", StderrToFile::streamOf(other).c_str(), 1);
+    close(other);
+    traceToStderr(128);
+    traceAtEveryLevel();
+  }
+  std::vector<std::string> lines = qortest::linesWith(qortest::readFile(dir.file("stderr")), "");
+  ASSERT_EQ(1u, lines.size());
+  EXPECT_TRUE(std::regex_match(lines[0], timedLine("error 128"))) << lines[0];
+}
+
+TEST(TraceLibrary, AJournalStreamMustNameTheDescriptorsDeviceAndInodeExactlyAndNoTerminal) {
+  qortest::TempDir dir;
+  int fd = open(dir.file("stream").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  ASSERT_GE(fd, 0);
+  struct stat info;
+  ASSERT_EQ(0, fstat(fd, &info));
+  const std::string device = std::to_string(static_cast<unsigned long long>(info.st_dev));
+  const std::string inode = std::to_string(static_cast<unsigned long long>(info.st_ino));
+  unsetenv("JOURNAL_STREAM");
+  EXPECT_FALSE(LOG1_IsJournalStream(fd));
+  setenv("JOURNAL_STREAM", (device + ":" + inode).c_str(), 1);
+  EXPECT_TRUE(LOG1_IsJournalStream(fd));
+  EXPECT_FALSE(LOG1_IsJournalStream(-1));
+  for (const std::string& wrong :
+       {device + ":" + std::to_string(info.st_ino + 1), device + ":", ":" + inode, device + ":" + inode + " ",
+        " " + device + ":" + inode, device + ":-" + inode, device + inode, std::string()}) {
+    setenv("JOURNAL_STREAM", wrong.c_str(), 1);
+    EXPECT_FALSE(LOG1_IsJournalStream(fd)) << "'" << wrong << "'";
+  }
+  close(fd);
+
+  // A terminal is never the journal, whatever the variable says.
+  int master = posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_GE(master, 0);
+  ASSERT_EQ(0, grantpt(master));
+  ASSERT_EQ(0, unlockpt(master));
+  int terminal = open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  ASSERT_GE(terminal, 0);
+  setenv("JOURNAL_STREAM", StderrToFile::streamOf(terminal).c_str(), 1);
+  EXPECT_FALSE(LOG1_IsJournalStream(terminal));
+  close(terminal);
+  close(master);
+  unsetenv("JOURNAL_STREAM");
+}
+
+TEST(TraceLibrary, AReopenAfterTheFileWasMovedWritesTheNextLinesToANewFileAtThePath) {
+  qortest::TempDir dir;
+  qortest::traceTo(dir.file("trace"), 128);
+  traceAtEveryLevel();
+  ASSERT_EQ(0, rename(dir.file("trace").c_str(), dir.file("trace.1").c_str()));
+  traceAtEveryLevel();  // still the moved file, until the reopen
+  EXPECT_TRUE(LOG1_ReopenFile());
+  traceAtEveryLevel();
+  EXPECT_EQ(2, qortest::countOccurrences(qortest::readFile(dir.file("trace.1")), "error 128\n"));
+  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("trace")), "error 128\n"));
+  // A second reopen without a move appends to the same file.
+  EXPECT_TRUE(LOG1_ReopenFile());
+  traceAtEveryLevel();
+  EXPECT_EQ(2, qortest::countOccurrences(qortest::readFile(dir.file("trace")), "error 128\n"));
+}
+
+TEST(TraceLibrary, AReopenWithoutATraceFileChangesNothing) {
+  qortest::TempDir dir;
+  {
+    StderrToFile stderrFile(dir.file("stderr"), false);
+    traceToStderr(128);
+    EXPECT_FALSE(LOG1_ReopenFile());
+    traceAtEveryLevel();
+  }
+  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("stderr")), "error 128\n"));
+}
+
+TEST(TraceLibrary, AReopenThatCannotOpenThePathKeepsTracingToTheOldFile) {
+  qortest::TempDir dir;
+  ASSERT_EQ(0, mkdir(dir.file("logs").c_str(), 0755));
+  qortest::traceTo(dir.file("logs/trace"), 128);
+  ASSERT_EQ(0, rename(dir.file("logs").c_str(), dir.file("old").c_str()));
+  std::string complaint;
+  {
+    StderrToFile stderrFile(dir.file("stderr"), false);
+    EXPECT_FALSE(LOG1_ReopenFile());
+    traceAtEveryLevel();
+    complaint = qortest::readFile(dir.file("stderr"));
+  }
+  EXPECT_EQ(1, qortest::countOccurrences(qortest::readFile(dir.file("old/trace")), "error 128\n"));
+  EXPECT_EQ("qor: cannot reopen trace file " + dir.file("logs/trace") +
+                " (No such file or directory); tracing on to the file as it was\n",
+            complaint);
+}
+
+TEST(TraceLibrary, NoLineIsLostOrSplitWhileTheFileIsMovedAndReopenedUnderManyThreads) {
+  qortest::TempDir dir;
+  qortest::traceTo(dir.file("trace"), 128);
+  std::atomic<int> running{4};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&running] {
+      for (int i = 0; i < 300; ++i) traceAtEveryLevel();
+      --running;
+    });
+  }
+  int moves = 0;
+  while (running.load() > 0 || moves == 0) {
+    ++moves;
+    ASSERT_EQ(0, rename(dir.file("trace").c_str(), dir.file("trace." + std::to_string(moves)).c_str()));
+    ASSERT_TRUE(LOG1_ReopenFile());
+  }
+  for (std::thread& thread : threads) thread.join();
+  int total = 0;
+  for (int i = 1; i <= moves; ++i) {
+    std::string text = qortest::readFile(dir.file("trace." + std::to_string(i)));
+    for (const std::string& line : qortest::linesWith(text, "")) ASSERT_EQ(0u, line.find("20")) << line;
+    total += qortest::countOccurrences(text, "error 128\n");
+    EXPECT_EQ(static_cast<int>(qortest::linesWith(text, "").size()),
+              qortest::countOccurrences(text, "error 128\n"));
+  }
+  total += qortest::countOccurrences(qortest::readFile(dir.file("trace")), "error 128\n");
+  EXPECT_EQ(1200, total);
+  EXPECT_GT(moves, 1);
 }

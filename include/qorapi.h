@@ -223,7 +223,9 @@ QOR_EXPORT char* QOR_wcstombs(std::wstring text);
 QOR_EXPORT void QOR_SetZELAgentEnvironment(const std::wstring& code, const std::wstring& name,
                                            const std::wstring& value);
 
-// The main loop of the qorwd program, and its last words.
+// The main loop of the qorwd program, and its last words. The loop returns on
+// SIGINT, SIGTERM or SIGILL, and reopens the trace file on SIGHUP, which the
+// service keeps blocked in its threads for the loop to take.
 QOR_EXPORT void WatchdogMain();
 QOR_EXPORT void stop_exit();
 
@@ -231,6 +233,19 @@ QOR_EXPORT void stop_exit();
 // the next entry of each function.
 QOR_EXPORT void QOR_SetTraceLevel(unsigned mask);
 QOR_EXPORT unsigned QOR_GetTraceLevel();
+
+// Opens QOR_TRACE_FILE anew at the same path and traces on there: what a host
+// calls on SIGHUP, once logrotate has moved the file away. No trace line is
+// lost or split. false, changing nothing, when traces go to standard error or
+// the file cannot be opened (the old file then keeps the traces).
+QOR_EXPORT bool QOR_ReopenTraceFile();
+
+// Whether `fd` is the service manager's journal stream: not a terminal, and
+// the device and inode that JOURNAL_STREAM names ("DEV:INODE"). The library
+// asks it of standard error once, when it reads its trace settings, and then
+// writes trace lines there with a priority ("<3>" errors, "<7>" the rest) and
+// without their timestamp. A host asks it once at start for its own streams.
+QOR_EXPORT bool QOR_IsJournalStream(int fd);
 
 // Tunable constants; tests and hosts may change them before starting.
 extern "C" {

@@ -202,6 +202,10 @@ void QOR_SetTraceLevel(unsigned mask) { LOG1_SetMask(mask); }
 
 unsigned QOR_GetTraceLevel() { return LOG1_GetMask(); }
 
+bool QOR_ReopenTraceFile() { return LOG1_ReopenFile(); }
+
+bool QOR_IsJournalStream(int fd) { return LOG1_IsJournalStream(fd); }
+
 char* QOR_wcstombs(std::wstring text) { return qor_wcstombs(text); }
 
 wchar_t* QOR_u_strFromUTF8(const char* text) {

@@ -1,8 +1,9 @@
 // qorhost: the reference embedder. It runs the service the way the OS agent
 // would, prints every event its listeners hear, and stops cleanly on SIGINT or
-// SIGTERM, writing the state file. SIGUSR1 lists the agents it knows, and
-// operator commands typed on standard input, one a line, go to the service;
-// the control socket answers the same over HTTP (qorcontrol.h).
+// SIGTERM, writing the state file. SIGUSR1 lists the agents it knows, SIGHUP
+// reopens the trace file, and operator commands typed on standard input, one
+// a line, go to the service; the control socket answers the same over HTTP
+// (qorcontrol.h).
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -41,6 +42,12 @@ const char kUsage[] =
     "4 running, 5 stopped by an operator, 6 stopping, 7 not configured), the\n"
     "process id (0: none), and today's restarts against the daily limit.\n"
     "Stops on Ctrl-C (SIGINT) or SIGTERM and writes the state file teo.dat.\n"
+    "SIGHUP opens the trace file anew at its path, for logrotate; without a\n"
+    "trace file it changes nothing.\n"
+    "\n"
+    "Under systemd, when standard output or error is the journal's stream\n"
+    "(JOURNAL_STREAM), its lines carry a priority instead of the local time:\n"
+    "<5> events, <4> alerts, <3> error traces, <7> other traces.\n"
     "\n"
     "Commands, one a line on standard input, each answered with one line:\n"
     "%s"
@@ -104,6 +111,25 @@ std::string narrow(const std::wstring& text) {
   return result;
 }
 
+// The streams that are the journal's, decided once at the start of main,
+// before any thread runs, and only read afterwards. A line there starts with
+// its priority and leaves the time to the journal.
+struct JournalStreams {
+  bool out = false;
+  bool err = false;
+};
+JournalStreams journal;
+
+// The priorities of sd-daemon(3): SD_ERR, SD_WARNING, SD_NOTICE.
+const char kError[] = "<3>";
+const char kWarning[] = "<4>";
+const char kNotice[] = "<5>";
+
+// One of qorhost's own lines on standard error, with its priority in the journal.
+void complain(const char* priority, const std::string& line) {
+  std::fprintf(stderr, "%s%s", journal.err ? priority : "", line.c_str());
+}
+
 std::string localTime(time_t when) {
   struct tm local;
   localtime_r(&when, &local);
@@ -116,8 +142,8 @@ std::string localTime(time_t when) {
 class PrintingLogListener : public QOR_LogListener {
  public:
   void AlertMe() override {
-    std::printf("%s  [%2d] %s\n", localTime(logData.eventTime).c_str(), logData.eventID,
-                narrow(logData.logMessage).c_str());
+    const std::string lead = journal.out ? kNotice : localTime(logData.eventTime) + "  ";
+    std::printf("%s[%2d] %s\n", lead.c_str(), logData.eventID, narrow(logData.logMessage).c_str());
     std::fflush(stdout);
   }
 };
@@ -125,8 +151,8 @@ class PrintingLogListener : public QOR_LogListener {
 class PrintingAlertListener : public QOR_AlertListener {
  public:
   void AlertMe() override {
-    std::printf("%s  [%2d] ALERT agent '%s' state %d managed %d pid %d: %s\n",
-                localTime(alertData.eventTime).c_str(), alertData.eventID,
+    const std::string lead = journal.out ? kWarning : localTime(alertData.eventTime) + "  ";
+    std::printf("%s[%2d] ALERT agent '%s' state %d managed %d pid %d: %s\n", lead.c_str(), alertData.eventID,
                 narrow(alertData.agentName).c_str(), alertData.operatingState, alertData.managedState,
                 alertData.procID, narrow(alertData.userMessage).c_str());
     std::fflush(stdout);
@@ -287,6 +313,7 @@ class CommandReader {
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGUSR1);
+    sigaddset(&signals, SIGHUP);
     sigaddset(&signals, SIGTTIN);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
@@ -328,10 +355,10 @@ bool bindEndpoints(qorcontrol::Endpoint& control, qorcontrol::Endpoint& http, co
   const std::string path = qorcmd::controlSocketPath(socketOption);
   std::string error;
   if (path.empty()) {
-    std::fputs("qorhost: no control socket, since QOR_IP_DIR is unset and no --control-socket was given\n",
-               stderr);
+    complain(kWarning,
+             "qorhost: no control socket, since QOR_IP_DIR is unset and no --control-socket was given\n");
   } else if (!control.bindUnix(path, error)) {
-    std::fprintf(stderr, "qorhost: %s\n", error.c_str());
+    complain(kError, "qorhost: " + error + "\n");
     return false;
   } else {
     std::printf("qorhost: control socket: %s\n", path.c_str());
@@ -339,11 +366,20 @@ bool bindEndpoints(qorcontrol::Endpoint& control, qorcontrol::Endpoint& http, co
   if (httpAddress.empty()) return true;
   std::string bound;
   if (!http.bindTcp(httpAddress, error, bound)) {
-    std::fprintf(stderr, "qorhost: %s\n", error.c_str());
+    complain(kError, "qorhost: " + error + "\n");
     return false;
   }
   std::printf("qorhost: read-only HTTP on %s\n", bound.c_str());
   return true;
+}
+
+// logrotate has moved the trace file away and tells qorhost so with SIGHUP.
+void reopenTraceFile() {
+  if (QOR_ReopenTraceFile()) {
+    say("SIGHUP received, trace file reopened");
+  } else {
+    say("SIGHUP received, no trace file reopened");
+  }
 }
 
 }  // namespace
@@ -363,13 +399,18 @@ int main(int argc, char** argv) {
       break;
   }
 
+  journal.out = QOR_IsJournalStream(STDOUT_FILENO);
+  journal.err = QOR_IsJournalStream(STDERR_FILENO);
+
   // Every thread of the service inherits this mask, so the signals reach the
-  // main thread's sigwait and nothing else.
+  // main thread's sigwait and nothing else. SIGHUP among them: its default
+  // action would end qorhost at the first log rotation.
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGINT);
   sigaddset(&stopSignals, SIGTERM);
   sigaddset(&stopSignals, SIGUSR1);
+  sigaddset(&stopSignals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
   std::printf("qorhost: CAP directories: %s\n", qortool::envOr("QOR_CAP_DIR", "(unset: ./CAP)"));
@@ -403,7 +444,7 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   const int agents = listAgents(service);
   const bool armed = osAgentManaged(service);
-  if (!armed) std::fputs(kNoOSAgent, stderr);
+  if (!armed) complain(kWarning, kNoOSAgent);
   qornotify::ready("supervising " + std::to_string(agents) + " agent" + (agents == 1 ? "" : "s") +
                    (armed ? "" : "; no managed OS agent CAP file, so nothing is restarted"));
   qornotify::WatchdogPinger pinger(service, watchdogUs);
@@ -411,7 +452,13 @@ int main(int argc, char** argv) {
   int received = 0;
   {
     CommandReader reader(service);
-    while (sigwait(&stopSignals, &received) == 0 && received == SIGUSR1) listAgents(service);
+    while (sigwait(&stopSignals, &received) == 0 && (received == SIGUSR1 || received == SIGHUP)) {
+      if (received == SIGUSR1) {
+        listAgents(service);
+      } else {
+        reopenTraceFile();
+      }
+    }
     qornotify::stopping();
     std::printf("qorhost: %s received, stopping\n", received == SIGINT ? "SIGINT" : "SIGTERM");
     std::fflush(stdout);

@@ -1,5 +1,6 @@
 // qorwd: the stand-alone watchdog process that keeps the OS monitoring agent
-// alive. It runs the service in watchdog mode until SIGINT, SIGTERM or SIGILL.
+// alive. It runs the service in watchdog mode until SIGINT, SIGTERM or SIGILL;
+// SIGHUP reopens its trace file.
 #include <cstdio>
 
 #include "qorapi.h"
@@ -13,7 +14,8 @@ const char kUsage[] =
     "\n"
     "Runs the qor service in watchdog mode: it supervises only the OS monitoring\n"
     "agent described among the CAP files, and answers the embedded service on\n"
-    "$QOR_IP_DIR/.teo_wd_sock. Runs until SIGINT, SIGTERM or SIGILL.\n"
+    "$QOR_IP_DIR/.teo_wd_sock. Runs until SIGINT, SIGTERM or SIGILL. SIGHUP\n"
+    "opens the trace file anew at its path, for logrotate.\n"
     "\n"
     "Options (each sets the variable named, and wins over it):\n"
     "  --cap-dir DIRS      QOR_CAP_DIR: colon-separated CAP directories\n"

@@ -31,11 +31,38 @@ std::atomic<int> watchdogShutdown{0};
 std::atomic<int> capturedSignal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "the signal handler may only use lock-free atomics");
 
+// SIGHUP, which logrotate sends once it has moved the trace file away.
+sigset_t hangupSet() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGHUP);
+  return set;
+}
+
+// SIGHUP has no handler: it stays blocked in every thread, pending, until the
+// main loop takes it in its wait. A handler would run on whichever thread the
+// signal reaches and cut short that thread's sleep or poll; the default
+// action would end the process.
+void blockHangup() {
+  const sigset_t set = hangupSet();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+// The main loop's second of sleep, which a SIGHUP ends early: true then. A
+// signal with a handler (SIGTERM) ends it early too, as it ended the sleep.
+bool hangupWithinASecond() {
+  const sigset_t set = hangupSet();
+  const struct timespec second = {1, 0};
+  return sigtimedwait(&set, nullptr, &second) == SIGHUP;
+}
+
 }  // namespace
 
 void InitializeWatchdog() {
   watchdogShutdown.store(0);
   RegisterSignalHandlers();
+  // Before the service's threads start, so that each inherits the mask.
+  blockHangup();
 }
 
 void RegisterSignalHandlers() {
@@ -67,6 +94,9 @@ void UnblockSignals() {
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGILL);
   sigaddset(&set, SIGTERM);
+  // Blocked in qorhost's and qorwd's threads, for their own use; an agent may
+  // need it to reload.
+  sigaddset(&set, SIGHUP);
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
@@ -75,11 +105,20 @@ void WatchdogMain() {
   QorCmd* commands = GetCmdManager();
   const int interval = Controller::getController()->getDiscoveryInterval();
   int ticks = 0;
+  // The loop may run on another thread than the one that initialised the
+  // service; a SIGHUP must wait for it there too.
+  blockHangup();
   // The OS agent's count is taken from the embedded service once, when the
   // service starts (Controller::TEOThreadExecution); this loop only keeps
-  // the process alive and reaps the children left behind.
+  // the process alive, reaps the children left behind, and reopens the trace
+  // file on SIGHUP.
   while (watchdogShutdown.load() == 0) {
-    sleep(1);
+    if (hangupWithinASecond()) {
+      const bool reopened = LOG1_ReopenFile();
+      QOR_TRACE_STORY("Signal captured: %d (%s); %s", SIGHUP, INT1_SignalName(SIGHUP),
+                      reopened ? "trace file reopened" : "no trace file reopened");
+      continue;
+    }
     // Kept: the test uses the count before the increment, so the cleaning comes once in interval + 2 s.
     if (ticks > interval) {
       commands->cleanUpDefunctProcesses();

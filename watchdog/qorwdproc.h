@@ -1,6 +1,7 @@
 // The entry of the qorwd watchdog process: its signal handling and the main
 // loop that keeps the process alive while the service's threads work. The
-// signal handler only sets a flag; everything else runs on the main thread.
+// signal handler only sets a flag; everything else runs on the main thread,
+// which also reopens the trace file on SIGHUP.
 #ifndef QOR_WATCHDOG_QORWDPROC_H
 #define QOR_WATCHDOG_QORWDPROC_H
 
@@ -8,8 +9,9 @@
 void InitializeWatchdog();
 void RegisterSignalHandlers();
 void SignalQOR(int signalNumber);
-// Unblocks SIGINT, SIGILL and SIGTERM for the calling thread; each forked
-// child calls it before exec, so that a started agent can be stopped by them.
+// Unblocks SIGINT, SIGILL, SIGTERM and SIGHUP for the calling thread; each
+// forked child calls it before exec, so that a started agent can be stopped
+// (and told to reload) by them.
 void UnblockSignals();
 
 class Policy;

@@ -18,7 +18,8 @@ DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libi
                  libbenchmark-dev python3 libcpp-httplib-dev nlohmann-json3-dev \
                  prometheus chromium chromium-driver python3-selenium curl \
                  scdoc man-db groff-base \
-                 libsystemd-dev systemd
+                 libsystemd-dev systemd \
+                 logrotate
 
 .PHONY: all build build-clang deps test test-sanitize test-tsan fuzz fuzz-run bench bench-micro bench-supervise bench-run demo clean help
 

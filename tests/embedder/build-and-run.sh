@@ -1,31 +1,41 @@
 #!/bin/sh
 # Proves that a host program builds and runs against an installed qor alone:
-# installs the build tree into a temporary prefix, compiles embedder.cpp with
-# -I<prefix>/include only, links it once with libqor.a (pkg-config --static)
-# and once with libqor.so (pkg-config), and runs both, each on a fresh
+# installs the build tree under a temporary DESTDIR, as `make install
+# DESTDIR=...` does, checks what was installed, compiles embedder.cpp against
+# the staged tree with pkg-config (linked once with libqor.a, once with
+# libqor.so) and with a small CMake project that finds qor by find_package
+# (qor::qor and qor::qor_static), and runs the four programs, each on a fresh
 # directory. Registered with CTest in tests/CMakeLists.txt.
 #
-#   build-and-run.sh BUILD_DIR CXX LIBDIR INCLUDEDIR SOURCE [FLAGS]
+#   build-and-run.sh BUILD_DIR CXX PREFIX LIBDIR INCLUDEDIR SYSCONFDIR SOURCE [FLAGS]
 #
-# LIBDIR and INCLUDEDIR are relative to the prefix, as GNUInstallDirs has
-# them; FLAGS are the sanitizer flags the library was built with, which a
-# program that links it needs as well.
+# PREFIX is the install prefix the tree was configured with, SYSCONFDIR the
+# full path of its configuration folder; LIBDIR and INCLUDEDIR are relative
+# to the prefix, as GNUInstallDirs has them; FLAGS are the sanitizer flags
+# the library was built with, which a program that links it needs as well.
 set -eu
 
-if [ $# -lt 5 ]; then
-  echo "usage: $0 BUILD_DIR CXX LIBDIR INCLUDEDIR SOURCE [FLAGS]" >&2
+if [ $# -lt 7 ]; then
+  echo "usage: $0 BUILD_DIR CXX PREFIX LIBDIR INCLUDEDIR SYSCONFDIR SOURCE [FLAGS]" >&2
   exit 2
 fi
 build=$1
 cxx=$2
-libdir=$3
-includedir=$4
-source=$5
-flags=${6:-}
+install_prefix=$3
+libdir=$4
+includedir=$5
+sysconfdir=$6
+source=$7
+flags=${8:-}
+tree=$(cd "$(dirname "$0")/../.." && pwd -P)
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/qor-embedder.XXXXXX")
 trap 'rm -rf "$work"' EXIT
-prefix=$work/prefix
+stage=$work/stage
+# The prefix as it lies under DESTDIR: every path baked into the installed
+# files still names $install_prefix, so what follows works only if the
+# pkg-config and CMake files find the tree from where they lie.
+prefix=$stage$install_prefix
 
 fail() {
   echo "FAIL: $*" >&2
@@ -38,15 +48,38 @@ show() {
   cat "$1" >&2 2>/dev/null || true
 }
 
-# ---- a. install ------------------------------------------------------------
-cmake --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 || {
+# ---- a. install --------------------------------------------------------------
+DESTDIR=$stage cmake --install "$build" >"$work/install.log" 2>&1 || {
   show "$work/install.log"
-  fail "cmake --install $build"
+  fail "DESTDIR=$stage cmake --install $build"
 }
+doc=share/doc/qor
+examples=$doc/examples
 for file in "$includedir/qorapi.h" "$libdir/libqor.a" "$libdir/libqor.so" "$libdir/libqor.so.0" \
-  "$libdir/pkgconfig/qor.pc" bin/qorhost bin/qorwd bin/qorctl; do
-  [ -e "$prefix/$file" ] || fail "not installed: $file (build all targets before the tests)"
+  "$libdir/libqor.so.0.1.0" "$libdir/pkgconfig/qor.pc" bin/qorhost bin/qorwd bin/qorctl \
+  "$libdir/cmake/qor/qorConfig.cmake" "$libdir/cmake/qor/qorConfigVersion.cmake" \
+  "$libdir/cmake/qor/qorTargets.cmake" "$libdir/cmake/qor/qorStaticTargets.cmake" \
+  "$doc/copyright" "$doc/changelog.gz" lib/sysusers.d/qor.conf "$examples/mdhcap.xsd" \
+  "$examples/cap/README" "$examples/cap/sleeper.xml" "$examples/cap/watched.xml" \
+  "$examples/cap/pattern.xml" "$examples/cap/multi.xml" "$examples/cap/qorhost.xml" \
+  "$examples/prometheus/prometheus.yml" "$examples/prometheus/qor-rules.yml"; do
+  [ -f "$prefix/$file" ] || fail "not installed: $file (build all targets before the tests)"
 done
+# The scripts keep their exec bits; demo.sh, which needs a build folder, stays out.
+for script in scripts/example-daemon.sh scripts/qorhost-daemon.sh scripts/restart-timing.sh \
+  suite/bin/vexinf; do
+  [ -x "$prefix/$examples/$script" ] || fail "not installed as a program: $examples/$script"
+done
+[ ! -e "$prefix/$examples/scripts/demo.sh" ] || fail "demo.sh was installed"
+[ -d "$stage$sysconfdir/qor/cap.d" ] || fail "no CAP folder $sysconfdir/qor/cap.d"
+[ -z "$(ls -A "$stage$sysconfdir/qor/cap.d")" ] || fail "the CAP folder is not empty"
+grep -qx 'g qor -' "$prefix/lib/sysusers.d/qor.conf" || fail "qor.conf declares no group qor"
+gzip -dc "$prefix/$doc/changelog.gz" | head -n 1 | grep -q '^qor (0\.1\.0) ' ||
+  fail "the changelog does not begin with version 0.1.0"
+# Nothing installed names the source or the build tree.
+if grep -rlF -e "$tree" -e "$(cd "$build" && pwd -P)" "$prefix/$libdir/cmake" "$prefix/$libdir/pkgconfig"; then
+  fail "an installed CMake or pkg-config file names the source or build tree"
+fi
 # The header is all a host gets: it must name nothing beyond the standard headers.
 if grep -n '#include *"' "$prefix/$includedir/qorapi.h"; then
   fail "qorapi.h includes a file of the source tree"
@@ -56,7 +89,7 @@ for program in qorhost qorwd qorctl; do
   env -u LD_LIBRARY_PATH "$prefix/bin/$program" --help >/dev/null || fail "installed $program --help"
 done
 
-# ---- b. build against the prefix alone ---------------------------------------
+# ---- b. built by pkg-config against the staged prefix alone, with libqor.a -------
 export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
 cp "$source" "$work/embedder.cpp"
 cflags=$(pkg-config --cflags qor)
@@ -79,14 +112,58 @@ compile "$work/embedder-static" $static_libs
 if readelf -d "$work/embedder-static" | grep -q 'libqor\.so'; then
   fail "embedder-static needs libqor.so"
 fi
-# ---- d. the same program against the shared library -----------------------------
+# ---- c. the same program against the shared library -----------------------------
 shared_libs=$(pkg-config --libs qor)
 # shellcheck disable=SC2086 # a list of words
 compile "$work/embedder-shared" $shared_libs
 readelf -d "$work/embedder-shared" | grep -q 'NEEDED.*\[libqor\.so\.0\]' ||
   fail "embedder-shared does not need libqor.so.0"
 
-# ---- c. run both, side by side, each on a directory of its own -----------------
+# ---- d. the same program by find_package, as a CMake project builds it ---------
+# CMake finds the staged prefix by CMAKE_PREFIX_PATH alone; qor::qor must
+# bring its include folder, qor::qor_static also expat, ICU and Threads.
+mkdir "$work/host"
+cat >"$work/host/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.18)
+project(host CXX)
+find_package(qor 0.1 REQUIRED COMPONENTS static)
+add_executable(embedder-cmake ../embedder.cpp)
+target_link_libraries(embedder-cmake PRIVATE qor::qor)
+add_executable(embedder-cmake-static ../embedder.cpp)
+target_link_libraries(embedder-cmake-static PRIVATE qor::qor_static)
+CMAKE
+cmake -S "$work/host" -B "$work/host/build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$cxx" \
+  -DCMAKE_CXX_STANDARD=17 -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror $flags" \
+  -DCMAKE_EXE_LINKER_FLAGS="$flags" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >"$work/cmake.log" 2>&1 &&
+  cmake --build "$work/host/build" -j 2 >>"$work/cmake.log" 2>&1 || {
+  show "$work/cmake.log"
+  fail "the CMake project with find_package(qor)"
+}
+grep -q "qor_DIR:PATH=$prefix/$libdir/cmake/qor\$" "$work/host/build/CMakeCache.txt" ||
+  fail "find_package(qor) found another qor: $(grep qor_DIR "$work/host/build/CMakeCache.txt")"
+# The internal folders of the tree are not part of the installed targets.
+if grep -F "$tree" "$work/host/build/compile_commands.json"; then
+  fail "a target of the installed package names the source tree"
+fi
+# Any 0.x serves a request for 0.1 (one SONAME, libqor.so.0); 1.0 does not.
+mkdir "$work/newer"
+printf 'cmake_minimum_required(VERSION 3.18)\nproject(newer NONE)\nfind_package(qor 1.0 REQUIRED)\n' \
+  >"$work/newer/CMakeLists.txt"
+if cmake -S "$work/newer" -B "$work/newer/build" -DCMAKE_PREFIX_PATH="$prefix" >"$work/newer.log" 2>&1; then
+  fail "find_package(qor 1.0) accepted version 0.1.0"
+fi
+grep -q 'qorConfig.cmake, version: 0.1.0' "$work/newer.log" || {
+  show "$work/newer.log"
+  fail "find_package(qor 1.0) failed, but not for the version"
+}
+mv "$work/host/build/embedder-cmake" "$work/host/build/embedder-cmake-static" "$work/"
+readelf -d "$work/embedder-cmake" | grep -q 'NEEDED.*\[libqor\.so\.0\]' ||
+  fail "embedder-cmake does not need libqor.so.0"
+if readelf -d "$work/embedder-cmake-static" | grep -q 'libqor\.so'; then
+  fail "embedder-cmake-static needs libqor.so"
+fi
+
+# ---- e. run all four, side by side, each on a directory of its own ----------------
 run() {
   kind=$1
   shift
@@ -97,10 +174,13 @@ run() {
 }
 run static -u LD_LIBRARY_PATH &
 run shared LD_LIBRARY_PATH="$prefix/$libdir" &
+# CMake gives the program the library's folder as its run path.
+run cmake -u LD_LIBRARY_PATH &
+run cmake-static -u LD_LIBRARY_PATH &
 wait
 
 failed=0
-for kind in static shared; do
+for kind in static shared cmake cmake-static; do
   status=$(cat "$work/$kind.status")
   problem=""
   if [ "$status" != 0 ]; then

@@ -8,6 +8,7 @@ TSAN_DIR      ?= build-tsan
 CLANG_DIR     ?= build-clang
 FUZZ_DIR      ?= build-fuzz
 BENCH_DIR     ?= build-bench
+PACKAGE_DIR   ?= build-package
 BUILD_TYPE    ?= RelWithDebInfo
 JOBS          ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR     := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
@@ -19,9 +20,10 @@ DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libi
                  prometheus chromium chromium-driver python3-selenium curl \
                  scdoc man-db groff-base \
                  libsystemd-dev systemd \
-                 logrotate
+                 logrotate \
+                 lintian dpkg-dev file
 
-.PHONY: all build build-clang deps test test-sanitize test-tsan fuzz fuzz-run bench bench-micro bench-supervise bench-run demo clean help
+.PHONY: all build build-clang deps install package test test-sanitize test-tsan fuzz fuzz-run bench bench-micro bench-supervise bench-run demo clean help
 
 all: build
 
@@ -38,6 +40,8 @@ help:
 	@echo "make demo          run qorwd, which keeps qorhost alive on examples/cap (Ctrl-C stops both)"
 	@echo "make bench-supervise  measure qorhost supervising 10 and 100 agents (bench/README.md)"
 	@echo "make bench-run     both: bench-micro, then bench-supervise"
+	@echo "make install       build, then install into /usr/local (PREFIX=/opt/qor for another prefix, DESTDIR=DIR to stage)"
+	@echo "make package       the Debian package $(PACKAGE_DIR)/qor_<version>_<arch>.deb (prefix /usr, no tests)"
 	@echo "make deps          install the Debian packages the build needs (as root)"
 	@echo "make clean         remove the build folders"
 
@@ -67,6 +71,23 @@ build: deps $(BUILD_DIR)/$(if $(GENERATOR),build.ninja,Makefile)
 build-clang: deps
 	CC=clang CXX=clang++ cmake -S . -B $(CLANG_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
 	cmake --build $(CLANG_DIR) -j $(JOBS)
+
+# PREFIX is kept in the build folder's cache: the units and the folders of
+# the install name it, so a later `make install` without PREFIX keeps it.
+# DESTDIR stages the install under a folder, as packagers do.
+install: deps $(BUILD_DIR)/$(if $(GENERATOR),build.ninja,Makefile)
+	$(if $(PREFIX),cmake $(BUILD_DIR) -DCMAKE_INSTALL_PREFIX=$(PREFIX))
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD_DIR)
+
+# The Debian package, in a build folder of its own with the prefix /usr and
+# without the tests. Debian 12 wants the units in /lib/systemd/system.
+package: deps
+	cmake -S . -B $(PACKAGE_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_INSTALL_PREFIX=/usr -DQOR_BUILD_TESTS=OFF -DQOR_SYSTEMD_UNIT_DIR=/lib/systemd/system
+	cmake --build $(PACKAGE_DIR) -j $(JOBS)
+	cd $(PACKAGE_DIR) && cpack -G DEB
+	@ls $(PACKAGE_DIR)/*.deb
 
 test: build
 	cd $(BUILD_DIR) && ctest -j $(JOBS) --output-on-failure --timeout 300
@@ -157,4 +178,4 @@ bench-supervise: build
 	$(call supervise_run,100,--status-scripts,$(BENCH_DURATION),status-scripts)
 
 clean:
-	rm -rf $(BUILD_DIR) $(CLANG_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(BENCH_DIR)
+	rm -rf $(BUILD_DIR) $(PACKAGE_DIR) $(CLANG_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(BENCH_DIR)

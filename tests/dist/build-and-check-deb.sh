@@ -45,7 +45,8 @@ env -u MAKEFLAGS -u MFLAGS -u MAKELEVEL make -C "$tree" package PACKAGE_DIR="$ou
   fail "make package"
 }
 [ -f "$deb" ] || fail "no $deb; the folder holds: $(ls "$out"/*.deb 2>/dev/null)"
-[ "$(ls "$out"/*.deb | wc -l)" = 1 ] || fail "more than one package: $(ls "$out"/*.deb)"
+set -- "$out"/*.deb
+[ $# = 1 ] || fail "more than one package: $*"
 
 # ---- b. the control fields --------------------------------------------------------
 field() {

@@ -134,13 +134,13 @@ target_link_libraries(embedder-cmake PRIVATE qor::qor)
 add_executable(embedder-cmake-static ../embedder.cpp)
 target_link_libraries(embedder-cmake-static PRIVATE qor::qor_static)
 CMAKE
-cmake -S "$work/host" -B "$work/host/build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$cxx" \
-  -DCMAKE_CXX_STANDARD=17 -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror $flags" \
+if ! { cmake -S "$work/host" -B "$work/host/build" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_STANDARD=17 -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror $flags" \
   -DCMAKE_EXE_LINKER_FLAGS="$flags" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >"$work/cmake.log" 2>&1 &&
-  cmake --build "$work/host/build" -j 2 >>"$work/cmake.log" 2>&1 || {
+  cmake --build "$work/host/build" -j 2 >>"$work/cmake.log" 2>&1; }; then
   show "$work/cmake.log"
   fail "the CMake project with find_package(qor)"
-}
+fi
 grep -q "qor_DIR:PATH=$prefix/$libdir/cmake/qor\$" "$work/host/build/CMakeCache.txt" ||
   fail "find_package(qor) found another qor: $(grep qor_DIR "$work/host/build/CMakeCache.txt")"
 # The internal folders of the tree are not part of the installed targets.

@@ -115,9 +115,17 @@ for program in qorhost qorwd qorctl; do
   if readelf -d "$work/root/usr/bin/$program" | grep -E 'RPATH|RUNPATH'; then
     fail "$program carries a run path"
   fi
+  # Built with Debian's hardening flags: relocations read-only and bound at
+  # start, string and memory functions checked.
+  readelf -d "$work/root/usr/bin/$program" | grep -q 'FLAGS.*BIND_NOW\|FLAGS_1.*NOW' ||
+    fail "$program is not linked with -z now"
+  readelf -lW "$work/root/usr/bin/$program" | grep -q GNU_RELRO || fail "$program has no RELRO segment"
   LD_LIBRARY_PATH=$work/root/$lib "$work/root/usr/bin/$program" --help >/dev/null ||
     fail "$program --help from the package"
 done
+
+readelf -W --dyn-syms "$work/root/$lib/libqor.so.$version" | grep -q '__[a-z]*_chk' ||
+  fail "libqor.so calls no checked (fortified) function"
 
 # ---- f. lintian ----------------------------------------------------------------------
 status=0

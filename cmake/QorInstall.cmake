@@ -49,10 +49,11 @@ install(FILES dist/debian/copyright ${CMAKE_BINARY_DIR}/dist/changelog.gz
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # ---- The host's folders and group -----------------------------------------------
-# The CAP folder the systemd units name: /etc/qor/cap.d under the prefix /usr,
-# <prefix>/etc/qor/cap.d otherwise. It is installed empty; the administrator
-# puts the CAP files there.
-install(DIRECTORY DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/qor/cap.d)
+# The CAP folder: /etc/qor/cap.d under the prefix /usr, <prefix>/etc/qor/cap.d
+# otherwise. The systemd units (dist/systemd) name it as QOR_CAP_DIR. It is
+# installed empty; the administrator puts the CAP files there.
+set(QOR_CAP_DIR ${CMAKE_INSTALL_FULL_SYSCONFDIR}/qor/cap.d)
+install(DIRECTORY DESTINATION ${QOR_CAP_DIR})
 # The system group qor, whose members may use qorhost's control socket. The
 # package's postinst has systemd-sysusers create it from this file.
 set(QOR_SYSUSERS_DIR "${CMAKE_INSTALL_PREFIX}/lib/sysusers.d" CACHE PATH

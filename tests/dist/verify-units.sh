@@ -6,10 +6,12 @@
 # the build made (MAN_DIR, through a MANPATH of links), since the installed
 # ones need not be in this machine's manual; without them the look-up is
 # left out, and the script says so. Skipped (77) without systemd-analyze.
-# Usage: verify-units.sh UNIT_DIR [MAN_DIR]
+# CAP_DIR is the CAP folder the install made, which the units must name.
+# Usage: verify-units.sh UNIT_DIR CAP_DIR [MAN_DIR]
 set -u
 dir=$1
-mandir=${2:-}
+capdir=$2
+mandir=${3:-}
 command -v systemd-analyze >/dev/null 2>&1 || { echo "systemd-analyze not found: skipped"; exit 77; }
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
@@ -42,7 +44,7 @@ for unit in qorhost.service qorwd.service; do
   fi
   # What the issue asks of each unit, line by line.
   for line in Type=notify NotifyAccess=main KillMode=process Restart=on-failure RuntimeDirectory=qor \
-              Environment=QOR_CAP_DIR=/etc/qor/cap.d Environment=QOR_IP_DIR=%t/qor Group=qor; do
+              Environment=QOR_CAP_DIR=$capdir Environment=QOR_IP_DIR=%t/qor Group=qor; do
     grep -qx "$line" "$dir/$unit" || { echo "$unit: no line '$line'"; status=1; }
   done
   grep -q '^WatchdogSec=[1-9]' "$dir/$unit" || { echo "$unit: no WatchdogSec="; status=1; }

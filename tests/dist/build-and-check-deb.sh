@@ -62,7 +62,8 @@ expect_field Section admin
 expect_field Priority optional
 depends=$(field Depends)
 # dpkg-shlibdeps names the packages of the libraries the programs load.
-for wanted in 'adduser' 'libc6 (>= [0-9.]*)' 'libexpat1 (>= [0-9.]*)' 'libicu[0-9][0-9]* (>= [^)]*)' \
+# libsystemd0 for the notifications to systemd.
+for wanted in 'adduser' 'libsystemd0[^,]*' 'libc6 (>= [0-9.]*)' 'libexpat1 (>= [0-9.]*)' 'libicu[0-9][0-9]* (>= [^)]*)' \
   'libstdc++6 (>= [0-9]*)'; do
   echo ", $depends," | grep -q ", $wanted," || fail "Depends lacks $wanted: $depends"
 done
@@ -100,9 +101,14 @@ for path in ./etc/qor/cap.d \
   "./$doc/examples/scripts/qorhost-daemon.sh" "./$doc/examples/suite/bin/vexinf" \
   "./$doc/examples/prometheus/qor-rules.yml" \
   ./usr/share/man/man8/qorhost.8.gz ./usr/share/man/man8/qorwd.8.gz ./usr/share/man/man1/qorctl.1.gz \
-  ./usr/share/man/man5/qor-cap.5.gz ./usr/share/man/man7/qor-environment.7.gz; do
+  ./usr/share/man/man5/qor-cap.5.gz ./usr/share/man/man7/qor-environment.7.gz \
+  ./lib/systemd/system/qorhost.service ./lib/systemd/system/qorwd.service; do
   grep -qxF "$path" "$work/contents" || fail "not in the package: $path"
 done
+# Installed, not enabled: no links in /etc/systemd.
+if grep '^\./etc/systemd' "$work/contents"; then
+  fail "the package enables a unit"
+fi
 # The files land under /etc, /lib (the units) and /usr only.
 if grep -vE '^\./(etc|lib|usr)(/|$)|^\.$' "$work/contents"; then
   fail "files outside /etc, /lib and /usr"
@@ -110,6 +116,13 @@ fi
 
 # ---- e. the programs run from the package -------------------------------------------
 dpkg-deb -x "$deb" "$work/root"
+# The units run the packaged programs on /etc/qor/cap.d, in the group qor.
+for program in qorhost qorwd; do
+  unit=$work/root/lib/systemd/system/$program.service
+  for line in "ExecStart=/usr/bin/$program" Environment=QOR_CAP_DIR=/etc/qor/cap.d Group=qor; do
+    grep -qx "$line" "$unit" || fail "$program.service has no line $line"
+  done
+done
 for program in qorhost qorwd qorctl; do
   # Debian forbids a run path; the library lies where the loader looks.
   if readelf -d "$work/root/usr/bin/$program" | grep -E 'RPATH|RUNPATH'; then

@@ -64,7 +64,8 @@ for file in "$includedir/qorapi.h" "$libdir/libqor.a" "$libdir/libqor.so" "$libd
   "$examples/cap/pattern.xml" "$examples/cap/multi.xml" "$examples/cap/qorhost.xml" \
   "$examples/prometheus/prometheus.yml" "$examples/prometheus/qor-rules.yml" \
   share/man/man8/qorhost.8.gz share/man/man8/qorwd.8.gz share/man/man1/qorctl.1.gz \
-  share/man/man5/qor-cap.5.gz share/man/man7/qor-environment.7.gz; do
+  share/man/man5/qor-cap.5.gz share/man/man7/qor-environment.7.gz \
+  lib/systemd/system/qorhost.service lib/systemd/system/qorwd.service; do
   [ -f "$prefix/$file" ] || fail "not installed: $file (build all targets before the tests)"
 done
 # The scripts keep their exec bits; demo.sh, which needs a build folder, stays out.
@@ -76,6 +77,13 @@ done
 [ -d "$stage$sysconfdir/qor/cap.d" ] || fail "no CAP folder $sysconfdir/qor/cap.d"
 [ -z "$(ls -A "$stage$sysconfdir/qor/cap.d")" ] || fail "the CAP folder is not empty"
 grep -qx 'g qor -' "$prefix/lib/sysusers.d/qor.conf" || fail "qor.conf declares no group qor"
+# The units run the installed programs on the installed CAP folder.
+for program in qorhost qorwd; do
+  unit=$prefix/lib/systemd/system/$program.service
+  grep -qx "ExecStart=$install_prefix/bin/$program" "$unit" || fail "$program.service: $(grep ExecStart "$unit")"
+  grep -qx "Environment=QOR_CAP_DIR=$sysconfdir/qor/cap.d" "$unit" ||
+    fail "$program.service: $(grep QOR_CAP_DIR "$unit")"
+done
 gzip -dc "$prefix/$doc/changelog.gz" | head -n 1 | grep -q '^qor (0\.1\.0) ' ||
   fail "the changelog does not begin with version 0.1.0"
 # Nothing installed names the source or the build tree.

@@ -28,7 +28,7 @@ install(FILES ${CMAKE_BINARY_DIR}/qorConfig.cmake ${CMAKE_BINARY_DIR}/qorConfigV
 # stays out: it runs the programs of a build folder.
 set(QOR_EXAMPLES_DIR ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES examples/mdhcap.xsd DESTINATION ${QOR_EXAMPLES_DIR})
-install(DIRECTORY examples/cap examples/prometheus DESTINATION ${QOR_EXAMPLES_DIR})
+install(DIRECTORY examples/cap examples/prometheus examples/logrotate DESTINATION ${QOR_EXAMPLES_DIR})
 install(PROGRAMS examples/scripts/example-daemon.sh examples/scripts/qorhost-daemon.sh
                  examples/scripts/restart-timing.sh
   DESTINATION ${QOR_EXAMPLES_DIR}/scripts)

@@ -99,7 +99,7 @@ for path in ./etc/qor/cap.d \
   "./$doc/copyright" "./$doc/changelog.gz" "./$doc/examples/mdhcap.xsd" \
   "./$doc/examples/cap/README" "./$doc/examples/cap/sleeper.xml" "./$doc/examples/cap/qorhost.xml" \
   "./$doc/examples/scripts/qorhost-daemon.sh" "./$doc/examples/suite/bin/vexinf" \
-  "./$doc/examples/prometheus/qor-rules.yml" \
+  "./$doc/examples/prometheus/qor-rules.yml" "./$doc/examples/logrotate/qor" \
   ./usr/share/man/man8/qorhost.8.gz ./usr/share/man/man8/qorwd.8.gz ./usr/share/man/man1/qorctl.1.gz \
   ./usr/share/man/man5/qor-cap.5.gz ./usr/share/man/man7/qor-environment.7.gz \
   ./lib/systemd/system/qorhost.service ./lib/systemd/system/qorwd.service; do

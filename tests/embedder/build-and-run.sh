@@ -62,7 +62,7 @@ for file in "$includedir/qorapi.h" "$libdir/libqor.a" "$libdir/libqor.so" "$libd
   "$doc/copyright" "$doc/changelog.gz" lib/sysusers.d/qor.conf "$examples/mdhcap.xsd" \
   "$examples/cap/README" "$examples/cap/sleeper.xml" "$examples/cap/watched.xml" \
   "$examples/cap/pattern.xml" "$examples/cap/multi.xml" "$examples/cap/qorhost.xml" \
-  "$examples/prometheus/prometheus.yml" "$examples/prometheus/qor-rules.yml" \
+  "$examples/prometheus/prometheus.yml" "$examples/prometheus/qor-rules.yml" "$examples/logrotate/qor" \
   share/man/man8/qorhost.8.gz share/man/man8/qorwd.8.gz share/man/man1/qorctl.1.gz \
   share/man/man5/qor-cap.5.gz share/man/man7/qor-environment.7.gz \
   lib/systemd/system/qorhost.service lib/systemd/system/qorwd.service; do

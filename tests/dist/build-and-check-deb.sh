@@ -19,16 +19,8 @@ out=$1
 version=$2
 tree=$(cd "$(dirname "$0")/../.." && pwd -P)
 
-fail() {
-  echo "FAIL: $*" >&2
-  exit 1
-}
-
-# Prints a file, for the reader of a failure.
-show() {
-  echo "---- $1" >&2
-  cat "$1" >&2 2>/dev/null || true
-}
+# shellcheck source=../support/checks.sh
+. "$tree/tests/support/checks.sh"
 
 mkdir -p "$out"
 work=$(mktemp -d "${TMPDIR:-/tmp}/qor-deb.XXXXXX")

@@ -37,16 +37,8 @@ stage=$work/stage
 # pkg-config and CMake files find the tree from where they lie.
 prefix=$stage$install_prefix
 
-fail() {
-  echo "FAIL: $*" >&2
-  exit 1
-}
-
-# Prints a file, for the reader of a failure.
-show() {
-  echo "---- $1" >&2
-  cat "$1" >&2 2>/dev/null || true
-}
+# shellcheck source=../support/checks.sh
+. "$tree/tests/support/checks.sh"
 
 # ---- a. install --------------------------------------------------------------
 DESTDIR=$stage cmake --install "$build" >"$work/install.log" 2>&1 || {

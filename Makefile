@@ -20,7 +20,7 @@ DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libi
                  prometheus chromium chromium-driver python3-selenium curl \
                  scdoc man-db groff-base \
                  libsystemd-dev systemd \
-                 logrotate \
+                 logrotate faketime \
                  lintian dpkg-dev file
 
 .PHONY: all build build-clang deps install package test test-sanitize test-tsan fuzz fuzz-run bench bench-micro bench-supervise bench-run demo clean help

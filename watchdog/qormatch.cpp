@@ -306,8 +306,11 @@ void QorCmdUNIX::collectRuntimeData(Agent* agent, long* lastChecked) {
   agent->resetTotalCounters();
   long start = collectRuntimeData(agent->getProcID(), agent, true);
   if (lastChecked != nullptr) {
-    unsigned int seconds =
-        static_cast<unsigned int>(difftime(time(nullptr), static_cast<time_t>(*lastChecked)));
+    // A last check that lies ahead, after the wall clock was set back, gives
+    // no interval to measure over: 0, which leaves the rates at 0, rather than
+    // a negative span cast to a count of seconds.
+    const double since = difftime(time(nullptr), static_cast<time_t>(*lastChecked));
+    unsigned int seconds = since > 0.0 ? static_cast<unsigned int>(since) : 0u;
     // Kept: seconds against counters in ticks: the CPU figure is 100 times a share (10000 for one CPU).
     agent->setTimeInterval(seconds);
     agent->setTimeIntervalInSec(seconds);

@@ -128,6 +128,17 @@ bool Watchdog::isDue(time_t now, const LOG1_Context& trace) {
   resetOnNewDay(nowDay, checkedDay, trace);
 
   const double elapsed = difftime(now, lastChecked);
+  if (elapsed < 0.0) {
+    // The wall clock was set back past the last check. Measured from a check
+    // that seems to lie ahead, the agent would wait out the whole change, an
+    // hour for a clock set back an hour, before it were checked again. It is
+    // checked now, and its schedule starts afresh from this check.
+    QOR_TRACE_DETAIL("Agent %s was last checked %f sec ahead of now: the clock was set back, checking now.\n",
+                     agent->getshortID().c_str(), -elapsed);
+    QOR_TRACE_DETAIL("Now(%s) ", timeText(now).c_str());
+    QOR_TRACE_DETAIL("LastChecked(%s)", timeText(lastChecked).c_str());
+    return true;
+  }
   QOR_TRACE_DETAIL("Agent %s was last checked %f sec ago.\n", agent->getshortID().c_str(), elapsed);
   QOR_TRACE_DETAIL("Now(%s) ", timeText(now).c_str());
   QOR_TRACE_DETAIL("LastChecked(%s)", timeText(lastChecked).c_str());

@@ -107,7 +107,11 @@ void Controller::refreshWatchedRecords() {
   for (Agent* agent : watchdogList) {
     if (agent->getManagedState() != WatchdogManaged) continue;
     const time_t now = time(nullptr);
-    if (difftime(now, watchdogListChecked) <= 30.0 && watchdogDataValid) continue;
+    // A last refresh that lies ahead means the clock was set back: the data
+    // is as old as nobody knows, so it is refreshed rather than kept for as
+    // long as the clock went back.
+    const double since = difftime(now, watchdogListChecked);
+    if (since >= 0.0 && since <= 30.0 && watchdogDataValid) continue;
     watchdogListChecked = now;
     work.emplace_back(agent, new Agent(*agent, false));
   }

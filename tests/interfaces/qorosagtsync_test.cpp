@@ -22,6 +22,7 @@
 #include "cap/qorpol.h"
 #include "core/qorctrl.h"
 #include "interfaces/qorsockclient.h"
+#include "support/controlleraccess.h"
 #include "support/qortest.h"
 #include "watchdog/proctest.h"
 #include "watchdog/qorwd.h"
@@ -306,6 +307,21 @@ TEST_F(WatchedSnapshot, WithinThirtySecondsOfAValidRefreshNoQueryIsMadeButAfterA
   snapshot(true);
   EXPECT_EQ(std::vector<std::string>({"622 QUERY HEALTH_INFO", "622 RESET_COUNT", "622 QUERY HEALTH_INFO"}),
             wd.requests());
+}
+
+// A clock set back an hour puts the last refresh an hour ahead: the record
+// is refreshed at the next update all the same, not an hour later.
+TEST_F(WatchedSnapshot, ARefreshThatLiesAheadAfterTheClockWasSetBackIsMadeAgainAtTheNextUpdate) {
+  AnsweringServer wd(dir.file(".teo_wd_sock"), "5|");
+  startHost();
+  EXPECT_EQ(5, snapshot(true).count);
+  EXPECT_EQ(1u, wd.requests().size());
+  ControllerTestAccess::setWatchdogListChecked(time(nullptr) + 3600);
+  EXPECT_EQ(5, snapshot(true).count);
+  EXPECT_EQ(std::vector<std::string>({"622 QUERY HEALTH_INFO", "622 QUERY HEALTH_INFO"}), wd.requests());
+  // Refreshed now, the record is kept for thirty seconds again.
+  snapshot(true);
+  EXPECT_EQ(2u, wd.requests().size());
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 class ControllerTestAccess {
  public:
   static void setStartup(time_t when) { Controller::getController()->startup = when; }
+  static void setWatchdogListChecked(time_t when) { Controller::getController()->watchdogListChecked = when; }
   static void setDisarmed(bool on) { Controller::getController()->disarmed.store(on); }
   // The watchdog process's event cache without a started service; null takes it away.
   static void setWDCache(Message_Cache* cache) {

@@ -3,13 +3,21 @@
 // handler thread with the discovery lock and the lock of the managed list
 // held; the watchdog list is locked only around its own reads and changes,
 // never while a script runs.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
 
 #include "agents/qoragt.h"
 #include "cap/qorunx.h"
 #include "cap/qorxmlproc.h"
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
+#include "core/qorutil.h"
 #include "platform/log1.h"
 #include "watchdog/qorcmd.h"
 #include "watchdog/qorwd.h"
@@ -78,7 +86,49 @@ void Controller::initialDiscovery() {
   complete->processEvent();
 }
 
+namespace {
+
+// A CAP file is a small document; anything this large is no CAP file, and
+// its text would all be kept in memory by the parse.
+constexpr off_t kLargestCapFile = 1 << 20;
+
+// Whether `path` names a regular file of a CAP file's size that this process
+// can open. The processor opens whatever it is given and stays in its read
+// loop when the open fails, or in the open itself for a FIFO that no one
+// writes, with the CAP locks held: every other agent would go unchecked. The
+// look is taken without blocking, and each refusal is traced with its cause.
+bool capFileCanBeParsed(const std::wstring& path) {
+  QOR_TRACE_FUNCTION();
+  const std::string narrow = qor_narrow(path);
+  int fd = open(narrow.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) {
+    QOR_TRACE_ERROR("Cannot open the CAP file %s: %s\n", narrow.c_str(), strerror(errno));
+    return false;
+  }
+  struct stat status;
+  const bool known = fstat(fd, &status) == 0;
+  const int error = errno;
+  close(fd);
+  if (!known) {
+    QOR_TRACE_ERROR("Cannot look at the CAP file %s: %s\n", narrow.c_str(), strerror(error));
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    QOR_TRACE_ERROR("The CAP file %s is not a regular file\n", narrow.c_str());
+    return false;
+  }
+  if (status.st_size > kLargestCapFile) {
+    QOR_TRACE_ERROR("The CAP file %s is too large: %lld bytes\n", narrow.c_str(),
+                    static_cast<long long>(status.st_size));
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 bool Controller::ParseCAPFile(const std::wstring& path, Policy& policy) {
+  if (!capFileCanBeParsed(path)) return false;
   return xmlProcessor->parse(path, policy) == 0;
 }
 

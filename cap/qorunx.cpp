@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <set>
+#include <string>
 
 #include "core/qorctrl.h"
 #include "core/qorevt.h"
@@ -67,6 +70,45 @@ void compareOnce(std::vector<std::wstring>& known, const std::vector<std::wstrin
   }
 }
 
+// Whether a directory can be listed now, with errno telling why not.
+bool directoryReadable(const std::string& directory) {
+  DIR* handle = opendir(directory.c_str());
+  if (handle == nullptr) return false;
+  closedir(handle);
+  return true;
+}
+
+// A directory that cannot be listed counts as empty, so its files read as
+// removed, one per poll. That it went is told once at the error level, when
+// first seen, and that it came back once at the story level: a directory
+// that stays away must not fill the trace with an error on every poll.
+// `lost` holds the directories unreadable at the last look; those that were
+// never readable are in it from the start and are not told.
+void noteLostDirectories(std::set<std::wstring>& lost) {
+  QOR_TRACE_FUNCTION();
+  for (const std::wstring& directory : Controller::getController()->getCAPDirPaths()) {
+    const std::string narrow = qor_narrow(directory);
+    if (directoryReadable(narrow)) {
+      if (lost.erase(directory) != 0)
+        QOR_TRACE_STORY("CAP directory <%s> can be read again.\n", narrow.c_str());
+      continue;
+    }
+    const int error = errno;
+    if (lost.insert(directory).second) {
+      QOR_TRACE_ERROR("Cannot read the CAP directory <%s>: %s\n", narrow.c_str(), strerror(error));
+    }
+  }
+}
+
+// The directories that cannot be listed when the watcher starts.
+std::set<std::wstring> unreadableDirectories() {
+  std::set<std::wstring> unreadable;
+  for (const std::wstring& directory : Controller::getController()->getCAPDirPaths()) {
+    if (!directoryReadable(qor_narrow(directory))) unreadable.insert(directory);
+  }
+  return unreadable;
+}
+
 }  // namespace
 
 bool Match(const std::wstring& first, const std::wstring& second) { return first == second; }
@@ -118,6 +160,7 @@ std::vector<std::wstring> GetCAPDirFiles(const std::wstring& directory) {
 void* HandleDirectoryChanges(void* /*unused*/) {
   QOR_TRACE_FUNCTION();
   std::vector<std::wstring> directoryFileList = listAllCapFiles();
+  std::set<std::wstring> lostDirectories = unreadableDirectories();
   const int interval = CapDiscoveryInterval();
   QOR_TRACE_DETAIL("CAP files discovery interval: %d seconds\n", interval);
   for (;;) {
@@ -125,6 +168,7 @@ void* HandleDirectoryChanges(void* /*unused*/) {
       QOR_TRACE_STORY("Shutdown signaled.");
       return nullptr;
     }
+    noteLostDirectories(lostDirectories);
     std::vector<std::wstring> currentFileList = listAllCapFiles();
     QOR_TRACE_STORY("Size of currentFileList = %d", static_cast<int>(currentFileList.size()));
     compareOnce(directoryFileList, currentFileList);

@@ -1,5 +1,7 @@
 #include "core/qorutil.h"
 
+#include <unistd.h>
+
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -149,6 +151,15 @@ bool FileExists(const std::wstring& path) {
     QOR_TRACE_DETAIL("File found %s.\n", narrow.c_str());
     return true;
   }
-  QOR_TRACE_DETAIL("File not found %s. Error code (%d).\n", narrow.c_str(), errno);
+  const int error = errno;
+  // Out of descriptors, the process or the host, the open says nothing of the
+  // file. Taken for missing, every agent's executable would be "not found"
+  // and its agent dropped from supervision for good by one passing shortage;
+  // access needs no descriptor and still asks for a readable file.
+  if ((error == EMFILE || error == ENFILE) && access(narrow.c_str(), R_OK) == 0) {
+    QOR_TRACE_DETAIL("File found %s.\n", narrow.c_str());
+    return true;
+  }
+  QOR_TRACE_DETAIL("File not found %s. Error code (%d).\n", narrow.c_str(), error);
   return false;
 }

@@ -69,6 +69,7 @@ struct QorCmdUNIX::PollOutcome {
   int remaining = 0;  // the whole seconds of the budget left at the last pass
   bool timedOut = false;
   bool appStarted = false;
+  bool outputEnded = false;  // the last read found the end of the script's output
   bool shutdown = false;
   int readError = 0;
   int childStatus = -1;  // -1: the child was not reaped in the loop
@@ -142,6 +143,7 @@ void QorCmdUNIX::pollCommand(FILE* stream, int pid, QorScript* script, Agent* ag
       output.append(buffer, bytes);
       continue;
     }
+    end.outputEnded = feof(stream) != 0;
     if (ferror(stream)) {
       int error = errno;
       QOR_TRACE_DETAIL("There is an error returned from reading buffer. %d\n", error);
@@ -184,11 +186,51 @@ int QorCmdUNIX::finishCommand(FILE* stream, int pid, const PollOutcome& end) {
   return QOR_TRACE_RETURN((status & 0xff00) >> 8);
 }
 
+namespace {
+
+bool drainedToEnd(FILE* stream);
+
+// Whether the child `pid` ends within a second; reaped if so.
+bool reapedSoon(int pid) {
+  const QorDeadline deadline{std::chrono::seconds(1)};
+  while (waitpid(pid, nullptr, WNOHANG) != pid) {
+    if (deadline.passed()) return false;
+    usleep(10000);
+  }
+  return true;
+}
+
+// Whether every writer of `stream` closes it within a second. The script has
+// ended, but a child that another thread forked meanwhile holds a copy of the
+// pipe until it runs its own program.
+bool endsSoon(FILE* stream) {
+  const QorDeadline deadline{std::chrono::seconds(1)};
+  while (!drainedToEnd(stream)) {
+    if (deadline.passed()) return false;
+    usleep(10000);
+  }
+  return true;
+}
+
+}  // namespace
+
 int QorCmdUNIX::abandonCommand(FILE* stream, int pid, QorScript* script, Agent* agent,
                                const PollOutcome& end) {
   QOR_TRACE_FUNCTION();
   if (end.appStarted) {
-    addDefunctProcess(pid, stream);
+    // The script that started the application has mostly ended by now, or
+    // ends in a moment: reaped here, it leaves no zombie behind, and once its
+    // output has ended no open pipe either. Only the discovery pass cleans
+    // the kept ones, and an embedded service without discovery would gain
+    // one of each with every restart, until it could open no pipe and
+    // restart nothing more. A script that goes on running is kept as before.
+    if (!reapedSoon(pid)) {
+      addDefunctProcess(pid, stream);
+    } else if (end.outputEnded || endsSoon(stream)) {
+      fclose(stream);
+    } else {
+      keepStream(stream);  // a process the script started still holds the pipe
+    }
     return QOR_TRACE_RETURN(0);
   }
   // A start that ran out of time still succeeded if the application runs, a

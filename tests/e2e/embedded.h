@@ -153,16 +153,19 @@ class EmbeddedService : public ::testing::Test {
                             timeoutMs);
   }
   // The agent `id` as a snapshot shows it now.
-  Seen seen(const std::string& id) {
-    Seen found;
+  Seen seen(const std::string& id) { return seenAll({id}).front(); }
+  // The agents `ids`, in that order, as one snapshot shows them now.
+  std::vector<Seen> seenAll(const std::vector<std::string>& ids) {
+    std::vector<Seen> found(ids.size());
     QOR_AgentIterator* agents = service->getAgentIterator(true);
     if (agents == nullptr) return found;
     while (agents->getNextAgentEntry()) {
       char* subagent = QOR_wcstombs(agents->getSubagentID());
-      if (subagent != nullptr && id == subagent) {
-        found.state = agents->getOperationalStatus();
-        found.pid = agents->getProcessID();
-        found.restarts = agents->getDailyRestartCount();
+      for (size_t i = 0; subagent != nullptr && i < ids.size(); ++i) {
+        if (ids[i] != subagent) continue;
+        found[i].state = agents->getOperationalStatus();
+        found[i].pid = agents->getProcessID();
+        found[i].restarts = agents->getDailyRestartCount();
       }
       delete[] subagent;
     }

@@ -11,6 +11,7 @@
 #include "core/qordeadline.h"
 #include "core/qorevt.h"
 #include "platform/log1.h"
+#include "watchdog/qorcmd.h"
 #include "watchdog/qorwd.h"
 
 QOR_TRACE_UNIT();
@@ -111,6 +112,11 @@ void Controller::AvailChecking() {
   int previous = 0;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
   ManagedProcessList& list = managedEndpointProcesses;
+  // A start script whose program is up is left running, its pipe kept open,
+  // until someone reaps it: the discovery pass does, and the watchdog
+  // process's own loop. Without them each start would keep a zombie and a
+  // descriptor for good, so the cycle reaps at each wake instead.
+  const bool reapLeftScripts = !isWatchDogMode() && getDiscoveryInterval() == 0;
   while (!isShuttingDown()) {
     const int interval = list.getInterval();
     CheckSchedule schedule{list.getMasterMask(), list.getCycleCount()};
@@ -127,6 +133,7 @@ void Controller::AvailChecking() {
       // A change made during the sleep is seen only now.
       if (list.isDirty() && !takeNewSchedule(list, schedule, cycle, trace)) break;
       if (cycle < schedule.cycles && !isShuttingDown()) pushDueChecks(this, cycle, trace);
+      if (reapLeftScripts) GetCmdManager()->cleanUpDefunctProcesses();
     }
   }
   signalAVShutdownComplete();

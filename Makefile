@@ -20,10 +20,10 @@ DEB_PACKAGES  := build-essential cmake ninja-build pkg-config libexpat1-dev libi
                  prometheus chromium chromium-driver python3-selenium curl \
                  scdoc man-db groff-base \
                  libsystemd-dev systemd \
-                 logrotate faketime \
+                 logrotate faketime gnuplot-nox \
                  lintian dpkg-dev file
 
-.PHONY: all build build-clang deps install package test test-sanitize test-tsan fuzz fuzz-run bench bench-micro bench-supervise bench-run demo clean help
+.PHONY: all build build-clang deps install package test test-sanitize test-tsan fuzz fuzz-run bench bench-micro bench-supervise bench-run soak demo clean help
 
 all: build
 
@@ -40,6 +40,7 @@ help:
 	@echo "make demo          run qorwd, which keeps qorhost alive on examples/cap (Ctrl-C stops both)"
 	@echo "make bench-supervise  measure qorhost supervising 10 and 100 agents (bench/README.md)"
 	@echo "make bench-run     both: bench-micro, then bench-supervise"
+	@echo "make soak          qorhost under AddressSanitizer for SOAK_MINUTES=60 with kills and CAP changes (bench/README.md)"
 	@echo "make install       build, then install into /usr/local (PREFIX=/opt/qor for another prefix, DESTDIR=DIR to stage)"
 	@echo "make package       the Debian package $(PACKAGE_DIR)/qor_<version>_<arch>.deb (prefix /usr, no tests)"
 	@echo "make deps          install the Debian packages the build needs (as root)"
@@ -185,6 +186,21 @@ bench-supervise: build
 	$(call supervise_run,10,--status-scripts,$(BENCH_DURATION),status-scripts)
 	$(call supervise_run,100,,$(BENCH_PLAIN_DURATION),no-status-scripts)
 	$(call supervise_run,100,--status-scripts,$(BENCH_DURATION),status-scripts)
+
+# The soak: qorhost of the AddressSanitizer build, as test-sanitize
+# configures it, on 100 agents for an hour of kills and CAP changes
+# (bench/README.md). One CSV row a minute in $(SANITIZE_DIR)/soak/soak.csv,
+# the summary in soak.json beside it, the plot in soak.png when gnuplot is
+# there; the exit status is the verdict.
+SOAK_MINUTES ?= 60
+SOAK_AGENTS  ?= 100
+
+soak: deps
+	CC=clang CXX=clang++ cmake -S . -B $(SANITIZE_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DQOR_SANITIZE=ON
+	cmake --build $(SANITIZE_DIR) -j $(JOBS) --target qorhost qorctl
+	bench/soak -n $(SOAK_AGENTS) --minutes $(SOAK_MINUTES) \
+	  --qorhost $(SANITIZE_DIR)/tools/qorhost --qorctl $(SANITIZE_DIR)/tools/qorctl \
+	  --out $(SANITIZE_DIR)/soak $(if $(shell command -v gnuplot),--plot $(SANITIZE_DIR)/soak/soak.png)
 
 clean:
 	rm -rf $(BUILD_DIR) $(PACKAGE_DIR) $(CLANG_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(BENCH_DIR)

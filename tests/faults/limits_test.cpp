@@ -41,15 +41,27 @@ class Limits : public e2e::EmbeddedService {
  protected:
   void SetUp() override {
     e2e::EmbeddedService::SetUp();
+    makeAgents("qorlimits", "limits.", "Limits ", false);
+  }
+  // Writes the fifty agents, programs PROGRAM00 to PROGRAM49 with the ids
+  // ID00... and the names NAME00..., each with the example's status command
+  // when `statusScripts`, and starts their programs.
+  void makeAgents(const std::string& program, const std::string& id, const std::string& name,
+                  bool statusScripts) {
     savedRetryInterval = WD_START_RETRY_INTERVAL;
     WD_START_RETRY_INTERVAL = 1;
     for (int i = 0; i < kAgents; ++i) {
       char number[8];
       std::snprintf(number, sizeof number, "%02d", i);
-      names.push_back(std::string("qorlimits") + number);
-      ids.push_back(std::string("limits.") + number);
-      writeAgent(names.back() + ".xml", e2e::agentFor(ids.back(), std::string("Limits ") + number, programs,
-                                                      names.back(), start, 1000, 5));
+      names.push_back(program + number);
+      ids.push_back(id + number);
+      captest::Subagent agent = e2e::agentFor(ids.back(), name + number, programs, names.back(), start, 1000, 5);
+      if (statusScripts) {
+        agent.availabilityStatusScript =
+            captest::script("availabilityStatusScript", "QOR_EXAMPLES_RUN=" + programs.dir() + " /bin/sh " +
+                                                            programs.script() + " status " + names.back());
+      }
+      writeAgent(names.back() + ".xml", agent);
     }
     programs.startAll(names);
   }
@@ -222,21 +234,7 @@ class LimitsAsNobody : public Limits {
   void SetUp() override {
     if (std::getenv("QOR_LIMITS_AS_NOBODY") == nullptr) GTEST_SKIP() << "run by LimitsProcesses only";
     e2e::EmbeddedService::SetUp();
-    savedRetryInterval = WD_START_RETRY_INTERVAL;
-    WD_START_RETRY_INTERVAL = 1;
-    for (int i = 0; i < kAgents; ++i) {
-      char number[8];
-      std::snprintf(number, sizeof number, "%02d", i);
-      names.push_back(std::string("qorlimitp") + number);
-      ids.push_back(std::string("limitp.") + number);
-      captest::Subagent agent =
-          e2e::agentFor(ids.back(), std::string("Limitp ") + number, programs, names.back(), start, 1000, 5);
-      agent.availabilityStatusScript =
-          captest::script("availabilityStatusScript", "QOR_EXAMPLES_RUN=" + programs.dir() + " /bin/sh " +
-                                                          programs.script() + " status " + names.back());
-      writeAgent(names.back() + ".xml", agent);
-    }
-    programs.startAll(names);
+    makeAgents("qorlimitp", "limitp.", "Limitp ", true);
   }
   void TearDown() override {
     if (processesLimited) setrlimit(RLIMIT_NPROC, &savedProcesses);

@@ -177,6 +177,7 @@ TEST_F(Churn, EveryKillOfTwentyAgentsIsFollowedByExactlyOneRestartAndNothingLeak
       << "not every agent was seen running at the start";
   ASSERT_TRUE(noWorkerLeft(10000));
   const int fdsBefore = churn::descriptorsOf(self);
+  const std::string fdsBeforeDescribed = churn::descriptorsDescribed(self);
   const int threadsBefore = churn::threadsOf(self);
 
   // The kill times, drawn at random over the run.
@@ -264,7 +265,9 @@ TEST_F(Churn, EveryKillOfTwentyAgentsIsFollowedByExactlyOneRestartAndNothingLeak
   EXPECT_EQ(kills, restartSum(last));
   EXPECT_EQ(static_cast<size_t>(kills), latencies.size());
   EXPECT_EQ(std::vector<int>{}, churn::zombieChildren(self));
-  EXPECT_TRUE(fdsBack) << "descriptors before " << fdsBefore << ", after " << fdsAfter;
+  EXPECT_TRUE(fdsBack) << "descriptors before " << fdsBefore << ", after " << fdsAfter << "\nbefore:\n"
+                       << fdsBeforeDescribed << "after:\n"
+                       << churn::descriptorsDescribed(self);
   EXPECT_TRUE(threadsBack) << "threads before " << threadsBefore << ", after " << threadsAfter;
   const std::string errors = qortest::readFile(work.file("trace"));
   EXPECT_EQ(0, qortest::countOccurrences(errors, "qor_popen failed")) << errors.substr(0, 4000);
@@ -306,7 +309,11 @@ TEST_F(ChurnOne, ARestartedAgentLeavesNoZombieNorOpenPipeInAServiceWithoutDiscov
   ASSERT_TRUE(noWorkerLeft());
   EXPECT_EQ(3u, start.log("end", "qorchurnone").size());
   EXPECT_EQ(std::vector<int>{}, churn::zombieChildren(self));
-  EXPECT_EQ(fdsBefore, churn::descriptorsOf(self));
+  // A pipe whose end the script has not yet reached when its start is done
+  // is kept, and closed by the availability cycle at a later wake.
+  const bool fdsBack = qortest::waitFor([&] { return churn::descriptorsOf(self) == fdsBefore; }, 5000);
+  EXPECT_TRUE(fdsBack) << "descriptors before " << fdsBefore << ", after " << churn::descriptorsOf(self) << "\n"
+                       << churn::descriptorsDescribed(self);
   QorCmdUNIX* commands = dynamic_cast<QorCmdUNIX*>(GetCmdManager());
   ASSERT_NE(nullptr, commands);
   EXPECT_EQ(std::vector<int>{}, commands->getDefunctProcesses());

@@ -92,6 +92,36 @@ inline std::vector<int> processesRunning(const std::string& path) {
   return found;
 }
 
+// What each open descriptor of `pid` is, one "FD -> TARGET" per line; for a
+// pipe or socket, the other processes that hold it too. For the message of
+// a failed descriptor count: which one was left, and who keeps it alive.
+inline std::string descriptorsDescribed(int pid) {
+  const std::string folder = "/proc/" + std::to_string(pid) + "/fd/";
+  std::string text;
+  for (int fd : numericEntries(folder)) {
+    char target[PATH_MAX];
+    const ssize_t length = readlink((folder + std::to_string(fd)).c_str(), target, sizeof target - 1);
+    if (length <= 0) continue;
+    const std::string link(target, static_cast<size_t>(length));
+    text += std::to_string(fd) + " -> " + link;
+    if (link.rfind("pipe:", 0) == 0 || link.rfind("socket:", 0) == 0) {
+      for (int other : numericEntries("/proc")) {
+        if (other == pid) continue;
+        const std::string otherFolder = "/proc/" + std::to_string(other) + "/fd/";
+        for (int otherFd : numericEntries(otherFolder)) {
+          const ssize_t n = readlink((otherFolder + std::to_string(otherFd)).c_str(), target, sizeof target - 1);
+          if (n > 0 && std::string(target, static_cast<size_t>(n)) == link) {
+            text += " (also pid " + std::to_string(other) + " " + executableOf(other) + ")";
+            break;
+          }
+        }
+      }
+    }
+    text += "\n";
+  }
+  return text;
+}
+
 }  // namespace churn
 
 #endif  // QOR_TESTS_FAULTS_CHURNPROC_H

@@ -115,12 +115,12 @@ inline std::string capFile(const std::string& id, const std::string& name, const
 // The embedding host itself as the OS agent, supervised by the watchdog
 // process. Agents that come after startup are managed only while the
 // directory holds such a file.
-inline std::string osAgentCapFile() {
+inline std::string osAgentCapFile(const std::string& path = tool("qorhost")) {
   captest::Subagent host;
   host.id = "e2e.host";
   host.agentName = "<agentName>Embedding host</agentName>";
   host.procName = "<procName>qorhost</procName>";
-  host.agentPath = "<agentPath>" + tool("qorhost") + "</agentPath>";
+  host.agentPath = "<agentPath>" + path + "</agentPath>";
   host.managerType = "<managerType>WatchDog</managerType>";
   return captest::document(host);
 }

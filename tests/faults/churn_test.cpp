@@ -72,10 +72,10 @@ struct Tracked {
   bool lostPid = false;
 };
 
-class Churn : public e2e::EmbeddedService {
+class Churn : public churn::CountedService {
  protected:
   void SetUp() override {
-    e2e::EmbeddedService::SetUp();
+    churn::CountedService::SetUp();
     // Only errors: detail over a thousand restarts would make the trace
     // file the run's main work.
     qortest::traceTo(work.file("trace"), 128);
@@ -96,7 +96,7 @@ class Churn : public e2e::EmbeddedService {
     programs.startAll(programNames);
   }
   void TearDown() override {
-    e2e::EmbeddedService::TearDown();
+    churn::CountedService::TearDown();
     WD_START_RETRY_INTERVAL = savedRetryInterval;
   }
 
@@ -285,7 +285,7 @@ TEST_F(Churn, EveryKillOfTwentyAgentsIsFollowedByExactlyOneRestartAndNothingLeak
 // again. Its start script ends as soon as the program runs, which the
 // service sees before it reads the end of the script: the shell must still
 // be reaped and its pipe closed, though no discovery pass runs here.
-class ChurnOne : public e2e::EmbeddedService {};
+class ChurnOne : public churn::CountedService {};
 
 TEST_F(ChurnOne, ARestartedAgentLeavesNoZombieNorOpenPipeInAServiceWithoutDiscovery) {
   programs.start("qorchurnone");

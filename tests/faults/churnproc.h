@@ -1,6 +1,7 @@
 // What the churn and limits tests read of a process from /proc: its open
 // descriptors, its threads, its zombie children, and the processes that run
-// a given executable. Used on the test's main thread, before and after a run.
+// a given executable. Used on the test's main thread, before and after a run;
+// and the embedded service those tests count in.
 #ifndef QOR_TESTS_FAULTS_CHURNPROC_H
 #define QOR_TESTS_FAULTS_CHURNPROC_H
 
@@ -13,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "e2e/e2ehelp.h"
+#include "e2e/embedded.h"
 #include "support/qortest.h"
 
 namespace churn {
@@ -121,6 +124,23 @@ inline std::string descriptorsDescribed(int pid) {
   }
   return text;
 }
+
+// The embedded service of a test that counts its own descriptors. Its OS
+// agent's program is a file of the test's own that never runs: the build's
+// qorhost, which other tests run meanwhile, would be taken for the OS agent,
+// and each refresh of that record asks a watchdog socket that no qorwd
+// serves here. A failed connect leaves its socket open, one every 30 s, and
+// the count would show the neighbour rather than this service.
+class CountedService : public e2e::EmbeddedService {
+ protected:
+  void SetUp() override {
+    e2e::EmbeddedService::SetUp();
+    const std::string host = work.file("qorhost");
+    qortest::writeFile(host, "#!/bin/sh\nexit 0\n");
+    qortest::makeExecutable(host);
+    writeCap("host.xml", e2e::osAgentCapFile(host));
+  }
+};
 
 }  // namespace churn
 

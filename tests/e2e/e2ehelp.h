@@ -56,10 +56,13 @@ class Programs {
   }
   // The executable of a program, whether it runs or not.
   std::string path(const std::string& name) const { return dir_.file("bin/" + name); }
+  // Installs the program without starting it. The service may start it,
+  // so it is stopped at the end as well.
   void install(const std::string& name) {
     qortest::runProgram({"/bin/mkdir", "-p", dir_.file("bin")});
     qortest::writeFile(path(name), qortest::readFile("/bin/sleep"));
     qortest::makeExecutable(path(name));
+    adopt(name);
   }
   std::string script() const { return qortest::sourceDir() + "/examples/scripts/example-daemon.sh"; }
   std::string env() const { return "QOR_EXAMPLES_RUN=" + dir_.path(); }

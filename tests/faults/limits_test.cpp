@@ -49,12 +49,7 @@ struct CommandTally {
 CommandTally tallyCommands(const std::string& trace) {
   CommandTally tally;
   std::map<std::string, bool> pending;  // by the thread's "[id]"
-  size_t begin = 0;
-  while (begin < trace.size()) {
-    size_t end = trace.find('\n', begin);
-    if (end == std::string::npos) end = trace.size();
-    const std::string line = trace.substr(begin, end - begin);
-    begin = end + 1;
+  for (const std::string& line : qortest::linesWith(trace, "")) {
     const size_t open = line.find('[');
     const size_t close = line.find(']', open);
     if (open == std::string::npos || close == std::string::npos) continue;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "qorapi.h"
+#include "qorheap.h"
 
 #ifndef QOR_VERSION
 #error "QOR_VERSION is set by the build from the project's version"
@@ -259,6 +260,12 @@ bool metricsText(QOR_QueryService& service, const qorring::EventRing& ring, std:
   for (const auto& count : ring.counts())
     text +=
         "qor_events_total{id=\"" + std::to_string(count.first) + "\"} " + std::to_string(count.second) + "\n";
+  std::uint64_t heapBytes = 0;
+  if (qorheap::inUseBytes(heapBytes)) {
+    family(text, "qor_heap_in_use_bytes", "gauge",
+           "Bytes that qorhost's heap allocations hold now, as its allocator counts them.");
+    text += "qor_heap_in_use_bytes " + std::to_string(heapBytes) + "\n";
+  }
   family(text, "qor_build_info", "gauge", "The version of qorhost; always 1.");
   text += "qor_build_info{version=\"" + escapeLabel(QOR_VERSION) + "\"} 1\n";
   return true;

@@ -404,7 +404,7 @@ TEST(ControlSocketReadme, NamesEveryKeyOfTheAgentObjectAndEveryMetric) {
   for (const char* metric :
        {"qor_agent_up", "qor_agent_operating_state", "qor_agent_restarts_today", "qor_agent_max_restarts",
         "qor_agent_last_check_timestamp_seconds", "qor_agent_cpu_percent", "qor_agent_resident_bytes",
-        "qor_events_total", "qor_build_info"})
+        "qor_events_total", "qor_heap_in_use_bytes", "qor_build_info"})
     EXPECT_NE(std::string::npos, section.find(std::string("`") + metric)) << metric;
 }
 

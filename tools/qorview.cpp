@@ -231,6 +231,10 @@ std::string instanceLabel(const json& agent) {
 }  // namespace
 
 bool metricsText(QOR_QueryService& service, const qorring::EventRing& ring, std::string& text) {
+  // Taken before this answer is built, so that it counts what the program
+  // holds and not the answer's own text.
+  std::uint64_t heapBytes = 0;
+  const bool heapKnown = qorheap::inUseBytes(heapBytes);
   json agents;
   if (!allAgents(service, agents)) return false;
   std::vector<Series> series;
@@ -260,8 +264,7 @@ bool metricsText(QOR_QueryService& service, const qorring::EventRing& ring, std:
   for (const auto& count : ring.counts())
     text +=
         "qor_events_total{id=\"" + std::to_string(count.first) + "\"} " + std::to_string(count.second) + "\n";
-  std::uint64_t heapBytes = 0;
-  if (qorheap::inUseBytes(heapBytes)) {
+  if (heapKnown) {
     family(text, "qor_heap_in_use_bytes", "gauge",
            "Bytes that qorhost's heap allocations hold now, as its allocator counts them.");
     text += "qor_heap_in_use_bytes " + std::to_string(heapBytes) + "\n";

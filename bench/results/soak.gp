@@ -1,4 +1,4 @@
-# Draws the rows of a soak run (bench/soak): RSS, heap and descriptors above,
+# Draws the rows of a soak run (bench/soak): RSS and descriptors above,
 # check lateness below, against the minutes since qorhost started.
 #   gnuplot -e "csv='soak.csv'; png='soak.png'; heading='...'" soak.gp
 # bench/soak --plot PNG runs it so.
@@ -15,16 +15,14 @@ set multiplot layout 2,1 title heading
 
 set title "Memory and descriptors"
 set xlabel "minute"
-set ylabel "MiB"
+set ylabel "RSS (MiB)"
 set y2label "descriptors, threads"
 set ytics nomirror
 set y2tics
 set y2range [0:*]
-# Columns by name, so that the rows of earlier runs, without the heap, still draw.
-plot csv using "minute":(column("rss_kb")/1024.0) with linespoints title "RSS (MiB)" axes x1y1, \
-     csv using "minute":(column("heap_kb")/1024.0) with linespoints title "heap in use (MiB)" axes x1y1, \
-     csv using "minute":"fds" with steps title "descriptors" axes x1y2, \
-     csv using "minute":"threads" with steps title "threads" axes x1y2
+plot csv using 1:($2/1024.0) with linespoints title "RSS (MiB)" axes x1y1, \
+     csv using 1:3 with steps title "descriptors" axes x1y2, \
+     csv using 1:4 with steps title "threads" axes x1y2
 
 set title "Check lateness per minute"
 set ylabel "lateness (ms)"
@@ -32,7 +30,7 @@ unset y2label
 unset y2tics
 set ytics mirror
 set logscale y
-plot csv using "minute":"late_median_ms" with linespoints title "median", \
-     csv using "minute":"late_p99_ms" with linespoints title "p99", \
-     csv using "minute":"late_max_ms" with linespoints title "max"
+plot csv using 1:6 with linespoints title "median", \
+     csv using 1:7 with linespoints title "p99", \
+     csv using 1:8 with linespoints title "max"
 unset multiplot

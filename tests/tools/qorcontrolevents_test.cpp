@@ -159,8 +159,8 @@ TEST_F(ControlHost, MetricsPassPromtoolAndGiveTheAgentsFigures) {
   EXPECT_NE(
       std::string::npos,
       metrics.find("# TYPE qor_build_info gauge\nqor_build_info{version=\"" QOR_TEST_VERSION "\"} 1\n"));
-  // One figure without labels: whole bytes, more than nothing, since the
-  // answer itself was being built on the heap.
+  // One figure without labels: whole bytes, and more than nothing, since a
+  // running service always holds its agents' records.
   const std::string heap = "# TYPE qor_heap_in_use_bytes gauge\nqor_heap_in_use_bytes ";
   const size_t heapAt = metrics.find(heap);
   ASSERT_NE(std::string::npos, heapAt) << metrics;
